@@ -1,0 +1,76 @@
+#include "tovana/base/logging.h"
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana {
+namespace {
+
+/// Collects records for one test and puts the default sink and level back.
+class LoggingTest : public testing::Test {
+ protected:
+  LoggingTest() {
+    set_log_sink([this](const LogRecord& record) { _records.push_back(record); });
+  }
+  ~LoggingTest() override {
+    set_log_sink({});
+    set_log_level(LogLevel::info);
+  }
+
+  std::vector<LogRecord> _records;
+  const Logger& _log = logger("test.module");
+};
+
+TEST_F(LoggingTest, KeepsFormatAndArgumentsApartAndRendersThem) {
+  const std::string name = "100 % %s";
+  _log.warning("%s: %d of %d, %.0f s, %.1f, %f %%, %s and %s", name, -3, std::size_t{7}, 12.5, 0.25,
+               0.5f, std::optional<std::string>(), "literal");
+  _log.debug("below the level: %s", name);
+  set_log_level(LogLevel::debug);
+  _log.debug("no arguments");
+
+  ASSERT_EQ(_records.size(), 2U);
+  EXPECT_EQ(_records[0].logger, "test.module");
+  EXPECT_EQ(_records[0].level, LogLevel::warning);
+  EXPECT_EQ(_records[0].format, "%s: %d of %d, %.0f s, %.1f, %f %%, %s and %s");
+  ASSERT_EQ(_records[0].arguments.size(), 8U);
+  EXPECT_EQ(_records[0].arguments[0], LogArgument(name));
+  EXPECT_EQ(_records[0].arguments[1], LogArgument(std::int64_t{-3}));
+  EXPECT_EQ(_records[0].arguments[6], LogArgument());
+  EXPECT_EQ(_records[0].message(), "100 % %s: -3 of 7, 12 s, 0.2, 0.500000 %, None and literal");
+  EXPECT_EQ(_records[1].message(), "no arguments");
+}
+
+TEST_F(LoggingTest, AttachesErrorsByKind) {
+  _log.warning_with_error(ValueError("of ours"), "failed");
+  _log.warning_with_error(std::out_of_range("foreign"), "failed");
+  ASSERT_EQ(_records.size(), 2U);
+  EXPECT_EQ(_records[0].error->kind, "ValueError");
+  EXPECT_EQ(_records[0].error->message, "of ours");
+  EXPECT_EQ(_records[1].error->kind, "std::out_of_range");
+  EXPECT_EQ(_records[1].error->message, "foreign");
+}
+
+TEST_F(LoggingTest, SurvivesASinkThatLogsReplacesItselfAndThrows) {
+  std::vector<std::string> seen;
+  set_log_sink([&](const LogRecord& record) {
+    seen.emplace_back(record.format);
+    if (record.format == "outer") {
+      _log.info("inner");  // hangs if a lock is held around a sink
+      set_log_sink([&](const LogRecord& later) { seen.push_back(later.message() + "!"); });
+    }
+    throw std::runtime_error("sink");
+  });
+  _log.info("outer");
+  _log.info("last");
+  EXPECT_EQ(seen, (std::vector<std::string>{"outer", "inner", "last!"}));
+}
+
+}  // namespace
+}  // namespace tovana

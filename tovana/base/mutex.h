@@ -1,0 +1,93 @@
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+
+#include "tovana/base/thread_annotations.h"
+
+/// The standard locks, annotated so that clang checks which state each of them guards.
+namespace tovana {
+
+/// A mutual-exclusion lock that one thread takes at most once.
+class TOVANA_CAPABILITY("mutex") Mutex {
+ public:
+  Mutex() = default;
+  Mutex(const Mutex&) = delete;
+  Mutex& operator=(const Mutex&) = delete;
+
+  void lock() TOVANA_ACQUIRE() { _mutex.lock(); }
+  void unlock() TOVANA_RELEASE() { _mutex.unlock(); }
+  bool try_lock() TOVANA_TRY_ACQUIRE(true) { return _mutex.try_lock(); }
+
+ private:
+  std::mutex _mutex;
+};
+
+/// A mutual-exclusion lock that the thread which holds it may take again.
+class TOVANA_CAPABILITY("mutex") RecursiveMutex {
+ public:
+  RecursiveMutex() = default;
+  RecursiveMutex(const RecursiveMutex&) = delete;
+  RecursiveMutex& operator=(const RecursiveMutex&) = delete;
+
+  void lock() TOVANA_ACQUIRE() { _mutex.lock(); }
+  void unlock() TOVANA_RELEASE() { _mutex.unlock(); }
+  bool try_lock() TOVANA_TRY_ACQUIRE(true) { return _mutex.try_lock(); }
+
+ private:
+  std::recursive_mutex _mutex;
+};
+
+/// Holds a lock for the length of a scope.
+template <class Lock>
+class TOVANA_SCOPED_CAPABILITY LockGuard {
+ public:
+  explicit LockGuard(Lock& lock) TOVANA_ACQUIRE(lock) : _lock(lock) { _lock.lock(); }
+  ~LockGuard() TOVANA_RELEASE() { _lock.unlock(); }
+  LockGuard(const LockGuard&) = delete;
+  LockGuard& operator=(const LockGuard&) = delete;
+
+ private:
+  Lock& _lock;
+};
+
+/// Either of the locks above, as something to wait with. Does not own it.
+class LockReference {
+ public:
+  template <class Lock>
+  explicit LockReference(Lock& lock)
+      : _lock(&lock),
+        _take([](void* held) { static_cast<Lock*>(held)->lock(); }),
+        _let_go([](void* held) { static_cast<Lock*>(held)->unlock(); }) {}
+
+  void lock() { _take(_lock); }
+  void unlock() { _let_go(_lock); }
+
+ private:
+  void* _lock;
+  void (*_take)(void*);
+  void (*_let_go)(void*);
+};
+
+/// What a thread waits on until another changes the state under the lock. Timed waits belong to the
+/// clock (`Clock::wait_until`), so that tests can pass time without spending it.
+class ConditionVariable {
+ public:
+  void notify_all() noexcept { _condition.notify_all(); }
+
+  /// Waits until notified; may also return for no reason, so the caller tests its condition in a
+  /// loop.
+  template <class Lock>
+  void wait(Lock& held) TOVANA_REQUIRES(held) {
+    LockReference lock(held);
+    _condition.wait(lock);
+  }
+
+  /// The standard condition variable, for implementations of `Clock`.
+  std::condition_variable_any& native() noexcept { return _condition; }
+
+ private:
+  std::condition_variable_any _condition;
+};
+
+}  // namespace tovana

@@ -1,0 +1,149 @@
+#include "tovana/base/text.h"
+
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
+
+#include <unicode/ucasemap.h>
+#include <unicode/uchar.h>
+#include <unicode/utf8.h>
+
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana {
+namespace {
+
+/// ICU counts bytes in 32 bits, and lower-casing makes a text at most 1.5 times as long (two bytes
+/// become three, as in U+0130 and U+023A).
+constexpr std::size_t kLongestCaseMappedText = std::size_t{1} << 30;
+
+/// The case mapping of no language. Null names the process's own locale instead, in which a Turkish
+/// user's "I" would become a dotless "ı".
+const UCaseMap& root_case_map() {
+  static const UCaseMap* const map = [] {
+    UErrorCode status = U_ZERO_ERROR;
+    const UCaseMap* opened = ucasemap_open("", U_FOLD_CASE_DEFAULT, &status);
+    if (U_FAILURE(status)) throw RuntimeError(std::string("ICU: ") + u_errorName(status));
+    return opened;
+  }();
+  return *map;
+}
+
+}  // namespace
+
+DecodedCharacter decode_character(std::string_view text, std::size_t position) noexcept {
+  // No character is longer than four bytes, so a window of four keeps ICU's 32-bit index small.
+  const std::string_view window = text.substr(position, 4);
+  const char* const bytes = window.data();
+  std::int32_t size = 0;
+  UChar32 character = 0;
+#pragma GCC diagnostic push  // ICU's macro, as written for C
+#pragma GCC diagnostic ignored "-Wconversion"
+#pragma GCC diagnostic ignored "-Wsign-conversion"
+#pragma GCC diagnostic ignored "-Wold-style-cast"
+  U8_NEXT(bytes, size, static_cast<std::int32_t>(window.size()), character);
+#pragma GCC diagnostic pop
+  const bool well_formed = character >= 0;
+  return {well_formed ? static_cast<char32_t>(character) : U'\uFFFD',
+          static_cast<std::size_t>(size), well_formed};
+}
+
+bool is_ascii(std::string_view text) noexcept {
+  const char* bytes = text.data();
+  std::size_t left = text.size();
+  for (; left >= sizeof(std::uint64_t); bytes += sizeof(std::uint64_t)) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, bytes, sizeof word);
+    if ((word & 0x8080808080808080U) != 0) return false;
+    left -= sizeof word;
+  }
+  for (; left > 0; ++bytes, --left) {
+    if ((static_cast<unsigned char>(*bytes) & 0x80U) != 0) return false;
+  }
+  return true;
+}
+
+bool is_well_formed_utf8(std::string_view text) noexcept {
+  for (std::size_t position = 0; position < text.size();) {
+    const DecodedCharacter character = decode_character(text, position);
+    if (!character.well_formed) return false;
+    position += character.size;
+  }
+  return true;
+}
+
+std::string repair_utf8(std::string_view text) {
+  std::string repaired;
+  repaired.reserve(text.size());
+  for (std::size_t position = 0; position < text.size();) {
+    const DecodedCharacter character = decode_character(text, position);
+    repaired +=
+        character.well_formed ? text.substr(position, character.size) : kReplacementCharacter;
+    position += character.size;
+  }
+  return repaired;
+}
+
+std::size_t count_characters(std::string_view text) noexcept {
+  std::size_t count = 0;
+  for (std::size_t position = 0; position < text.size(); ++count) {
+    position += decode_character(text, position).size;
+  }
+  return count;
+}
+
+bool is_uppercase(char32_t character) noexcept {
+  return u_isUUppercase(static_cast<UChar32>(character)) != 0;
+}
+
+bool is_lowercase(char32_t character) noexcept {
+  return u_isULowercase(static_cast<UChar32>(character)) != 0;
+}
+
+bool is_white_space(char32_t character) noexcept {
+  return u_isUWhiteSpace(static_cast<UChar32>(character)) != 0;
+}
+
+void append_lower_case(std::string_view text, std::string& result) {
+  if (text.size() > kLongestCaseMappedText) {
+    throw std::length_error("cannot lower-case a text of " + std::to_string(text.size()) +
+                            " bytes: the limit is 1 GiB");
+  }
+  const std::size_t start = result.size();
+  const std::size_t room = text.size() + text.size() / 2;
+  result.resize(start + room);
+  UErrorCode status = U_ZERO_ERROR;
+  const std::int32_t size =
+      ucasemap_utf8ToLower(&root_case_map(), result.data() + start, static_cast<std::int32_t>(room),
+                           text.data(), static_cast<std::int32_t>(text.size()), &status);
+  result.resize(start + (U_SUCCESS(status) ? static_cast<std::size_t>(size) : 0));
+  if (U_FAILURE(status)) throw RuntimeError(std::string("ICU: ") + u_errorName(status));
+}
+
+std::string escape_control_characters(std::string_view text) {
+  constexpr std::string_view kHexDigits = "0123456789abcdef";
+  std::string escaped;
+  escaped.reserve(text.size());
+  for (std::size_t position = 0; position < text.size();) {
+    const DecodedCharacter character = decode_character(text, position);
+    const std::string_view bytes = text.substr(position, character.size);
+    position += character.size;
+    const char32_t code_point = character.code_point;
+    if (code_point >= 0x20 && (code_point < 0x7F || code_point > 0x9F)) {
+      escaped += character.well_formed ? bytes : kReplacementCharacter;
+    } else if (code_point == '\n') {
+      escaped += "\\n";
+    } else if (code_point == '\t') {
+      escaped += "\\t";
+    } else if (code_point == '\r') {
+      escaped += "\\r";
+    } else {
+      escaped += "\\x";
+      escaped += kHexDigits[code_point >> 4U];
+      escaped += kHexDigits[code_point & 0xFU];
+    }
+  }
+  return escaped;
+}
+
+}  // namespace tovana
