@@ -2,7 +2,7 @@
 
 #include <array>
 #include <atomic>
-#include <cstdio>
+#include <charconv>
 #include <map>
 #include <memory>
 
@@ -19,10 +19,11 @@ namespace {
 using logging_detail::Conversion;
 
 std::string formatted_number(double value, int decimals) {
-  const int size = std::snprintf(nullptr, 0, "%.*f", decimals, value);
-  std::string text(static_cast<std::size_t>(size), '\0');
-  std::snprintf(text.data(), text.size() + 1, "%.*f", decimals, value);
-  return text;
+  std::array<char, 512> digits;  // 309 before the point at most, and nine behind it
+  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value,
+                                 std::chars_format::fixed, decimals)
+                       .ptr;
+  return {digits.data(), end};
 }
 
 /// How many digits a conversion asks for behind the point; "%f" asks for printf's six.

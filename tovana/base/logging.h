@@ -86,7 +86,7 @@ struct ParsedConversion {
 };
 
 /// Undefined and not constexpr: reaching it while a format is checked is the compile error.
-void malformed_log_format();
+[[noreturn]] void malformed_log_format();
 
 constexpr ParsedConversion parse_conversion(std::string_view rest) {
   if (rest.starts_with('s')) return {Conversion::text, rest.substr(1)};
@@ -96,7 +96,6 @@ constexpr ParsedConversion parse_conversion(std::string_view rest) {
     return {Conversion::real, rest.substr(3)};
   }
   malformed_log_format();
-  return {};
 }
 
 /// A format that has been checked against the types of its arguments.
@@ -136,7 +135,7 @@ LogArgument make_argument(const T& value) {
   } else if constexpr (std::convertible_to<T, std::string_view>) {
     return std::string(std::string_view(value));
   } else {
-    const std::optional<std::string> text = value;
+    const std::optional<std::string>& text = value;
     return text ? LogArgument(*text) : LogArgument();
   }
 }
