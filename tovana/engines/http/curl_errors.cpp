@@ -1,0 +1,93 @@
+#include "tovana/engines/http/curl_errors.h"
+
+#include <cerrno>
+#include <system_error>
+
+#include "tovana/base/text.h"
+
+namespace tovana::http {
+namespace {
+
+long long_info(CURL* easy, CURLINFO info) {
+  long value = 0;
+  curl_easy_getinfo(easy, info, &value);
+  return value;
+}
+
+std::string system_error_text(long error) {
+  return std::generic_category().message(static_cast<int>(error));
+}
+
+}  // namespace
+
+bool is_connected(CURL* easy) {
+  curl_off_t when = 0;
+  curl_easy_getinfo(easy, CURLINFO_PRETRANSFER_TIME_T, &when);
+  return when > 0;
+}
+
+CurlError explain(CURL* easy, CURLcode result, const char* error_text) {
+  const std::string detail =
+      escape_control_characters(*error_text != '\0' ? error_text : curl_easy_strerror(result));
+  const long system_error = long_info(easy, CURLINFO_OS_ERRNO);
+  const long proxy_status = long_info(easy, CURLINFO_HTTP_CONNECTCODE);
+
+  switch (result) {
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return {Ending::dropped,
+              "the proxy's host name could not be resolved: check the environment's "
+              "proxy variables (" +
+                  detail + ")"};
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return {
+          Ending::dropped,
+          "the host name could not be resolved: check the URL and the network (" + detail + ")"};
+    case CURLE_COULDNT_CONNECT:
+      return {Ending::dropped,
+              (system_error != 0 ? system_error_text(system_error) : "no connection") +
+                  ": is the server running, and is the port right? (" + detail + ")"};
+    case CURLE_PARTIAL_FILE:
+      return {Ending::dropped,
+              "the connection broke before the end of the response (" + detail + ")"};
+    case CURLE_GOT_NOTHING:
+      return {Ending::dropped, "the server closed the connection without a response"};
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+      if (proxy_status >= 300) {
+        return {Ending::failed, "the proxy answered HTTP " + std::to_string(proxy_status) +
+                                    " to the request for a tunnel: check the environment's proxy "
+                                    "variables"};
+      }
+      return {Ending::dropped, "the connection broke (" + detail + ")"};
+    case CURLE_SSL_CONNECT_ERROR:
+      if (system_error == ECONNRESET || system_error == ETIMEDOUT) {
+        return {Ending::dropped, "the connection broke in the TLS handshake (" + detail + ")"};
+      }
+      return {Ending::failed,
+              "no TLS connection: does the server speak https on this port? (" + detail + ")"};
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return {Ending::failed,
+              "the server's certificate is not valid for this URL, or not trusted "
+              "on this machine (" +
+                  detail + ")"};
+    case CURLE_SSL_CACERT_BADFILE:
+      return {Ending::failed, "the file of trusted certificates cannot be read (" + detail + ")"};
+    case CURLE_URL_MALFORMAT:
+      return {Ending::failed, "the URL is malformed (" + detail + ")"};
+    case CURLE_UNSUPPORTED_PROTOCOL:
+      return {Ending::failed,
+              "not HTTP: the URL must begin with http:// or https://, and the server "
+              "must speak HTTP/1 (" +
+                  detail + ")"};
+    case CURLE_BAD_CONTENT_ENCODING:
+    case CURLE_WEIRD_SERVER_REPLY:
+      return {Ending::failed, "the server sent a malformed response (" + detail + ")"};
+    case CURLE_OUT_OF_MEMORY:
+      // libcurl says so too when one header line is longer than the 100 KB that it takes.
+      return {Ending::failed, "a response header of more than 100 KB, or libcurl is out of memory"};
+    default:
+      return {Ending::failed, detail};
+  }
+}
+
+}  // namespace tovana::http

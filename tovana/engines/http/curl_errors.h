@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+
+#include <curl/curl.h>
+
+#include "tovana/engines/http/transport.h"
+
+namespace tovana::http {
+
+struct CurlError {
+  Ending ending;
+  std::string problem;
+};
+
+/// What a transfer that ended with `result`, which is not CURLE_OK, comes to. `error_text` is what
+/// libcurl wrote into its error buffer; it may be empty. Throws std::bad_alloc when libcurl ran out
+/// of memory.
+CurlError explain(CURL* easy, CURLcode result, const char* error_text);
+
+/// Whether the transfer got as far as a connection, TLS included.
+bool is_connected(CURL* easy);
+
+}  // namespace tovana::http

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <curl/curl.h>
+
+#include "tovana/engines/http/curl_slots.h"
+#include "tovana/engines/http/transport.h"
+
+namespace tovana::http {
+
+/// One request on one slot, run on the calling thread.
+class CurlExchange {
+ public:
+  /// Both `request` and `sink` have to outlive it. `ca_file` as in `CurlTransport::Options`.
+  CurlExchange(CurlSlot& slot, const Request& request, ResponseSink& sink,
+               const std::string& ca_file);
+  ~CurlExchange();
+  CurlExchange(const CurlExchange&) = delete;
+  CurlExchange& operator=(const CurlExchange&) = delete;
+
+  /// Once only. Throws what the sink throws and std::bad_alloc.
+  Outcome run();
+
+ private:
+  /// What changes whenever the exchange gets on; compared, not read.
+  using Progress = std::array<curl_off_t, 6>;
+  using HeaderList = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
+
+  void configure(const std::string& ca_file);
+  void configure_headers();
+  CURLcode drive();
+  Progress progress() const;
+  Outcome outcome_of(CURLcode result);
+
+  static std::size_t on_header(const char* bytes, std::size_t one, std::size_t size,
+                               void* self) noexcept;
+  static std::size_t on_body(const char* bytes, std::size_t one, std::size_t size,
+                             void* self) noexcept;
+  /// Both return whether to go on.
+  bool header_line(std::string_view line);
+  bool header_field(std::string_view line);
+
+  CurlSlot& _slot;
+  const Request& _request;
+  ResponseSink& _sink;
+  HeaderList _headers;
+  std::array<char, CURL_ERROR_SIZE> _error_text{};
+
+  ResponseHead _head;
+  std::size_t _header_bytes = 0;
+  bool _head_is_whole = false;
+
+  bool _sink_aborted = false;
+  std::string _refusal;            ///< Why we ended it ourselves over the response's headers.
+  std::exception_ptr _sink_threw;  ///< C frames lie between the sink and its caller.
+  std::string _expired;            ///< Which of our own limits ran out.
+};
+
+}  // namespace tovana::http

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <csignal>
+
+namespace tovana::http {
+
+/// Keeps SIGPIPE, whose default action ends the process, from this thread for the length of a
+/// scope: libcurl asks the kernel not to raise it, but its manual does not vouch for the TLS
+/// library. The process's handler for the signal is left alone.
+class SigpipeGuard {
+ public:
+  SigpipeGuard() noexcept {
+    sigemptyset(&_sigpipe);
+    sigaddset(&_sigpipe, SIGPIPE);
+    sigset_t pending;
+    sigpending(&pending);
+    _was_pending = sigismember(&pending, SIGPIPE) == 1;
+    pthread_sigmask(SIG_BLOCK, &_sigpipe, &_previous_mask);
+  }
+
+  ~SigpipeGuard() {
+    if (!_was_pending) {
+      const timespec at_once{};
+      sigtimedwait(&_sigpipe, nullptr, &at_once);  // takes away the one raised in the scope, if any
+    }
+    pthread_sigmask(SIG_SETMASK, &_previous_mask, nullptr);
+  }
+
+  SigpipeGuard(const SigpipeGuard&) = delete;
+  SigpipeGuard& operator=(const SigpipeGuard&) = delete;
+
+ private:
+  sigset_t _sigpipe;
+  sigset_t _previous_mask;
+  bool _was_pending;
+};
+
+}  // namespace tovana::http

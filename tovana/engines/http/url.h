@@ -1,0 +1,30 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+/// What has to be known of a URL beside carrying it to libcurl, whose reading of it is the one
+/// used.
+namespace tovana::http {
+
+/// Where a URL leads. Scheme and host are in lower case, an IPv6 host without its brackets.
+struct UrlOrigin {
+  std::string scheme;
+  std::string host;
+  std::string port;
+
+  /// "localhost" and names below it, 127.0.0.0/8, ::1.
+  bool is_loopback() const;
+};
+
+/// The origin of an absolute URL; none for a text that is no such URL. A relative `url` is resolved
+/// against `base` when that is given.
+std::optional<UrlOrigin> url_origin(const std::string& url, const std::string& base = {});
+
+/// The URL for a message or a log line: as it is when it holds neither userinfo nor a query;
+/// otherwise with "***" in place of user, password and the query's values. Control characters are
+/// escaped.
+std::string masked_url(std::string_view url);
+
+}  // namespace tovana::http
