@@ -1,0 +1,155 @@
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "command.h"
+#include "embedding_call.h"
+#include "engine_options.h"
+#include "failure.h"
+#include "json_writer.h"
+#include "npy_writer.h"
+#include "option_values.h"
+#include "output.h"
+#include "progress.h"
+#include "text_input.h"
+
+namespace tovana::tool {
+namespace {
+
+using embedding::Vector;
+
+struct EmbedOptions {
+  EngineOptions engine;
+  InputOptions input;
+  CLI::Option* texts = nullptr;
+  std::string output = "-";
+  bool npy = false;
+  std::int64_t batch_size = kDefaultBatchSize;
+  std::optional<double> deadline;
+};
+
+void write_json_line(Output& output, const InputTexts& input, std::size_t index,
+                     const Vector& vector) {
+  output.write("{");
+  if (input.members.empty()) {
+    output.write("\"text\":");
+    write_json_string(output, input.texts[index]);
+  } else {
+    output.write(input.members[index]);
+  }
+  output.write(",\"vector\":");
+  write_json_vector(output, vector);
+  output.write("}\n");
+}
+
+void check_same_dimension(const Vector& vector, std::size_t dimension) {
+  if (vector.size() == dimension) return;
+  throw Failure(ExitStatus::call_failed, "the backend returned vectors of " +
+                                             std::to_string(dimension) + " and of " +
+                                             std::to_string(vector.size()) +
+                                             " numbers, which make no array; use --format jsonl");
+}
+
+void embed(const EmbedOptions& options, const Interrupts& interrupts) {
+  const RunLimits limits(interrupts, options.deadline.value_or(RunLimits::kNoDeadline));
+  // First of all: a place that cannot be written to must not cost the work.
+  Output output(options.output, limits);
+  const auto backend = make_backend(options.engine);
+  // The raw results: a conversion would take a text "{}" for an empty list.
+  const InputTexts input = options.texts->count() > 0 ? texts_of_arguments(options.texts->results())
+                                                      : read_texts(options.input, limits);
+  const std::size_t count = input.texts.size();
+  if (options.npy && count == 0) {
+    write_npy_header(output, 0, static_cast<std::size_t>(backend->dimension()));
+  }
+  {
+    Progress progress(count, options.output == "-");
+    std::size_t dimension = 0;  // an endpoint's is known only when its first vectors have come
+    const auto write_batch = [&](std::size_t first, const std::vector<Vector>& vectors) {
+      if (first == 0) {
+        dimension = vectors.front().size();
+        if (options.npy) write_npy_header(output, count, dimension);
+      }
+      for (std::size_t i = 0; i < vectors.size(); ++i) {
+        limits.check_interrupted();
+        if (options.npy) {
+          check_same_dimension(vectors[i], dimension);
+          write_npy_row(output, vectors[i]);
+        } else {
+          write_json_line(output, input, first + i, vectors[i]);
+        }
+        progress.advance(1);
+      }
+    };
+    embed_in_batches(*backend, input.texts, static_cast<std::size_t>(options.batch_size), limits,
+                     write_batch);
+  }
+  output.finish();
+}
+
+void add_format_option(CLI::App& command, EmbedOptions& options) {
+  const auto set_format = [&options](const std::string& name) {
+    if (name != "jsonl" && name != "npy") {
+      throw CLI::ValidationError("--format", "takes jsonl or npy, not \"" + name + "\"");
+    }
+    options.npy = name == "npy";
+  };
+  command
+      .add_option_function<std::string>(
+          "--format", set_format,
+          "jsonl: an object a text, {\"text\":…,\"vector\":[…]} (the\n"
+          "default); npy: the vectors alone, a NumPy array of\n"
+          "float64 [texts x dimension]")
+      ->type_name("FORMAT");
+}
+
+}  // namespace
+
+Command add_embed_command(CLI::App& tool) {
+  const auto options = std::make_shared<EmbedOptions>();
+  CLI::App& command = *tool.add_subcommand("embed", "Turn texts into vectors");
+  // The parser splits "[a,b]" into two for an option that takes extra values; one that still
+  // expects values gets them as they are.
+  constexpr int kAnyNumber = CLI::detail::expected_max_vector_size;
+  options->texts = command.add_option("TEXT", "The texts to embed; without any, --input is read")
+                       ->option_text("...")
+                       ->expected(kAnyNumber, kAnyNumber)
+                       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+                       ->allow_extra_args(false);
+  add_input_options(command, options->input);
+  options->texts->excludes("--input")->excludes("--jsonl");
+  command
+      .add_option("--output", options->output,
+                  "Write to FILE: the whole result or, on any failure,\n"
+                  "nothing; - is standard output (the default)")
+      ->option_text("FILE");
+  add_format_option(command, *options);
+  add_count(command, "--batch-size", options->batch_size,
+            "Texts in one call of the backend (256). tfidf takes the\n"
+            "whole input as one batch, since its weights depend on\n"
+            "the other texts of the batch");
+  add_seconds(command, "--deadline", options->deadline,
+              "Give up (status 69) when S seconds have passed. tfidf\n"
+              "looks at it only until it starts to embed");
+  add_engine_options(command, options->engine);
+  command.footer(
+      R"(The whole input is read and checked first. A text is a line without its line
+end (LF or CR LF). An empty line is a text, and its vector is zero. With --jsonl
+an object keeps its other members as they are, "vector" comes last (in place of
+one that was there), and blank lines are passed over. What is not UTF-8 becomes
+U+FFFD, with a warning.
+
+Examples:
+  tovana-embed embed 'parse the config file' 'open a socket'
+  tovana-embed embed --input names.txt --format npy --output names.npy
+  tovana-embed embed --jsonl < records.jsonl > with_vectors.jsonl
+  tovana-embed embed -- --a-text-that-begins-with-a-hyphen)");
+  return {&command, [options](const Interrupts& interrupts) { embed(*options, interrupts); }};
+}
+
+}  // namespace tovana::tool

@@ -1,0 +1,56 @@
+#include "embedding_call.h"
+
+#include <algorithm>
+#include <new>
+#include <stdexcept>
+
+#include "failure.h"
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::tool {
+namespace {
+
+using embedding::EmbeddingBackend;
+using embedding::Vector;
+
+[[noreturn]] void throw_out_of_memory(std::size_t texts, const EmbeddingBackend& backend) {
+  throw Failure(ExitStatus::call_failed,
+                "not enough memory for " + std::to_string(texts) + " vectors of " +
+                    std::to_string(backend.dimension()) +
+                    " numbers; give fewer texts at a time or a smaller --dimension");
+}
+
+std::vector<Vector> call(EmbeddingBackend& backend, const std::vector<std::string>& texts,
+                         const RunLimits& limits) {
+  limits.check();
+  try {
+    return backend.embed(texts);
+  } catch (const TryAgainLaterError& error) {
+    throw Failure(ExitStatus::not_ready, std::string(error.what()) + "; try again later");
+  } catch (const std::bad_alloc&) {
+    throw_out_of_memory(texts.size(), backend);
+  } catch (const std::length_error&) {
+    throw_out_of_memory(texts.size(), backend);
+  } catch (const std::exception& error) {
+    throw Failure(ExitStatus::call_failed, "the backend " + backend.name() + " could not embed " +
+                                               std::to_string(texts.size()) +
+                                               " texts: " + failure_text(error));
+  }
+}
+
+}  // namespace
+
+void embed_in_batches(EmbeddingBackend& backend, const std::vector<std::string>& texts,
+                      std::size_t batch_size, const RunLimits& limits, const VectorSink& sink) {
+  if (texts.size() <= batch_size || backend.name() == "tfidf") {
+    if (!texts.empty()) sink(0, call(backend, texts, limits));
+    return;
+  }
+  for (std::size_t first = 0; first < texts.size(); first += batch_size) {
+    const auto begin = texts.begin() + static_cast<std::ptrdiff_t>(first);
+    const auto size = static_cast<std::ptrdiff_t>(std::min(batch_size, texts.size() - first));
+    sink(first, call(backend, {begin, begin + size}, limits));
+  }
+}
+
+}  // namespace tovana::tool

@@ -1,0 +1,46 @@
+#include "option_values.h"
+
+#include <charconv>
+#include <cmath>
+#include <system_error>
+
+namespace tovana::tool {
+namespace {
+
+/// The number that the whole of `text` is, if it is one.
+template <class Number>
+std::optional<Number> number_of(const std::string& text) {
+  Number value{};
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+}  // namespace
+
+CLI::Option* add_count(CLI::App& command, const std::string& name, std::int64_t& value,
+                       const std::string& description) {
+  const auto read = [name, &value](const std::string& text) {
+    const auto number = number_of<std::int64_t>(text);
+    if (!number || *number < 1) {
+      throw CLI::ValidationError(name, "takes a whole number of at least 1, not \"" + text + "\"");
+    }
+    value = *number;
+  };
+  return command.add_option_function<std::string>(name, read, description)->type_name("N");
+}
+
+CLI::Option* add_seconds(CLI::App& command, const std::string& name, std::optional<double>& value,
+                         const std::string& description) {
+  const auto read = [name, &value](const std::string& text) {
+    const auto number = number_of<double>(text);
+    if (!number || !std::isfinite(*number) || *number < 0) {
+      throw CLI::ValidationError(name,
+                                 "takes a number of seconds, 0 or more, not \"" + text + "\"");
+    }
+    value = number;
+  };
+  return command.add_option_function<std::string>(name, read, description)->type_name("S");
+}
+
+}  // namespace tovana::tool

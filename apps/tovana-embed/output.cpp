@@ -1,0 +1,168 @@
+#include "output.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <utility>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "failure.h"
+#include "input_file.h"
+#include "tovana/base/mutex.h"
+
+namespace tovana::tool {
+namespace {
+
+constexpr std::size_t kBufferSize = std::size_t{1} << 20;
+constexpr mode_t kNewFileMode = 0666;  // less what the umask takes away
+
+/// The file to remove when the process ends early. Shared with the signal thread; never destroyed.
+struct UnfinishedFile {
+  Mutex mutex;
+  std::string path TOVANA_GUARDED_BY(mutex);
+  bool discarded TOVANA_GUARDED_BY(mutex) = false;
+};
+
+UnfinishedFile& unfinished_file() {
+  static auto* const file = new UnfinishedFile;
+  return *file;
+}
+
+/// Removes the file, unless it has its final name by now or was removed before.
+void remove_unfinished(bool for_good) {
+  UnfinishedFile& unfinished = unfinished_file();
+  const LockGuard lock(unfinished.mutex);
+  if (!unfinished.path.empty()) ::unlink(unfinished.path.c_str());
+  unfinished.path.clear();
+  unfinished.discarded = unfinished.discarded || for_good;
+}
+
+/// The file itself, where the path is a symbolic link to one.
+std::string without_links(const std::string& path) {
+  std::error_code error;
+  const std::filesystem::path resolved = std::filesystem::weakly_canonical(path, error);
+  return error ? path : resolved.string();
+}
+
+}  // namespace
+
+void discard_unfinished_output() noexcept { remove_unfinished(true); }
+
+Output::Output(std::string path, const RunLimits& limits)
+    : _path(std::move(path)),
+      _limits(limits),
+      _buffer(std::make_unique<char[]>(kBufferSize)),
+      _capacity(kBufferSize) {
+  if (_path != kStandardStream) {
+    open_file();
+    return;
+  }
+  const int flags = fcntl(STDOUT_FILENO, F_GETFL);
+  if (flags < 0 || (flags & O_ACCMODE) == O_RDONLY) throw_unwritable("it is closed");
+  _descriptor = STDOUT_FILENO;
+}
+
+Output::~Output() {
+  if (_descriptor > STDERR_FILENO) ::close(_descriptor);
+  if (!_target.empty()) remove_unfinished(false);
+}
+
+void Output::open_file() {
+  struct stat status {};
+  const bool exists = ::stat(_path.c_str(), &status) == 0;
+  if (!exists && errno != ENOENT) throw_unwritable(system_reason(errno));
+  if (exists && S_ISDIR(status.st_mode)) throw_unwritable("it is a directory");
+  // Renaming needs no permission to write the file that it replaces; a user expects that it does.
+  if (exists && ::access(_path.c_str(), W_OK) != 0) throw_unwritable(system_reason(errno));
+  if (!exists || S_ISREG(status.st_mode)) {
+    open_unfinished(without_links(_path));
+    return;
+  }
+  _descriptor = ::open(_path.c_str(), O_WRONLY | O_CLOEXEC);
+  if (_descriptor < 0) throw_unwritable(system_reason(errno));
+}
+
+void Output::open_unfinished(const std::string& target) {
+  const std::filesystem::path directory = std::filesystem::path(target).parent_path();
+  const std::string stem =
+      (directory / ".tovana-embed-").string() + std::to_string(::getpid()) + "-";
+  UnfinishedFile& unfinished = unfinished_file();
+  const LockGuard lock(unfinished.mutex);
+  if (unfinished.discarded) throw Interrupted();
+  for (int attempt = 0;; ++attempt) {
+    const std::string path = stem + std::to_string(attempt) + ".tmp";
+    _descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
+    if (_descriptor < 0 && errno == EEXIST) continue;  // left by a process killed long ago
+    if (_descriptor < 0) throw_unwritable(system_reason(errno));
+    unfinished.path = path;
+    _target = target;
+    return;
+  }
+}
+
+void Output::write(std::string_view bytes) {
+  char* const place = room(bytes.size());
+  std::memcpy(place, bytes.data(), bytes.size());
+  advance(place + bytes.size());
+}
+
+char* Output::room(std::size_t size) {
+  if (_capacity - _used < size) {
+    flush();
+    if (_capacity < size) {
+      _buffer = std::make_unique<char[]>(size);
+      _capacity = size;
+    }
+  }
+  return _buffer.get() + _used;
+}
+
+void Output::flush() {
+  std::string_view left(_buffer.get(), _used);
+  while (!left.empty()) {
+    _limits.check_interrupted();
+    const ssize_t written = ::write(_descriptor, left.data(), left.size());
+    if (written >= 0) {
+      left.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno == EPIPE) {
+      throw ClosedPipe();
+    } else if (errno == EAGAIN) {  // somebody else made the pipe non-blocking
+      _limits.wait_for(_descriptor, POLLOUT);
+    } else if (errno != EINTR) {
+      throw_unwritable(system_reason(errno));
+    }
+  }
+  _used = 0;
+}
+
+void Output::finish() {
+  flush();
+  if (!_target.empty() && ::fsync(_descriptor) != 0) throw_unwritable(system_reason(errno));
+  // Some file systems report only now that there was no space.
+  if (::close(std::exchange(_descriptor, -1)) != 0) throw_unwritable(system_reason(errno));
+  if (_target.empty()) return;
+
+  UnfinishedFile& unfinished = unfinished_file();
+  const LockGuard lock(unfinished.mutex);
+  if (unfinished.discarded) throw Interrupted();
+  if (std::rename(unfinished.path.c_str(), _target.c_str()) != 0) {
+    throw_unwritable(system_reason(errno));
+  }
+  unfinished.path.clear();
+}
+
+void Output::throw_unwritable(const std::string& reason) const {
+  const bool is_file = _path != kStandardStream;
+  throw Failure(ExitStatus::cannot_write, "cannot write " +
+                                              (is_file ? _path : std::string("standard output")) +
+                                              ": " + reason +
+                                              (is_file ? "; make room or give --output another path"
+                                                       : "; make room or use --output FILE"));
+}
+
+}  // namespace tovana::tool

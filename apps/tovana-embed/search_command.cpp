@@ -1,0 +1,148 @@
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "command.h"
+#include "embedding_call.h"
+#include "engine_options.h"
+#include "failure.h"
+#include "json_writer.h"
+#include "option_values.h"
+#include "output.h"
+#include "progress.h"
+#include "text_input.h"
+#include "tovana/base/text.h"
+#include "tovana/storage/vector_index.h"
+
+namespace tovana::tool {
+namespace {
+
+using embedding::EmbeddingBackend;
+using embedding::Vector;
+using Hit = storage::EmbeddingIndex::Neighbour;
+
+struct SearchOptions {
+  EngineOptions engine;
+  InputOptions input;
+  CLI::Option* query = nullptr;
+  std::int64_t top = 10;
+  bool json = false;
+};
+
+Vector embed_query(EmbeddingBackend& backend, const std::string& query, const RunLimits& limits) {
+  Vector vector;
+  embed_in_batches(backend, {query}, 1, limits,
+                   [&](std::size_t, const std::vector<Vector>& vectors) { vector = vectors[0]; });
+  return vector;
+}
+
+/// The texts that have anything in common with the query, best first, at most `top`.
+std::vector<Hit> rank(EmbeddingBackend& backend, const std::vector<std::string>& texts,
+                      const Vector& query, std::size_t top, const RunLimits& limits) {
+  storage::EmbeddingIndex index(query.size());
+  Progress progress(texts.size(), true);
+  embed_in_batches(backend, texts, kDefaultBatchSize, limits,
+                   [&](std::size_t first, const std::vector<Vector>& vectors) {
+                     for (std::size_t i = 0; i < vectors.size(); ++i) {
+                       limits.check_interrupted();
+                       index.add(static_cast<std::int64_t>(first + i), vectors[i]);
+                     }
+                     progress.advance(vectors.size());
+                   });
+  std::vector<Hit> hits = index.nearest(query, top);
+  std::erase_if(hits, [](const Hit& hit) { return hit.similarity <= 0; });
+  return hits;
+}
+
+/// On one line and harmless to a terminal; a tab stays a tab.
+std::string printable(std::string_view text) {
+  std::string result;
+  for (;;) {
+    const std::size_t tab = text.find('\t');
+    result += escape_control_characters(text.substr(0, tab));
+    if (tab == std::string_view::npos) return result;
+    result += '\t';
+    text.remove_prefix(tab + 1);
+  }
+}
+
+void write_hit(Output& output, double score, const std::string& text) {
+  std::array<char, 16> digits{};
+  const char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), score,
+                                        std::chars_format::fixed, 4)
+                              .ptr;
+  output.write({digits.data(), end});
+  output.write("\t");
+  output.write(printable(text));
+  output.write("\n");
+}
+
+void write_json_hit(Output& output, double score, std::size_t line, const std::string& text) {
+  output.write("{\"score\":");
+  write_json_number(output, score);
+  output.write(",\"line\":" + std::to_string(line) + ",\"text\":");
+  write_json_string(output, text);
+  output.write("}\n");
+}
+
+void search(const SearchOptions& options, const Interrupts& interrupts) {
+  const RunLimits limits(interrupts);
+  Output output("-", limits);
+  const auto backend = make_backend(options.engine);
+  const InputTexts input = read_texts(options.input, limits);
+  const InputTexts query = texts_of_arguments(options.query->results());
+  const Vector query_vector = embed_query(*backend, query.texts.front(), limits);
+  if (std::ranges::all_of(query_vector, [](double value) { return value == 0; })) {
+    report(
+        "the query holds no searchable word, so nothing is like it; give words of two letters or "
+        "more");
+    return;
+  }
+  const std::vector<Hit> hits =
+      rank(*backend, input.texts, query_vector, static_cast<std::size_t>(options.top), limits);
+  if (hits.empty()) report("no text is like the query");
+  for (const Hit& hit : hits) {
+    const auto index = static_cast<std::size_t>(hit.id);
+    if (options.json) {
+      write_json_hit(output, hit.similarity, input.lines[index], input.texts[index]);
+    } else {
+      write_hit(output, hit.similarity, input.texts[index]);
+    }
+  }
+  output.finish();
+}
+
+}  // namespace
+
+Command add_search_command(CLI::App& tool) {
+  const auto options = std::make_shared<SearchOptions>();
+  CLI::App& command = *tool.add_subcommand("search", "Print the texts that are most like a query");
+  options->query = command.add_option("QUERY", "What to look for")->required();
+  add_input_options(command, options->input);
+  add_count(command, "--top", options->top, "Print at most N texts (10)");
+  command.add_flag("--json", options->json,
+                   "Print an object a text, {\"score\":…,\"line\":…,\"text\":…},\n"
+                   "with all digits of the score and the text as it is");
+  add_engine_options(command, options->engine);
+  command.footer(
+      R"(Prints the cosine similarity, a tab and the text, best first. Texts with a
+similarity of 0 or below have nothing in common with the query and are left out.
+Control characters of a text are printed as escapes. That nothing was found is
+said on stderr; the exit status is 0 all the same.
+
+Examples:
+  tovana-embed search 'read a file' --input names.txt --top 3
+  git ls-files | tovana-embed search 'http client'
+  tovana-embed search timeout --jsonl --json < records.jsonl)");
+  return {&command, [options](const Interrupts& interrupts) { search(*options, interrupts); }};
+}
+
+}  // namespace tovana::tool
