@@ -51,8 +51,8 @@ class TOVANA_SCOPED_CAPABILITY LockGuard {
   Lock& _lock;
 };
 
-/// Either of the locks above, as something to wait with. Does not own it. The analysis cannot follow
-/// a lock through a pointer; the functions that take a reference say that its lock is held.
+/// Either of the locks above, as something to wait with. Does not own it. The analysis cannot
+/// follow a lock through a pointer; the functions that take a reference say that its lock is held.
 class LockReference {
  public:
   template <class Lock>
