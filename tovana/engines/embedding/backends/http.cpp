@@ -1,0 +1,115 @@
+#include "tovana/engines/embedding/backends/http.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "tovana/base/logging.h"
+#include "tovana/engines/http/post_json.h"
+#include "tovana/engines/http/url.h"
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::embedding {
+namespace {
+
+const Logger& log() {
+  static const Logger& module_logger = logger("engines.embedding");
+  return module_logger;
+}
+
+/// What the two public kinds have in common of their options; `Options` is either's.
+template <class Options>
+_HTTPEmbeddingBackend::Options common(Options options) {
+  return {.api_key = std::move(options.api_key),
+          .model_name = std::move(options.model_name),
+          .dimension = options.dimension,
+          .timeout = options.timeout,
+          .max_attempts = options.max_attempts,
+          .transport = options.transport,
+          .wait = std::move(options.wait)};
+}
+
+std::string embeddings_url(const std::string& base_url) {
+  const std::string& url = _http_url(base_url, "base_url");
+  return url.substr(0, url.find_last_not_of('/') + 1) + "/embeddings";
+}
+
+}  // namespace
+
+_HTTPEmbeddingBackend::_HTTPEmbeddingBackend(std::string url, const _Dialect& dialect,
+                                             Options options)
+    : _url(std::move(url)),
+      _dialect(dialect),
+      _api_key(std::move(options.api_key)),
+      _model_name(std::move(options.model_name)),
+      _name(std::string(dialect.kind) + ":" + _model_name),
+      _dimension(options.dimension),
+      _transport(options.transport),
+      _policy(http::RetryFields{.attempts = std::max<std::int64_t>(1, options.max_attempts),
+                                .backoff_s = DEFAULT_EMBED_BACKOFF,
+                                .timeout_s = options.timeout,
+                                .retry_statuses = _EMBED_RETRY_STATUSES,
+                                .wait = std::move(options.wait)}) {}
+
+std::vector<Vector> _HTTPEmbeddingBackend::embed(const std::vector<std::string>& texts,
+                                                 const EmbedLimits& limits) {
+  if (texts.empty() && !_dialect.asks_empty) return {};
+  const std::string label(_dialect.label);
+  http::PostOptions options{.policy = _policy.with([&](http::RetryFields& fields) {
+                              fields.deadline = limits.deadline;
+                              fields.should_stop = limits.should_stop;
+                            }),
+                            .label = label + " call",
+                            .transport = _transport};
+  if (_api_key && !_api_key->empty()) options.headers["Authorization"] = "Bearer " + *_api_key;
+  try {
+    const http::JsonReply reply = http::post_json(_url, _dialect.body(texts, _model_name), options);
+    return _vectors(reply.root(), texts.size());
+  } catch (const http::Stopped& stopped) {
+    throw EmbeddingStopped(label + " " + stopped.what());
+  } catch (const http::HttpFailure& failure) {
+    log().warning_with_error(failure, "%s HTTP/transport call failed (url=%s, texts=%d): %s", label,
+                             http::masked_url(_url), texts.size(), std::string(failure.what()));
+    throw RuntimeError(label + " failed: " + failure.what());
+  }
+}
+
+std::vector<Vector> _HTTPEmbeddingBackend::_vectors(http::JsonValue reply, std::size_t count) {
+  const ReplyVectors found = _dialect.vectors(reply);
+  const auto* const values = std::get_if<std::vector<http::JsonValue>>(&found);
+  if (values == nullptr || values->size() != count) {
+    const std::string got = values != nullptr
+                                ? std::to_string(values->size())
+                                : std::string(_kind_name(std::get<http::JsonValue>(found).kind()));
+    throw RuntimeError("API returned " + got + " embeddings for " + std::to_string(count) +
+                       " texts");
+  }
+  std::vector<Vector> vectors;
+  vectors.reserve(count);
+  for (const http::JsonValue value : *values) {
+    try {
+      vectors.push_back(value.numbers());
+    } catch (const RuntimeError& error) {
+      throw RuntimeError("API returned an unusable embedding for text " +
+                         std::to_string(vectors.size()) + " (counted from 0): " + error.what());
+    }
+  }
+  if (_dialect.learns_dimension && !vectors.empty()) {
+    _dimension = static_cast<std::int64_t>(vectors.front().size());
+  }
+  return vectors;
+}
+
+APIEmbeddingBackend::APIEmbeddingBackend(Options options)
+    : _HTTPEmbeddingBackend(_http_url(options.api_url, "api_url"), _API, common(options)) {}
+
+OpenAIEmbeddingBackend::OpenAIEmbeddingBackend(Options options)
+    : _HTTPEmbeddingBackend(embeddings_url(options.base_url), _OPENAI, common(options)) {}
+
+const std::string& _http_url(const std::string& url, const std::string& name) {
+  if (url.starts_with("http://") || url.starts_with("https://")) return url;
+  throw ValueError(name + " must start with http:// or https://, got: '" + url + "'");
+}
+
+}  // namespace tovana::embedding

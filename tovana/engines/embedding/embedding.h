@@ -1,0 +1,16 @@
+#pragma once
+
+/// The embedding component's face: all that the daemon needs, in one include.
+
+#include "tovana/engines/embedding/backends/backend.h"
+#include "tovana/engines/embedding/backends/http.h"
+#include "tovana/engines/embedding/backends/tfidf.h"
+#include "tovana/engines/embedding/settings.h"
+#include "tovana/storage/vector_index.h"
+
+namespace tovana::embedding {
+
+/// The in-memory index, offered here again to callers that look for it beside the vectors.
+using storage::EmbeddingIndex;
+
+}  // namespace tovana::embedding

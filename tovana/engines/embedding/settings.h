@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+
+#include "tovana/engines/http/retry_policy.h"
+
+/// The embedding component's settings: what is fixed when it is built, in one place.
+namespace tovana::embedding {
+
+/// Seconds without a byte moved that fail one attempt of an endpoint call.
+inline constexpr double DEFAULT_EMBED_TIMEOUT = 30.0;
+
+/// Attempts of one endpoint call in all.
+inline constexpr std::int64_t DEFAULT_EMBED_MAX_ATTEMPTS = 3;
+
+/// Seconds to wait after the first failed attempt of an endpoint call, doubled after each next one.
+inline constexpr double DEFAULT_EMBED_BACKOFF = 0.5;
+
+/// HTTP statuses of an endpoint that are tried again: it is overloaded, or it failed.
+inline const http::StatusSet _EMBED_RETRY_STATUSES = {429, {500, 599}};
+
+}  // namespace tovana::embedding
