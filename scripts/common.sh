@@ -1,0 +1,29 @@
+# What the scripts share; sourced by them, after `set -euo pipefail`.
+# shellcheck shell=bash
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+say() { printf '%s\n' "$*" >&2; }
+
+die() {
+  say "$(basename "$0"): $*"
+  exit 1
+}
+
+# configure PRESET [CMAKE ARGUMENT…]: a preset can only be named from the directory that holds it.
+configure() {
+  (cd "$root" && cmake --preset "$@")
+}
+
+# in_log LOG COMMAND…: runs the command with its output in a file, shown on stderr only if it fails.
+in_log() {
+  local log=$1 status=0
+  shift
+  mkdir -p "$(dirname "$log")"
+  "$@" >"$log" 2>&1 </dev/null || status=$?
+  if ((status != 0)); then
+    cat "$log" >&2
+    say "failed with status $status: $*"
+  fi
+  return "$status"
+}
