@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "tovana/engines/http/retry_policy.h"
@@ -18,5 +19,9 @@ inline constexpr double DEFAULT_EMBED_BACKOFF = 0.5;
 
 /// HTTP statuses of an endpoint that are tried again: it is overloaded, or it failed.
 inline const http::StatusSet _EMBED_RETRY_STATUSES = {429, {500, 599}};
+
+/// Environment variables of the endpoint's API key, in order of precedence.
+inline constexpr std::array<const char*, 2> EMBEDDING_KEY_ENVS = {"BRUNE_LLM_EMBEDDING_API_KEY",
+                                                                  "BRUNE_LLM_API_KEY"};
 
 }  // namespace tovana::embedding

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace tovana {
+
+/// Variables of an environment, by name: what a test gives in place of the process's own.
+using Environment = std::map<std::string, std::string, std::less<>>;
+
+/// The value of a variable in `environment`, or in the process's own when that is null; none when
+/// it is not set. The process's environment is read at each call; nobody may change it meanwhile.
+std::optional<std::string> environment_variable(const std::string& name,
+                                                const Environment* environment = nullptr);
+
+}  // namespace tovana
