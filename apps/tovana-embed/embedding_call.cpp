@@ -15,9 +15,9 @@ using embedding::Vector;
 
 [[noreturn]] void throw_out_of_memory(std::size_t texts, const EmbeddingBackend& backend) {
   throw Failure(ExitStatus::call_failed,
-                "not enough memory for " + std::to_string(texts) + " vectors of " +
+                "not enough memory for [" + std::to_string(texts) + " x " +
                     std::to_string(backend.dimension()) +
-                    " numbers; give fewer texts at a time or a smaller --dimension");
+                    "] numbers; give fewer texts at a time or a smaller --dimension");
 }
 
 std::vector<Vector> call(EmbeddingBackend& backend, const std::vector<std::string>& texts,

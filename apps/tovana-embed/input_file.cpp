@@ -53,6 +53,7 @@ std::string input_name(const std::string& path) {
 }
 
 std::string read_input(const std::string& path, const RunLimits& limits) {
+  if (path.empty()) throw_unreadable(path, "the path is empty");
   const InputDescriptor input(path);
   struct stat status {};
   if (fstat(input.get(), &status) == 0 && S_ISDIR(status.st_mode)) {

@@ -73,18 +73,19 @@ Output::~Output() {
 }
 
 void Output::open_file() {
+  if (_path.empty()) throw_unwritable("the path is empty");
   struct stat status {};
   const bool exists = ::stat(_path.c_str(), &status) == 0;
-  if (!exists && errno != ENOENT) throw_unwritable(system_reason(errno));
+  if (!exists && errno != ENOENT) throw_unwritable(errno);
   if (exists && S_ISDIR(status.st_mode)) throw_unwritable("it is a directory");
   // Renaming needs no permission to write the file that it replaces; a user expects that it does.
-  if (exists && ::access(_path.c_str(), W_OK) != 0) throw_unwritable(system_reason(errno));
+  if (exists && ::access(_path.c_str(), W_OK) != 0) throw_unwritable(errno);
   if (!exists || S_ISREG(status.st_mode)) {
     open_unfinished(without_links(_path));
     return;
   }
   _descriptor = ::open(_path.c_str(), O_WRONLY | O_CLOEXEC);
-  if (_descriptor < 0) throw_unwritable(system_reason(errno));
+  if (_descriptor < 0) throw_unwritable(errno);
 }
 
 void Output::open_unfinished(const std::string& target) {
@@ -98,7 +99,7 @@ void Output::open_unfinished(const std::string& target) {
     const std::string path = stem + std::to_string(attempt) + ".tmp";
     _descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
     if (_descriptor < 0 && errno == EEXIST) continue;  // left by a process killed long ago
-    if (_descriptor < 0) throw_unwritable(system_reason(errno));
+    if (_descriptor < 0) throw_unwritable(errno);
     unfinished.path = path;
     _target = target;
     return;
@@ -134,7 +135,7 @@ void Output::flush() {
     } else if (errno == EAGAIN) {  // somebody else made the pipe non-blocking
       _limits.wait_for(_descriptor, POLLOUT);
     } else if (errno != EINTR) {
-      throw_unwritable(system_reason(errno));
+      throw_unwritable(errno);
     }
   }
   _used = 0;
@@ -142,27 +143,30 @@ void Output::flush() {
 
 void Output::finish() {
   flush();
-  if (!_target.empty() && ::fsync(_descriptor) != 0) throw_unwritable(system_reason(errno));
+  if (!_target.empty() && ::fsync(_descriptor) != 0) throw_unwritable(errno);
   // Some file systems report only now that there was no space.
-  if (::close(std::exchange(_descriptor, -1)) != 0) throw_unwritable(system_reason(errno));
+  if (::close(std::exchange(_descriptor, -1)) != 0) throw_unwritable(errno);
   if (_target.empty()) return;
 
   UnfinishedFile& unfinished = unfinished_file();
   const LockGuard lock(unfinished.mutex);
   if (unfinished.discarded) throw Interrupted();
   if (std::rename(unfinished.path.c_str(), _target.c_str()) != 0) {
-    throw_unwritable(system_reason(errno));
+    throw_unwritable(errno);
   }
   unfinished.path.clear();
 }
 
-void Output::throw_unwritable(const std::string& reason) const {
+void Output::throw_unwritable(int error_number) const {
+  throw_unwritable(system_reason(error_number), error_number == ENOSPC || error_number == EDQUOT);
+}
+
+void Output::throw_unwritable(const std::string& reason, bool is_full) const {
   const bool is_file = _path != kStandardStream;
-  throw Failure(ExitStatus::cannot_write, "cannot write " +
-                                              (is_file ? _path : std::string("standard output")) +
-                                              ": " + reason +
-                                              (is_file ? "; make room or give --output another path"
-                                                       : "; make room or use --output FILE"));
+  throw Failure(ExitStatus::cannot_write,
+                "cannot write " + (is_file ? _path : std::string("standard output")) + ": " +
+                    reason + (is_full ? "; make room there or " : "; ") +
+                    (is_file ? "give --output another path" : "redirect it elsewhere"));
 }
 
 }  // namespace tovana::tool

@@ -41,7 +41,8 @@ class Output {
   void open_file();
   void open_unfinished(const std::string& target);
   void flush();
-  [[noreturn]] void throw_unwritable(const std::string& reason) const;
+  [[noreturn]] void throw_unwritable(int error_number) const;
+  [[noreturn]] void throw_unwritable(const std::string& reason, bool is_full = false) const;
 
   std::string _path;
   const RunLimits& _limits;

@@ -1,0 +1,366 @@
+#include <array>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <numeric>
+#include <sstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+
+#include "subprocess.h"
+#include "tovana/engines/embedding/backends/tfidf.h"
+
+namespace tovana::testing {
+namespace {
+
+using embedding::Vector;
+using ::testing::AllOf;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+std::vector<std::string> tool(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), TOVANA_EMBED_PATH);
+  return arguments;
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::istringstream stream(text);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
+
+std::vector<Vector> vectors_of(const std::vector<std::string>& texts,
+                               std::int64_t dimension = 256) {
+  return embedding::TFIDFEmbeddingBackend(dimension).embed(texts);
+}
+
+/// Texts whose vectors fill the tool's buffer and a pipe many times over.
+std::string much_input() {
+  std::string input;
+  for (int i = 0; i < 5000; ++i) input += "text\n";
+  return input;
+}
+
+/// What every error has to be: nothing among the results, one line, and that line of ours.
+void expect_error(const ProcessResult& result, int status, const std::string& text) {
+  EXPECT_EQ(result.status, status);
+  EXPECT_EQ(result.output, "");
+  EXPECT_THAT(result.errors, AllOf(StartsWith("tovana-embed: "), EndsWith("\n"), HasSubstr(text)));
+  EXPECT_EQ(lines_of(result.errors).size(), 1U) << result.errors;
+}
+
+class TovanaEmbed : public ::testing::Test {
+ protected:
+  TovanaEmbed() {
+    std::string name = ::testing::TempDir() + "tovana-embed-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary directory");
+    _directory = name;
+  }
+  ~TovanaEmbed() override { std::filesystem::remove_all(_directory); }
+
+  std::string path(const std::string& name) const { return _directory / name; }
+  std::string contents(const std::string& name) const {
+    std::ifstream file(path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  void write(const std::string& name, const std::string& bytes) const {
+    std::ofstream(path(name), std::ios::binary) << bytes;
+  }
+  std::vector<std::string> names() const {
+    std::vector<std::string> result;
+    for (const auto& entry : std::filesystem::directory_iterator(_directory)) {
+      result.push_back(entry.path().filename());
+    }
+    return result;
+  }
+
+ private:
+  std::filesystem::path _directory;
+};
+
+// Texts that a careless reader or writer changes, and more of them than a batch: a second batch
+// would have other weights.
+TEST_F(TovanaEmbed, EmbedPrintsEveryTextAndItsExactVectorInOrder) {
+  using namespace std::string_literals;
+  std::vector<std::string> texts = {"\xEF\xBB\xBFplain",
+                                    "",
+                                    "line \"quoted\" \\ back",
+                                    "nul \0 bell \a tab\t"s,
+                                    "",
+                                    "ÄÖ 漢字 𝒳",
+                                    "\r carriage \r return",
+                                    std::string(10'000'000, 'x') + " long"};
+  for (int i = 0; i < 600; ++i) texts.push_back("text number_" + std::to_string(i % 50));
+  texts.emplace_back("last without line end");
+
+  std::string input;
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    if (i > 0) input += i % 2 == 0 ? "\n" : "\r\n";
+    input += texts[i];
+  }
+  texts[0] = "plain";
+  const ProcessResult result = run(tool({"embed"}), input);
+
+  ASSERT_EQ(result.status, 0) << result.errors;
+  EXPECT_EQ(result.errors, "");
+  const std::vector<std::string> lines = lines_of(result.output);
+  ASSERT_EQ(lines.size(), texts.size());
+  const std::vector<Vector> vectors = vectors_of(texts);
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    const auto object = nlohmann::json::parse(lines[i]);
+    ASSERT_EQ(object.size(), 2U);
+    ASSERT_EQ(object.at("text"), texts[i]) << i;
+    ASSERT_EQ(object.at("vector").get<Vector>(), vectors[i]) << i;
+  }
+}
+
+// The command line's parser splits lists, drops "{}" and "++", and knows commands and options.
+TEST_F(TovanaEmbed, EmbedTakesArgumentsAsTheyAre) {
+  const std::vector<std::string> texts = {"[a,b]", "{}",  "",   "search",
+                                          "-5",    "--x", "++", "two\nlines"};
+  std::vector<std::string> arguments = {"embed", "--dimension", "2"};
+  for (const std::string& text : texts) {
+    if (text == "--x") arguments.emplace_back("--");
+    arguments.push_back(text);
+  }
+  const ProcessResult result = run(tool(arguments));
+  ASSERT_EQ(result.status, 0) << result.errors;
+  std::vector<std::string> printed;
+  for (const std::string& line : lines_of(result.output)) {
+    printed.push_back(nlohmann::json::parse(line).at("text"));
+  }
+  EXPECT_EQ(printed, texts);
+
+  expect_error(run(tool({"embed", "a", "++", "b"})), 64, "++");
+}
+
+// A conversion of the other members would round numbers, sort names or drop what comes twice.
+TEST_F(TovanaEmbed, JsonLinesKeepTheirOtherMembers) {
+  const ProcessResult result =
+      run(tool({"embed", "--jsonl", "--dimension", "1"}),
+          R"({"z":1.10,"text":"a\u0000\"b\ud834\udcb3","vector":[9], "a":12345678901234567890123})"
+          "\r\n  \n"
+          R"( {"te\u0078t" : "", "k":{"text":7,"q":["}]\"",{}]},"k":[],"":null} )");
+  EXPECT_EQ(result.errors, "");
+  EXPECT_EQ(result.output,
+            R"({"z":1.10,"text":"a\u0000\"b\ud834\udcb3","a":12345678901234567890123,"vector":[1]})"
+            "\n"
+            R"({"te\u0078t" : "","k":{"text":7,"q":["}]\"",{}]},"k":[],"":null,"vector":[0]})"
+            "\n");
+}
+
+TEST_F(TovanaEmbed, BrokenJsonLinesAreNamed) {
+  const std::string huge(1'000'000, 'x');
+  for (const std::string& line :
+       {std::string(R"({"text":"a")"), std::string(R"({"text":"a"} x)"), std::string("[1]"),
+        std::string("7"), std::string(R"({"txt":"a"})"), std::string(R"({"text":7})"),
+        std::string(R"({"text":null})"), std::string(R"({"text":{"text":"a"}})"),
+        std::string(R"({"text":["a"]})"), std::string(R"({"a":{"text":"a"}})"),
+        "{\"text\":\"" + huge}) {
+    const ProcessResult result =
+        run(tool({"embed", "--jsonl"}), "{\"text\":\"fine\"}\n\n" + line + "\n{\"text\":\"fine\"}");
+    expect_error(result, 65, "standard input, line 3: ");
+    EXPECT_LT(result.errors.size(), 500U) << "quotes the line at length";
+  }
+}
+
+TEST_F(TovanaEmbed, IllFormedUtf8IsRepairedWithOneWarning) {
+  const ProcessResult result =
+      run(tool({"embed", "--dimension", "1"}), "a\nb \xFF\xC3 c\n\xED\xA0\x80\nd");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_THAT(result.errors, HasSubstr("2 lines (the first is line 2) are not UTF-8"));
+  EXPECT_EQ(lines_of(result.errors).size(), 1U);
+  EXPECT_THAT(lines_of(result.output)[1], StartsWith("{\"text\":\"b \uFFFD\uFFFD c\","));
+}
+
+TEST_F(TovanaEmbed, NpyHoldsTheArrayInNumPysLayout) {
+  for (const std::vector<std::string>& texts :
+       {std::vector<std::string>{}, {"one text", "", "another text"}}) {
+    std::string input, expected;
+    for (const std::string& text : texts) input += text + "\n";
+    for (const Vector& vector : vectors_of(texts, 5)) {
+      expected.append(reinterpret_cast<const char*>(vector.data()), vector.size() * sizeof(double));
+    }
+    const ProcessResult result = run(
+        tool({"embed", "--format", "npy", "--dimension", "5", "--output", path("a.npy")}), input);
+    ASSERT_EQ(result.status, 0) << result.errors;
+    const std::string array = contents("a.npy");
+    EXPECT_EQ(run(tool({"embed", "--format", "npy", "--dimension", "5"}), input).output, array);
+
+    ASSERT_THAT(array, StartsWith(std::string("\x93NUMPY\x01\0", 8)));
+    const std::size_t start =
+        10 + static_cast<unsigned char>(array[8]) + 256U * static_cast<unsigned char>(array[9]);
+    EXPECT_EQ(start % 64, 0U);
+    EXPECT_THAT(array.substr(0, start),
+                AllOf(HasSubstr("{'descr': '<f8', 'fortran_order': False, 'shape': (" +
+                                std::to_string(texts.size()) + ", 5), }"),
+                      EndsWith(" \n")));
+    EXPECT_EQ(array.substr(start), expected);
+  }
+}
+
+TEST_F(TovanaEmbed, OutputFileIsReplacedWholeOrNotAtAll) {
+  write("real", "before");
+  std::filesystem::create_symlink("real", path("link"));
+  const std::vector<std::string> command =
+      tool({"embed", "--jsonl", "--dimension", "1", "--output", path("link")});
+
+  expect_error(run(command, "{\"text\":\"\"}\n{"), 65, "line 2");
+  EXPECT_EQ(contents("real"), "before");
+  EXPECT_EQ(run(command, "{\"text\":\"\"}\n").status, 0);
+  EXPECT_EQ(contents("real"), "{\"text\":\"\",\"vector\":[0]}\n");
+  EXPECT_TRUE(std::filesystem::is_symlink(path("link")));
+  EXPECT_EQ(names().size(), 2U) << "an unfinished file is left";
+
+  const mode_t mask = umask(0);
+  umask(mask);
+  struct stat status {};
+  ASSERT_EQ(stat(path("real").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0666U & ~mask);
+}
+
+// The input stays open: a tool that reads it before it looks at the output does not end.
+TEST_F(TovanaEmbed, UnwritableOutputEndsTheRunBeforeItsInputIsRead) {
+  for (const std::string& output : {path("none/file"), path(""), std::string()}) {
+    Subprocess process(tool({"embed", "--output", output}));
+    expect_error(process.finish(), 74, "cannot write " + output);
+  }
+}
+
+TEST_F(TovanaEmbed, FullDiskIsAnError) {
+  const std::string full = "/dev/full";
+  EXPECT_EQ(run(tool({"embed", "a"}), "", {.output_path = full.c_str()}).status, 74);
+  EXPECT_EQ(run(tool({"search", "word"}), "word", {.output_path = full.c_str()}).status, 74);
+  EXPECT_EQ(run(tool({"--help"}), "", {.output_path = full.c_str()}).status, 74);
+  expect_error(run(tool({"embed", "a", "--output", full})), 74, "make room");
+  EXPECT_TRUE(std::filesystem::is_character_file(full)) << "replaced by a file";
+}
+
+TEST_F(TovanaEmbed, UnreadableInputIsNamed) {
+  expect_error(run(tool({"embed", "--input", path("none")})), 66, path("none"));
+  expect_error(run(tool({"search", "a", "--input", path("")})), 66, "directory");
+  // A name with a line end must not make two lines of the message.
+  expect_error(run(tool({"embed", "--input", path("a\nb")})), 66, "a\\nb");
+}
+
+TEST_F(TovanaEmbed, ClosedPipeEndsTheRunQuietly) {
+  Subprocess process(tool({"embed"}));
+  ASSERT_TRUE(process.feed(much_input()));
+  process.close_input();
+  process.read_output(1);
+  process.close_output();
+  const ProcessResult result = process.finish();
+  EXPECT_EQ(result.status, -SIGPIPE);
+  EXPECT_EQ(result.errors, "");
+}
+
+// The input is read (more than a pipe holds has gone), and its end never comes.
+TEST_F(TovanaEmbed, InterruptWhileReadingLeavesNothingBehind) {
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    Subprocess process(tool({"embed", "--output", path("out")}));
+    ASSERT_TRUE(process.feed(std::string(2 * kPipeCapacity, 'x')));
+    ASSERT_EQ(names().size(), 1U) << "the unfinished file";
+    process.signal(number);
+    const ProcessResult result = process.finish();
+    EXPECT_EQ(result.status, 130);
+    EXPECT_EQ(result.errors, "");
+    EXPECT_THAT(names(), IsEmpty());
+  }
+}
+
+// A writer that nobody reads from cannot look at the flag: it is ended by the second signal, or
+// else after a second.
+TEST_F(TovanaEmbed, InterruptEndsARunThatDoesNotNotice) {
+  for (const bool twice : {true, false}) {
+    Subprocess process(tool({"embed"}));
+    ASSERT_TRUE(process.feed(much_input()));
+    process.close_input();
+    process.read_output(1);
+    process.signal(SIGINT);
+    if (twice) process.signal(SIGTERM);
+    EXPECT_EQ(process.wait(), 130);
+  }
+}
+
+TEST_F(TovanaEmbed, IgnoredInterruptStaysIgnored) {
+  Subprocess process(tool({"embed", "--dimension", "1"}), {.ignore_sigint = true});
+  ASSERT_TRUE(process.feed(std::string(2 * kPipeCapacity, 'x')));
+  process.signal(SIGINT);
+  process.close_input();
+  EXPECT_EQ(process.finish().status, 0);
+}
+
+TEST_F(TovanaEmbed, DeadlineEndsTheRun) {
+  expect_error(run(tool({"embed", "a", "--deadline", "0"})), 69, "deadline of 0 s");
+  Subprocess waits_for_input(tool({"embed", "--deadline", "0.05"}));
+  expect_error(waits_for_input.finish(), 69, "deadline of 0.05 s");
+}
+
+TEST_F(TovanaEmbed, SearchPrintsTheTextsLikeTheQueryBestFirst) {
+  const std::vector<std::string> texts = {
+      "read the configuration file", "open a socket", "",
+      "read\tfile \x1b[31m",         "write file",    "read file"};
+  std::string input;
+  for (const std::string& text : texts) input += text + "\n";
+  const Vector query = vectors_of({"readFile"})[0];
+  std::string expected;
+  for (const std::size_t index : {5U, 3U, 0U}) {
+    const Vector vector = vectors_of(texts)[index];
+    std::array<char, 20> score{};
+    std::snprintf(score.data(), score.size(), "%.4f",
+                  std::inner_product(query.begin(), query.end(), vector.begin(), 0.0));
+    expected += std::string(score.data()) + "\t" +
+                (index == 3 ? "read\tfile \\x1b[31m" : texts[index]) + "\n";
+  }
+  EXPECT_EQ(run(tool({"search", "readFile", "--top", "3"}), input).output, expected);
+
+  const ProcessResult json =
+      run(tool({"search", "socket", "--jsonl", "--json"}),
+          "{\"text\":\"file\"}\n\n{\"text\":\"socket\\n\\u0000\",\"vector\":[]}\n");
+  EXPECT_EQ(json.output, "{\"score\":1,\"line\":3,\"text\":\"socket\\n\\u0000\"}\n");
+  EXPECT_EQ(json.errors, "");
+
+  for (const char* unlike : {"", " ,; ", "zebra"}) {
+    const ProcessResult nothing = run(tool({"search", unlike}), input);
+    EXPECT_EQ(nothing.status, 0);
+    EXPECT_EQ(nothing.output, "");
+    EXPECT_EQ(lines_of(nothing.errors).size(), 1U) << nothing.errors;
+  }
+  EXPECT_EQ(run(tool({"search", "word"}), "").status, 0) << "empty input";
+}
+
+TEST_F(TovanaEmbed, WrongUseIsToldApartFromWork) {
+  const std::vector<std::vector<std::string>> wrong = {
+      {},
+      {"imbed"},
+      {"embed", "--no-such-option"},
+      {"embed", "a", "--input", "file"},
+      {"embed", "a", "--jsonl"},
+      {"embed", "a", "--dimension", "0"},
+      {"embed", "a", "--dimension", "12 "},
+      {"embed", "a", "--dimension", "99999999999999999999"},
+      {"embed", "a", "--batch-size", "0"},
+      {"embed", "a", "--format", "csv"},
+      {"embed", "a", "--deadline", "-1"},
+      {"embed", "a", "--deadline", "nan"},
+      {"embed", "a", "--log-level", "loud"},
+      {"search"},
+      {"search", "a", "b"},
+      {"search", "a", "--top", "0"}};
+  for (const auto& arguments : wrong) expect_error(run(tool(arguments)), 64, "--help");
+  expect_error(run(tool({"embed", "a", "--backend", "none"})), 64, "this build offers tfidf");
+}
+
+}  // namespace
+}  // namespace tovana::testing
