@@ -15,37 +15,25 @@ for variable in ("OMP_NUM_THREADS", "OPENBLAS_NUM_THREADS", "MKL_NUM_THREADS"):
     os.environ[variable] = "1"  # read when numpy is loaded
 
 import statistics
-import subprocess
 import sys
 import time
 
 import sklearn
+from rounds import OurSide, alternate
 from sklearn.feature_extraction.text import HashingVectorizer, TfidfTransformer
 from sklearn.pipeline import make_pipeline
 
 SINGLE_CALLS = 200
 
 
-class Ours:
+class Ours(OurSide):
     name = "tovana"
 
-    def __init__(self, program, corpus):
-        self._process = subprocess.Popen(
-            [program, corpus], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1
-        )
-
-    def seconds(self, request):
-        self._process.stdin.write(request + "\n")
-        answer = self._process.stdout.readline()
-        if not answer:
-            sys.exit(f"tfidf_peer.py: our side ended with status {self._process.wait()}")
-        return float(answer)
-
     def batch(self):
-        return self.seconds("batch")
+        return self.ask("batch")[0]
 
     def single(self):
-        return self.seconds(f"single {SINGLE_CALLS}")
+        return self.ask(f"single {SINGLE_CALLS}")[0]
 
 
 class ScikitLearn:
@@ -76,13 +64,8 @@ class ScikitLearn:
 
 
 def compare(sides, measure, texts, rounds):
-    times = {side: [] for side in sides}
-    for number in range(rounds + 1):
-        # Whoever goes first finds the caches as the other left them, so they take turns at it.
-        for side in sides if number % 2 else reversed(sides):
-            taken = getattr(side, measure)()
-            if number > 0:  # the first round only warms up
-                times[side].append(taken / texts * 1e6)
+    times = alternate([getattr(side, measure) for side in sides], rounds)
+    times = {side: [taken / texts * 1e6 for taken in column] for side, column in zip(sides, times)}
     figures = {side: (min(times[side]), statistics.median(times[side])) for side in sides}
     for side in sides:
         minimum, median = figures[side]
