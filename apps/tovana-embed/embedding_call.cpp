@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "failure.h"
+#include "tovana/engines/embedding/backends/http.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::tool {
@@ -24,13 +25,22 @@ std::vector<Vector> call(EmbeddingBackend& backend, const std::vector<std::strin
                          const RunLimits& limits) {
   limits.check();
   try {
+    // What works in this process is not stopped in the middle; a request to an endpoint can be.
+    if (auto* const endpoint = dynamic_cast<embedding::_HTTPEmbeddingBackend*>(&backend)) {
+      return endpoint->embed(texts, {.should_stop = [&limits] { return limits.should_stop(); },
+                                     .deadline = limits.deadline()});
+    }
     return backend.embed(texts);
+  } catch (const embedding::EmbeddingStopped&) {
+    throw Interrupted();
   } catch (const TryAgainLaterError& error) {
     throw Failure(ExitStatus::not_ready, std::string(error.what()) + "; try again later");
   } catch (const std::bad_alloc&) {
     throw_out_of_memory(texts.size(), backend);
   } catch (const std::length_error&) {
     throw_out_of_memory(texts.size(), backend);
+  } catch (const RuntimeError& error) {  // an endpoint's: says itself what and where
+    throw Failure(ExitStatus::call_failed, error.what());
   } catch (const std::exception& error) {
     throw Failure(ExitStatus::call_failed, "the backend " + backend.name() + " could not embed " +
                                                std::to_string(texts.size()) +

@@ -16,10 +16,10 @@ std::optional<Number> number_of(const std::string& text) {
   return value;
 }
 
-}  // namespace
-
-CLI::Option* add_count(CLI::App& command, const std::string& name, std::int64_t& value,
-                       const std::string& description) {
+/// `Value` is a whole number, or an optional one.
+template <class Value>
+CLI::Option* add_count_option(CLI::App& command, const std::string& name, Value& value,
+                              const std::string& description) {
   const auto read = [name, &value](const std::string& text) {
     const auto number = number_of<std::int64_t>(text);
     if (!number || *number < 1) {
@@ -28,6 +28,18 @@ CLI::Option* add_count(CLI::App& command, const std::string& name, std::int64_t&
     value = *number;
   };
   return command.add_option_function<std::string>(name, read, description)->type_name("N");
+}
+
+}  // namespace
+
+CLI::Option* add_count(CLI::App& command, const std::string& name, std::int64_t& value,
+                       const std::string& description) {
+  return add_count_option(command, name, value, description);
+}
+
+CLI::Option* add_count(CLI::App& command, const std::string& name,
+                       std::optional<std::int64_t>& value, const std::string& description) {
+  return add_count_option(command, name, value, description);
 }
 
 CLI::Option* add_seconds(CLI::App& command, const std::string& name, std::optional<double>& value,

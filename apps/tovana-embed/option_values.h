@@ -13,6 +13,8 @@ namespace tovana::tool {
 /// else.
 CLI::Option* add_count(CLI::App& command, const std::string& name, std::int64_t& value,
                        const std::string& description);
+CLI::Option* add_count(CLI::App& command, const std::string& name,
+                       std::optional<std::int64_t>& value, const std::string& description);
 
 /// An option with a number of seconds, at least 0 and finite.
 CLI::Option* add_seconds(CLI::App& command, const std::string& name, std::optional<double>& value,

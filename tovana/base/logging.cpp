@@ -53,7 +53,9 @@ class StandardErrorSink {
 
   void operator()(const LogRecord& record) {
     std::string line = record.logger + ": " + record.message();
-    if (record.error) line += " [" + record.error->kind + ": " + record.error->message + "]";
+    if (record.error && line.find(record.error->message) == std::string::npos) {
+      line += " (" + record.error->kind + ": " + record.error->message + ")";
+    }
     _logger.log(spdlog_level(record.level), "{}", escape_control_characters(line));
   }
 
@@ -87,13 +89,6 @@ LogState& log_state() {
   return *state;
 }
 
-std::shared_ptr<const LogSink> default_sink() {
-  static auto* const sink = new std::shared_ptr<const LogSink>(
-      std::make_shared<const LogSink>([writer = std::make_shared<StandardErrorSink>()](
-                                          const LogRecord& record) { (*writer)(record); }));
-  return *sink;
-}
-
 }  // namespace
 
 std::string LogRecord::message() const {
@@ -113,6 +108,11 @@ std::string LogRecord::message() const {
     text += std::visit(ArgumentPrinter{rest}, arguments.at(next++));
     rest = logging_detail::parse_conversion(rest).rest;
   }
+}
+
+void write_to_standard_error(const LogRecord& record) {
+  static auto* const sink = new StandardErrorSink;  // never destroyed, like everything here
+  (*sink)(record);
 }
 
 void set_log_sink(LogSink sink) {
@@ -140,12 +140,15 @@ void Logger::deliver(LogLevel level, const std::exception* error, std::string_vi
     const LockGuard lock(state.mutex);
     sink = state.sink;
   }
-  if (sink == nullptr) sink = default_sink();
   LogRecord record{_name, level, format, std::move(arguments), std::nullopt};
   if (error != nullptr) {
     record.error = LogRecord::ErrorInformation{error_kind(*error), error->what()};
   }
-  (*sink)(record);
+  if (sink != nullptr) {
+    (*sink)(record);
+  } else {
+    write_to_standard_error(record);
+  }
 }
 
 const Logger& logger(std::string_view name) {

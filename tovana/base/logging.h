@@ -53,9 +53,12 @@ struct LogRecord {
 /// dropped.
 using LogSink = std::function<void(const LogRecord&)>;
 
-/// Replaces the sink; an empty one puts the default back, which writes a line to stderr with the
-/// time, the level, the logger and the message, control characters escaped. Records that are being
-/// delivered at that moment may still reach the old one.
+/// The default sink: writes a line to stderr with the time, the level, the logger, the message and
+/// the error, control characters escaped.
+void write_to_standard_error(const LogRecord& record);
+
+/// Replaces the sink; an empty one puts the default back. Records that are being delivered at that
+/// moment may still reach the old one.
 void set_log_sink(LogSink sink);
 
 /// Records below this level are dropped before their arguments are looked at. Initially `info`.
