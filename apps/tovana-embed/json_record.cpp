@@ -140,10 +140,11 @@ JsonRecord parse_json_record(std::string_view line) {
   RecordHandler handler;
   const bool valid = json::sax_parse(line.begin(), line.end(), &handler);
   if (!valid) throw ValueError(handler.problem());
-  if (!handler.text()) throw ValueError("the object has no member \"text\"");
+  const std::optional<std::string>& text = handler.text();
+  if (!text) throw ValueError("the object has no member \"text\"");
 
   JsonRecord record;
-  record.text = *handler.text();
+  record.text = *text;
   const std::vector<std::string_view> members = split_members(line);
   for (std::size_t i = 0; i < members.size(); ++i) {
     if (handler.is_vector()[i]) continue;
