@@ -12,9 +12,9 @@ namespace tovana::sentence_transformers {
 /// the file.
 class FileHandle {
  public:
-  /// Owns `descriptor`, which is `size` bytes long; `path` is for messages.
-  FileHandle(int descriptor, std::string path, std::uint64_t size) noexcept
-      : _descriptor(descriptor), _path(std::move(path)), _size(size) {}
+  /// Takes over `descriptor`; `path` is for messages. Throws ValueError when it is anything but a
+  /// regular file.
+  FileHandle(int descriptor, std::string path);
   FileHandle(FileHandle&& other) noexcept
       : _descriptor(std::exchange(other._descriptor, -1)),
         _path(std::move(other._path)),
@@ -35,9 +35,12 @@ class FileHandle {
   void check_unchanged() const;
 
  private:
+  FileHandle(std::string path, int descriptor) noexcept
+      : _descriptor(descriptor), _path(std::move(path)) {}
+
   int _descriptor;
   std::string _path;
-  std::uint64_t _size;
+  std::uint64_t _size = 0;
 };
 
 }  // namespace tovana::sentence_transformers

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "sentence_transformers/files/file_handle.h"
 
@@ -21,7 +21,7 @@ bool is_contained_name(std::string_view name) noexcept;
 
 /// A text from a model's file as it may stand in a message: in double quotes, on one line, control
 /// characters and whatever is not ASCII as JSON escapes, and cut to a readable length.
-std::string quoted(std::string_view text);
+std::string in_quotes(std::string_view text);
 
 /// A whole JSON text. Throws ValueError saying what is wrong: not JSON to the letter (a byte-order
 /// mark, a NUL and anything behind the value included), or nested more than 64 deep.

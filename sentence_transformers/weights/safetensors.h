@@ -1,12 +1,11 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
-#include <memory>
 #include <span>
 #include <string_view>
 
 #include "sentence_transformers/files/file_handle.h"
+#include "sentence_transformers/files/file_memory.h"
 #include "sentence_transformers/weights/tensor.h"
 
 /// Tensors in the safetensors format: a length (64 bits, little-endian), a JSON header of that
@@ -24,32 +23,17 @@ TensorMap parse_safetensors(std::span<const std::byte> file);
 /// Threads: immutable once opened; any number may read.
 class SafetensorsFile {
  public:
-  /// How the content gets into memory. `map` costs neither time nor memory for what is not looked
-  /// at, but a mapped file that somebody cuts short later ends the process with SIGBUS at the next
-  /// look: it is for files that nobody changes in place, and the length is checked before and after
-  /// the header is read. `read` copies the file and has no such risk.
-  enum class Access { read, map };
-
   /// Throws ValueError, naming file and fault, for a file that is no valid safetensors file, and
   /// RuntimeError when it cannot be read or changes meanwhile.
-  static SafetensorsFile open(const FileHandle& file, Access access);
+  static SafetensorsFile open(const FileHandle& file, FileAccess access);
 
   const TensorMap& tensors() const noexcept { return _tensors; }
   const TensorView* find(std::string_view name) const noexcept;
 
  private:
-  /// Frees what `open` got: the mapping of a size, or an array.
-  struct Release {
-    std::size_t mapped_size = 0;  ///< 0: an array.
-    void operator()(std::byte* bytes) const noexcept;
-  };
-  using Memory = std::unique_ptr<std::byte[], Release>;
+  SafetensorsFile(FileMemory memory, TensorMap tensors) noexcept;
 
-  SafetensorsFile(Memory memory, TensorMap tensors) noexcept;
-  static Memory _map(const FileHandle& file);
-  static Memory _read(const FileHandle& file);
-
-  Memory _memory;
+  FileMemory _memory;
   TensorMap _tensors;
 };
 

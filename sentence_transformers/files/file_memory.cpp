@@ -1,0 +1,53 @@
+#include "sentence_transformers/files/file_memory.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <sys/mman.h>
+
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::sentence_transformers {
+namespace {
+
+std::span<std::byte> map(const FileHandle& file) {
+  if (file.size() == 0) return {};  // Nothing of length 0 can be mapped.
+  void* const mapped = mmap(nullptr, file.size(), PROT_READ, MAP_PRIVATE, file.descriptor(), 0);
+  if (mapped == MAP_FAILED) {
+    throw RuntimeError(file.path() + ": cannot be mapped: " + std::strerror(errno));
+  }
+  return {static_cast<std::byte*>(mapped), file.size()};
+}
+
+}  // namespace
+
+// Done before the other constructor's body, so that the destructor gives back what that has begun.
+FileMemory::FileMemory(FileAccess access, std::size_t size) : _access(access) {
+  if (access == FileAccess::read) _bytes = {new std::byte[size], size};
+}
+
+FileMemory::FileMemory(const FileHandle& file, FileAccess access)
+    : FileMemory(access, file.size()) {
+  if (access == FileAccess::map) {
+    _bytes = map(file);
+    file.check_unchanged();
+  } else {
+    file.read_all(_bytes);
+  }
+}
+
+FileMemory& FileMemory::operator=(FileMemory&& other) noexcept {
+  std::swap(_bytes, other._bytes);
+  std::swap(_access, other._access);
+  return *this;
+}
+
+FileMemory::~FileMemory() {
+  if (_access == FileAccess::read) {
+    delete[] _bytes.data();
+  } else if (!_bytes.empty()) {
+    munmap(_bytes.data(), _bytes.size());
+  }
+}
+
+}  // namespace tovana::sentence_transformers

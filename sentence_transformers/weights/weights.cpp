@@ -1,0 +1,96 @@
+#include "sentence_transformers/weights/weights.h"
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::sentence_transformers {
+namespace {
+
+constexpr std::string_view kSingle = "model.safetensors";
+constexpr std::string_view kIndex = "model.safetensors.index.json";
+constexpr std::uint64_t kLargestFile = std::uint64_t{64} << 30U;
+constexpr std::size_t kLargestIndex = std::size_t{64} << 20U;
+
+SafetensorsFile open_weights(const ModelDirectory& directory, const FileHandle& file) {
+  // A blob of a hub cache is never changed in place, which is what mapping asks for.
+  return SafetensorsFile::open(file, directory.is_snapshot() ? FileAccess::map : FileAccess::read);
+}
+
+[[noreturn]] void refuse_without_safetensors(const ModelDirectory& directory) {
+  for (const std::string_view name : {"pytorch_model.bin", "pytorch_model.bin.index.json"}) {
+    std::optional<FileHandle> file = directory.open(name, kLargestFile);
+    if (!file) continue;
+    throw ValueError(file->path() +
+                     ": weights in pickle format are not read, since they may run code: convert "
+                     "the model to safetensors by loading it in Python with sentence-transformers "
+                     "and saving it again with save_pretrained");
+  }
+  throw ValueError(directory.path_of(kSingle) + ": the model has no weights");
+}
+
+/// Which tensors lie in which file, by the file's name.
+std::map<std::string, std::set<std::string>> tensors_by_shard(const ModelDirectory& directory,
+                                                              const nlohmann::json& index) {
+  const std::string path = directory.path_of(kIndex);
+  const auto map = index.is_object() ? index.find("weight_map") : index.end();
+  if (map == index.end() || !map->is_object()) {
+    throw ValueError(path + ": has no object \"weight_map\"");
+  }
+  std::map<std::string, std::set<std::string>> shards;
+  for (const auto& [tensor, shard] : map->items()) {
+    if (!shard.is_string()) {
+      throw ValueError(path + ": the file of tensor " + in_quotes(tensor) + " is no text");
+    }
+    shards[shard.get<std::string>()].insert(tensor);
+  }
+  return shards;
+}
+
+}  // namespace
+
+Weights::Weights(std::vector<SafetensorsFile> files, TensorMap tensors) noexcept
+    : _files(std::move(files)), _tensors(std::move(tensors)) {}
+
+Weights Weights::load(const ModelDirectory& directory) {
+  std::vector<SafetensorsFile> files;
+  if (const std::optional<FileHandle> file = directory.open(kSingle, kLargestFile)) {
+    files.push_back(open_weights(directory, *file));
+    TensorMap tensors = files.front().tensors();
+    return Weights(std::move(files), std::move(tensors));
+  }
+
+  const std::optional<nlohmann::json> index = directory.read_json(kIndex, kLargestIndex);
+  if (!index) refuse_without_safetensors(directory);
+  TensorMap tensors;
+  for (const auto& [shard, names] : tensors_by_shard(directory, *index)) {
+    const std::optional<FileHandle> file = directory.open(shard, kLargestFile);
+    if (!file) {
+      throw ValueError(directory.path_of(shard) + ": not there, though " + std::string(kIndex) +
+                       " names it");
+    }
+    files.push_back(open_weights(directory, *file));
+    for (const std::string& name : names) {
+      const TensorView* const tensor = files.back().find(name);
+      if (tensor == nullptr) {
+        throw ValueError(file->path() + ": has no tensor " + in_quotes(name) + ", though " +
+                         std::string(kIndex) + " says so");
+      }
+      tensors.emplace(name, *tensor);
+    }
+  }
+  return Weights(std::move(files), std::move(tensors));
+}
+
+const TensorView* Weights::find(std::string_view name) const noexcept {
+  const auto found = _tensors.find(name);
+  return found == _tensors.end() ? nullptr : &found->second;
+}
+
+}  // namespace tovana::sentence_transformers
