@@ -27,3 +27,23 @@ in_log() {
   fi
   return "$status"
 }
+
+# prepare_bench: builds the benchmarks, writes the corpus and sets up the peers. Leaves in `bench` where
+# the programs are, in `corpus` the texts and in `peers` the Python that has the peers.
+prepare_bench() {
+  local work="$root/build/bench"
+  bench="$root/build/release/bench"
+  corpus="$work/symbol_descriptions.txt"
+  peers="$work/peers/bin/python"
+
+  "$root/scripts/setup" --bench
+  in_log "$work/build.log" configure release -DTOVANA_BUILD_TESTS=OFF -DTOVANA_BUILD_BENCH=ON
+  in_log "$work/build.log" cmake --build "$root/build/release"
+  # The corpus depends on the Python that runs the script, so a figure is quoted with its line of output.
+  python3 "$root/bench/symbol_descriptions.py" "$corpus"
+  if [[ ! -x $peers ]]; then
+    say "$(basename "$0"): setting up the peers in build/bench/peers"
+    in_log "$work/peers.log" python3 -m venv "$work/peers"
+  fi
+  in_log "$work/peers.log" "$peers" -m pip install --requirement "$root/bench/peers/requirements.txt"
+}
