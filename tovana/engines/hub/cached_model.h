@@ -1,0 +1,48 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "tovana/engines/hub/cache_settings.h"
+#include "tovana/engines/hub/model_name.h"
+#include "tovana/exceptions/exceptions.h"
+
+/// Models on this machine: folders of somebody's own, and the hub's cache, which other programs
+/// write as well. Nothing here makes a request or writes a byte, so a cache that is read-only, or
+/// in use by others, will do.
+namespace tovana::hub {
+
+/// A model whose files are all there.
+struct CachedModel {
+  /// The folder with the model's files; absolute.
+  std::filesystem::path directory;
+  /// Where links in that folder may lead: the cache's root for a snapshot, which consists of links,
+  /// else the folder itself.
+  std::filesystem::path allowed_root;
+  /// The repository and its commit; empty for a folder that is not found by a repository's name.
+  std::string repo_id;
+  std::string commit;
+};
+
+/// The cache does not hold the model, or not all of it: the one failure that fetching can mend.
+class ModelNotCachedError : public RuntimeError {
+ public:
+  using RuntimeError::RuntimeError;
+  const char* kind() const noexcept override { return "ModelNotCachedError"; }
+};
+
+/// Finds a model by looking at the disk only.
+///
+/// In the cache, one snapshot is looked at: that of the revision's commit. It counts as cached when
+/// every file that the model needs is there, not empty, and as long as a listing of the commit
+/// says, if there is one. Of an optional file that decides what the vectors are (which modules
+/// there are, how they are configured) it has to be known that the repository has none, from the
+/// mark that a fetch leaves or from the listing: a cache that was filled only in part must not be
+/// taken for a simpler model.
+///
+/// Throws ModelNotCachedError, in one line, with the model, the cache's root, what is missing, and
+/// what to do; ValueError for a folder that does not exist, a file in place of a folder, and files
+/// of the cache that are damaged or lead out of it.
+CachedModel find_cached_model(const ModelName& name, const CacheSettings& settings);
+
+}  // namespace tovana::hub

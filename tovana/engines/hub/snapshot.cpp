@@ -1,0 +1,91 @@
+#include "tovana/engines/hub/snapshot.h"
+
+#include <system_error>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "sentence_transformers/files/model_directory.h"
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::hub {
+namespace {
+
+namespace fs = std::filesystem;
+using sentence_transformers::ModelDirectory;
+
+constexpr std::size_t kLargestJson = std::size_t{16} << 20U;
+
+using Listing = std::map<std::string, std::uint64_t, std::less<>>;
+
+/// A listing is {"format_version": 1, "files": {NAME: {"size": …}}}; where the repository holds a
+/// pointer in place of a large file, "lfs_size" is the file's own.
+std::optional<Listing> read_listing(const ModelDirectory& repository, const std::string& name) {
+  try {
+    const std::optional<nlohmann::json> tree = repository.read_json(name, kLargestJson);
+    if (!tree || tree->at("format_version") != 1) return std::nullopt;
+    Listing listing;
+    for (const auto& [file, entry] : tree->at("files").items()) {
+      const auto lfs_size = entry.find("lfs_size");
+      const nlohmann::json& size =
+          lfs_size != entry.end() && lfs_size->is_number() ? *lfs_size : entry.at("size");
+      listing.emplace(file, size.get<std::uint64_t>());
+    }
+    return listing;
+  } catch (const nlohmann::json::exception&) {
+    return std::nullopt;
+  } catch (const Error&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
+Snapshot::Snapshot(fs::path cache_root, fs::path repo_folder, std::string commit)
+    : _cache_root(std::move(cache_root)),
+      _repo_folder(std::move(repo_folder)),
+      _commit(std::move(commit)),
+      _listing(
+          read_listing(ModelDirectory(_repo_folder, _cache_root), "trees/" + _commit + ".json")) {}
+
+std::optional<std::string> Snapshot::fault(std::string_view name, Need need) const {
+  if (!sentence_transformers::is_contained_name(name)) {
+    throw ValueError(directory().string() + ": the model names the file " +
+                     sentence_transformers::in_quotes(name) + ", which is not inside it");
+  }
+  std::optional<std::string> fault = _fault_of_content(name);
+  if (!fault || need == Need::required) return fault;
+  if (need == Need::if_listed) return _listing && _listing->contains(name) ? fault : std::nullopt;
+  if (_is_known_absent(name)) return std::nullopt;
+  return *fault + ", and nothing says that the repository has none";
+}
+
+std::optional<std::string> Snapshot::_fault_of_content(std::string_view name) const {
+  const fs::path path = directory() / name;
+  std::error_code error;
+  const fs::file_status status = fs::status(path, error);
+  if (status.type() == fs::file_type::not_found) {
+    return fs::is_symlink(fs::symlink_status(path, error)) ? "is a link to nowhere" : "is missing";
+  }
+  if (error) return "cannot be reached (" + error.message() + ")";
+  if (!fs::is_regular_file(status)) return "is not a file";
+  const std::uintmax_t size = fs::file_size(path, error);
+  if (error) return "cannot be reached (" + error.message() + ")";
+  if (size == 0) return "is empty";
+  if (!_listing) return std::nullopt;
+  const auto listed = _listing->find(name);
+  if (listed == _listing->end() || listed->second == size) return std::nullopt;
+  return "has " + std::to_string(size) + " bytes instead of " + std::to_string(listed->second);
+}
+
+bool Snapshot::_is_known_absent(std::string_view name) const {
+  if (_listing) return !_listing->contains(name);
+  std::error_code error;
+  return fs::exists(_repo_folder / ".no_exist" / _commit / name, error);
+}
+
+std::optional<nlohmann::json> Snapshot::read_json(std::string_view name) const {
+  return ModelDirectory(directory(), _cache_root).read_json(name, kLargestJson);
+}
+
+}  // namespace tovana::hub
