@@ -44,6 +44,13 @@ void check(CURLcode result) {
   if (result != CURLE_OK) throw RuntimeError(std::string("libcurl: ") + curl_easy_strerror(result));
 }
 
+void check(CURLMcode result) {
+  if (result == CURLM_OUT_OF_MEMORY) throw std::bad_alloc();
+  if (result != CURLM_OK) {
+    throw RuntimeError(std::string("libcurl: ") + curl_multi_strerror(result));
+  }
+}
+
 template <class Value>
 void set(CURL* easy, CURLoption option, Value value) {
   check(curl_easy_setopt(easy, option, value));
@@ -67,8 +74,7 @@ CurlExchange::CurlExchange(CurlSlot& slot, const Request& request, ResponseSink&
                            const std::string& ca_file)
     : _slot(slot), _request(request), _sink(sink), _headers(nullptr, &curl_slist_free_all) {
   configure(ca_file);
-  const CURLMcode added = curl_multi_add_handle(_slot.multi, _slot.easy);
-  if (added != CURLM_OK) throw std::bad_alloc();
+  check(curl_multi_add_handle(_slot.multi, _slot.easy));
 }
 
 CurlExchange::~CurlExchange() { curl_multi_remove_handle(_slot.multi, _slot.easy); }
@@ -150,7 +156,7 @@ CURLcode CurlExchange::drive() {
   Progress last_progress{};
   for (;;) {
     int running = 0;
-    if (curl_multi_perform(_slot.multi, &running) != CURLM_OK) throw std::bad_alloc();
+    check(curl_multi_perform(_slot.multi, &running));
     int left = 0;
     while (const CURLMsg* message = curl_multi_info_read(_slot.multi, &left)) {
       if (message->msg == CURLMSG_DONE) return message->data.result;
@@ -168,10 +174,7 @@ CURLcode CurlExchange::drive() {
     }
     if (idle_left <= 0) return CURLE_OPERATION_TIMEDOUT;
     const double wait = std::min({idle_left, total_left, kLongestPollS});
-    if (curl_multi_poll(_slot.multi, nullptr, 0, static_cast<int>(milliseconds(wait)), nullptr) !=
-        CURLM_OK) {
-      throw std::bad_alloc();
-    }
+    check(curl_multi_poll(_slot.multi, nullptr, 0, static_cast<int>(milliseconds(wait)), nullptr));
   }
 }
 

@@ -1,6 +1,7 @@
 #include "tovana/engines/http/json.h"
 
 #include <bit>
+#include <cstdlib>
 #include <new>
 #include <type_traits>
 #include <unordered_map>
@@ -8,6 +9,7 @@
 
 #include <simdjson.h>
 
+#include "tovana/base/mutex.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::http {
@@ -59,6 +61,42 @@ T as(const element& value, const char* expected) {
   }
   return result;
 }
+
+/// Gives parsers their kernel, also while the process exits. simdjson keeps the kernels, one for
+/// each kind of processor, in static objects that are destroyed then, when other threads may be in
+/// a call. Only this first step of a parser's life needs them, so from the beginning of the exit on
+/// it is done with a kernel that is never destroyed, if a slower one.
+class Kernels {
+ public:
+  static Kernels& of_process() {
+    static auto* const kernels = new Kernels;
+    return *kernels;
+  }
+
+  simdjson::error_code prepare(simdjson::dom::parser& parser, std::size_t max_depth) {
+    const LockGuard lock(_mutex);
+    return parser.allocate(0, max_depth);
+  }
+
+ private:
+  Kernels() {
+    // Exit handlers run in the reverse order of their registration: the kernels' come before ours.
+    static_cast<void>(simdjson::get_active_implementation()->name());
+    if (std::atexit([] { of_process().outlive_exit(); }) != 0) outlive_exit();
+  }
+
+  void outlive_exit() {
+    const LockGuard lock(_mutex);
+    simdjson::get_active_implementation() = &_portable;
+  }
+
+  Mutex _mutex;
+  const simdjson::builtin::implementation _portable;
+};
+
+/// Made when the program is loaded: the first text may come when it is too late to prepare for the
+/// exit.
+[[maybe_unused]] const Kernels& kernels_at_load = Kernels::of_process();
 
 /// Python's json module writes NaN and Infinity, so servers written in Python do send them.
 bool holds_python_literal(std::string_view text) {
@@ -201,7 +239,7 @@ JsonReply JsonReply::parse(std::string text) {
   auto document = std::make_unique<Document>();
   simdjson::dom::parser parser;
   // The parser counts the root as a level of its own.
-  simdjson::error_code error = parser.allocate(size, kDeepestNesting + 1);
+  simdjson::error_code error = Kernels::of_process().prepare(parser, kDeepestNesting + 1);
   if (error == simdjson::SUCCESS) {
     error = parser.parse_into_document(document->parsed, text.data(), size, false).error();
   }

@@ -72,7 +72,7 @@ struct JsonMember {
 /// A parsed JSON text; owns everything its values refer to.
 class JsonReply {
  public:
-  /// Deeper nesting is refused.
+  /// No value may lie in more objects and arrays than this.
   static constexpr std::size_t kDeepestNesting = 64;
 
   /// The parser writes this much behind the text: with room for it, `parse` does not move the text.
@@ -80,7 +80,8 @@ class JsonReply {
 
   /// Parses a whole text. Throws RuntimeError, with what is wrong in words, for a text that is not
   /// JSON to the letter (RFC 8259, UTF-8), is nested too deeply, holds a whole number beyond 64
-  /// bits or a real one beyond a double. The text's memory is given back before this returns.
+  /// bits or a real one beyond a double; or when the process is exiting. The text's memory is given
+  /// back before this returns.
   static JsonReply parse(std::string text);
 
   JsonReply(JsonReply&& other) noexcept;

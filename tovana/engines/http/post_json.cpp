@@ -57,11 +57,9 @@ std::string redirect_problem(const std::string& url, const ResponseHeaders& head
   const auto location = headers.find("Location");
   if (location == headers.end()) return "redirects are not followed";
   const std::optional<UrlOrigin> origin = url_origin(location->second, url);
+  if (!origin) return "redirects are not followed; this one leads to no usable URL";
   return "redirects are not followed; this one leads to " +
-         (origin ? origin->scheme + "://" + escape_control_characters(origin->host) + ":" +
-                       origin->port
-                 : "no usable URL") +
-         ": set the URL to the final address";
+         escape_control_characters(origin->text()) + ": set the URL to the final address";
 }
 
 bool is_blank(std::string_view text) {

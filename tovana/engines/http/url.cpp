@@ -47,6 +47,11 @@ bool UrlOrigin::is_loopback() const {
          (host.starts_with("127.") && host.find_first_not_of("0123456789.") == std::string::npos);
 }
 
+std::string UrlOrigin::text() const {
+  const bool is_ipv6 = host.find(':') != std::string::npos;
+  return scheme + "://" + (is_ipv6 ? "[" + host + "]" : host) + ":" + port;
+}
+
 std::optional<UrlOrigin> url_origin(const std::string& url, const std::string& base) {
   const CurlUrl parsed(curl_url(), &curl_url_cleanup);
   if (parsed == nullptr) throw std::bad_alloc();

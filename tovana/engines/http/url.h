@@ -16,6 +16,9 @@ struct UrlOrigin {
 
   /// "localhost" and names below it, 127.0.0.0/8, ::1.
   bool is_loopback() const;
+
+  /// "https://example.com:443", "http://[::1]:80".
+  std::string text() const;
 };
 
 /// The origin of an absolute URL; none for a text that is no such URL. A relative `url` is resolved
