@@ -1,0 +1,86 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sentence_transformers/tokenizer/byte_trie.h"
+
+namespace tovana::sentence_transformers {
+
+/// A token that is recognised in the text before it is cut into words.
+struct AddedToken {
+  std::string content;
+  std::int32_t id = 0;
+  bool single_word = false;  ///< Only where no word character touches it.
+  bool lstrip = false;       ///< Takes the white space before it along.
+  bool rstrip = false;       ///< Takes the white space behind it along.
+  /// Looked for in the normalized text, with its content normalized; otherwise in the text as
+  /// given.
+  bool normalized = false;
+  bool special = false;
+
+  bool operator==(const AddedToken&) const = default;
+};
+
+/// Finds the added tokens of one of the two searches in a text: from the left, the longest at each
+/// place, none overlapping another.
+///
+/// A search takes time in proportion to the text, times the longest content (`kLongestContent`
+/// bounds it) for a text that is all but the same as one.
+/// Threads: immutable; any number may use one.
+class AddedTokens {
+ public:
+  static constexpr std::size_t kLongestContent = 256;
+
+  /// Each token's content is as it appears in the text that is searched; of equal ones the last
+  /// counts. Contents are at most a few times `kLongestContent` long.
+  explicit AddedTokens(std::vector<AddedToken> tokens);
+
+  bool empty() const noexcept { return _tokens.empty(); }
+
+  /// Calls `on_text(piece)` for each piece between tokens that is not empty, and `on_token(id)` for
+  /// each token, in order. Ends early when one returns false, and then returns false.
+  template <class OnText, class OnToken>
+  bool split(std::string_view text, const OnText& on_text, const OnToken& on_token) const {
+    std::size_t piece = 0;
+    std::size_t searched = 0;
+    while (const std::optional<Match> match = find(text, searched)) {
+      searched = match->end;
+      const AddedToken& token = *match->token;
+      if (token.single_word && !stands_alone(text, *match)) continue;
+      std::size_t begin = match->begin;
+      if (token.lstrip) begin = space_before(text, begin, piece);
+      if (piece < begin && !on_text(text.substr(piece, begin - piece))) return false;
+      if (!on_token(token.id)) return false;
+      // What an earlier token took along need not be looked at again.
+      piece = piece > match->end ? piece : match->end;
+      if (token.rstrip) piece = space_behind(text, piece);
+    }
+    return piece >= text.size() || on_text(text.substr(piece));
+  }
+
+ private:
+  struct Match {
+    std::size_t begin;
+    std::size_t end;
+    const AddedToken* token;
+  };
+
+  std::optional<Match> find(std::string_view text, std::size_t from) const noexcept;
+  static bool stands_alone(std::string_view text, const Match& match) noexcept;
+  static std::size_t space_before(std::string_view text, std::size_t end,
+                                  std::size_t floor) noexcept;
+  static std::size_t space_behind(std::string_view text, std::size_t begin) noexcept;
+
+  std::vector<AddedToken> _tokens;
+  ByteTrie _trie;                      ///< To the tokens' places in `_tokens`.
+  std::array<bool, 256> _begins = {};  ///< Bytes that a token begins with.
+  std::optional<char> _only_begin;     ///< When there is one such byte alone.
+};
+
+}  // namespace tovana::sentence_transformers

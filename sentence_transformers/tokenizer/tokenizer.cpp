@@ -1,0 +1,137 @@
+#include "sentence_transformers/tokenizer/tokenizer.h"
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+#include "sentence_transformers/files/model_directory.h"
+#include "sentence_transformers/tokenizer/tokenizer_settings.h"
+#include "sentence_transformers/tokenizer/words.h"
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::sentence_transformers {
+namespace {
+
+NormalizerOptions with(NormalizerOptions options, const Tokenizer::Options& asked) {
+  options.lowercase_first = asked.lowercase_first;
+  return options;
+}
+
+std::int32_t largest_id_in(const std::vector<ByteTrie::Entry>& vocabulary) {
+  std::int32_t largest = 0;
+  for (const ByteTrie::Entry& entry : vocabulary) largest = std::max(largest, entry.value);
+  return largest;
+}
+
+}  // namespace
+
+Tokenizer::Tokenizer(TokenizerFiles files, const Options& options)
+    : Tokenizer(read_tokenizer_settings(std::move(files)), options) {}
+
+Tokenizer Tokenizer::load(const ModelDirectory& directory, const Options& options) {
+  return Tokenizer(TokenizerFiles::read(directory), options);
+}
+
+Tokenizer::Tokenizer(TokenizerSettings&& settings, const Options& options)
+    : _normalizer(with(settings.normalizer, options)),
+      _largest_id(largest_id_in(settings.vocabulary)),
+      _word_piece(std::move(settings.vocabulary), settings.word_piece),
+      _vocab_size(_word_piece.vocabulary_size()) {
+  give_ids(settings.added_tokens);
+  read_special_tokens(settings);
+
+  std::vector<AddedToken> raw;
+  std::vector<AddedToken> normalized;
+  for (AddedToken& token : settings.added_tokens) {
+    if (token.normalized) {
+      token.content = _normalizer.normalize(token.content);
+      normalized.push_back(std::move(token));
+    } else {
+      raw.push_back(std::move(token));
+    }
+  }
+  _raw_tokens = AddedTokens(std::move(raw));
+  _normalized_tokens = AddedTokens(std::move(normalized));
+}
+
+/// An added token that the vocabulary has keeps its id there; the others get the numbers behind the
+/// vocabulary's size in the order of addition, whatever ids the files list them under.
+void Tokenizer::give_ids(std::vector<AddedToken>& tokens) {
+  for (AddedToken& token : tokens) {
+    const std::optional<std::int32_t> known = _word_piece.id_of(token.content);
+    token.id = known ? *known : static_cast<std::int32_t>(_vocab_size++);
+    _largest_id = std::max(_largest_id, token.id);
+  }
+}
+
+void Tokenizer::read_special_tokens(const TokenizerSettings& settings) {
+  std::unordered_map<std::string_view, std::int32_t> added;
+  for (const AddedToken& token : settings.added_tokens) {
+    added.emplace(token.content, token.id);
+    if (token.special) _special_ids.push_back(token.id);
+  }
+  const auto id_of = [&](std::string_view content) {
+    if (const auto found = added.find(content); found != added.end()) return found->second;
+    if (const auto known = _word_piece.id_of(content)) return *known;
+    throw ValueError("the tokenizer's vocabulary lacks its special token " + in_quotes(content));
+  };
+  const auto ids_of = [&](const std::vector<TokenizerSettings::TemplateToken>& tokens) {
+    std::vector<std::int32_t> ids;
+    for (const auto& token : tokens) {
+      ids.push_back(token.id ? *token.id : id_of(token.content));
+      _largest_id = std::max(_largest_id, ids.back());
+    }
+    return ids;
+  };
+  _before = ids_of(settings.before);
+  _behind = ids_of(settings.behind);
+  _pad_id = id_of(settings.pad_token);
+  std::sort(_special_ids.begin(), _special_ids.end());
+}
+
+std::vector<std::int32_t> Tokenizer::encode(std::string_view text, std::size_t max_length) const {
+  if (max_length < special_count()) {
+    throw ValueError("a text of at most " + std::to_string(max_length) +
+                     " tokens has no room for the " + std::to_string(special_count()) +
+                     " special ones");
+  }
+  const std::size_t most = max_length - _behind.size();
+  std::vector<std::int32_t> ids;
+  ids.reserve(std::min(max_length, special_count() + text.size() / 2));
+  ids.assign(_before.begin(), _before.end());
+
+  const auto on_token = [&](std::int32_t id) {
+    ids.push_back(id);
+    return ids.size() < most;
+  };
+  const auto on_word = [&](std::string_view word, std::size_t characters) {
+    _word_piece.append_ids(word, characters, ids);
+    return ids.size() < most;
+  };
+  if (ids.size() < most) {
+    if (_normalized_tokens.empty()) {
+      Words words(_normalizer);
+      _raw_tokens.split(
+          text, [&](std::string_view piece) { return words.for_each(piece, on_word); }, on_token);
+    } else {
+      Words words(_as_is);
+      const auto on_text = [&](std::string_view piece) { return words.for_each(piece, on_word); };
+      _raw_tokens.split(
+          text,
+          [&](std::string_view piece) {
+            return _normalized_tokens.split(_normalizer.normalize(piece), on_text, on_token);
+          },
+          on_token);
+    }
+  }
+  if (ids.size() > most) ids.resize(most);  // the last word may have had several pieces
+  ids.insert(ids.end(), _behind.begin(), _behind.end());
+  return ids;
+}
+
+bool Tokenizer::is_special_id(std::int32_t id) const noexcept {
+  return std::binary_search(_special_ids.begin(), _special_ids.end(), id);
+}
+
+}  // namespace tovana::sentence_transformers

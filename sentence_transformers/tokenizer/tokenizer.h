@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "sentence_transformers/tokenizer/added_tokens.h"
+#include "sentence_transformers/tokenizer/bert_normalizer.h"
+#include "sentence_transformers/tokenizer/tokenizer_files.h"
+#include "sentence_transformers/tokenizer/word_piece.h"
+
+namespace tovana::sentence_transformers {
+
+class ModelDirectory;
+struct TokenizerSettings;
+
+/// Makes token ids of texts, the very ids that the models' own library makes: any difference would
+/// be another vector.
+///
+/// Literal added tokens in a text ("[SEP]", "<mask>") become their ids, as they do there.
+///
+/// Threads: immutable; any number may use one at once. Nothing blocks.
+class Tokenizer {
+ public:
+  /// What the model asks for beside its tokenizer's files.
+  struct Options {
+    /// "do_lower_case" of sentence_bert_config.json: lower-cases before the normalizer does its
+    /// work, and changes nothing for a tokenizer that lower-cases anyway.
+    bool lowercase_first = false;
+  };
+
+  /// Throws ValueError, naming file and fault, for files that are malformed or describe a tokenizer
+  /// of a kind that is not supported, saying what is.
+  explicit Tokenizer(TokenizerFiles files) : Tokenizer(std::move(files), Options{}) {}
+  Tokenizer(TokenizerFiles files, const Options& options);
+
+  /// From the files of a model's folder; also throws what reading them does.
+  static Tokenizer load(const ModelDirectory& directory) { return load(directory, Options{}); }
+  static Tokenizer load(const ModelDirectory& directory, const Options& options);
+
+  /// The ids of a text: the first special token, those of the text, the last special token. A text
+  /// that would have more than `max_length` ids is cut at its end; what is cut off is not looked
+  /// at. Ill-formed UTF-8 reads as U+FFFD. Throws ValueError when `max_length` is below
+  /// `special_count()`.
+  std::vector<std::int32_t> encode(std::string_view text, std::size_t max_length) const;
+
+  /// How many special tokens every text gets; 2 for BERT and MPNet.
+  std::size_t special_count() const noexcept { return _before.size() + _behind.size(); }
+
+  /// The id that fills a batch's shorter texts up.
+  std::int32_t pad_id() const noexcept { return _pad_id; }
+  std::int32_t unk_id() const noexcept { return _word_piece.unknown_id(); }
+
+  /// Whether an id is that of a special token, named or added.
+  bool is_special_id(std::int32_t id) const noexcept;
+
+  /// Different tokens, added ones included.
+  std::size_t vocab_size() const noexcept { return _vocab_size; }
+
+  /// No id that `encode` returns is above it: the embedding matrix needs one row more.
+  std::int32_t largest_id() const noexcept { return _largest_id; }
+
+ private:
+  Tokenizer(TokenizerSettings&& settings, const Options& options);
+
+  void give_ids(std::vector<AddedToken>& tokens);
+  void read_special_tokens(const TokenizerSettings& settings);
+
+  BertNormalizer _normalizer;
+  BertNormalizer _as_is;  ///< For text that is normalized already.
+  std::int32_t _largest_id;
+  WordPiece _word_piece;
+  std::size_t _vocab_size;
+  AddedTokens _raw_tokens = AddedTokens({});         ///< Looked for in the text.
+  AddedTokens _normalized_tokens = AddedTokens({});  ///< Looked for in its normalized pieces.
+  std::vector<std::int32_t> _before;
+  std::vector<std::int32_t> _behind;
+  std::vector<std::int32_t> _special_ids;  ///< Ascending.
+  std::int32_t _pad_id = 0;
+};
+
+}  // namespace tovana::sentence_transformers
