@@ -16,6 +16,8 @@ using sentence_transformers::ModelDirectory;
 
 constexpr std::size_t kLargestJson = std::size_t{16} << 20U;
 
+constexpr const char* kMissing = "is missing";
+
 using Listing = std::map<std::string, std::uint64_t, std::less<>>;
 
 /// A listing is {"format_version": 1, "files": {NAME: {"size": …}}}; where the repository holds a
@@ -53,8 +55,8 @@ std::optional<std::string> Snapshot::fault(std::string_view name, Need need) con
     throw ValueError(directory().string() + ": the model names the file " +
                      sentence_transformers::in_quotes(name) + ", which is not inside it");
   }
-  std::optional<std::string> fault = _fault_of_content(name);
-  if (!fault || need == Need::required) return fault;
+  const std::optional<std::string> fault = _fault_of_content(name);
+  if (fault != kMissing || need == Need::required) return fault;
   if (need == Need::if_listed) return _listing && _listing->contains(name) ? fault : std::nullopt;
   if (_is_known_absent(name)) return std::nullopt;
   return *fault + ", and nothing says that the repository has none";
@@ -65,7 +67,7 @@ std::optional<std::string> Snapshot::_fault_of_content(std::string_view name) co
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
   if (status.type() == fs::file_type::not_found) {
-    return fs::is_symlink(fs::symlink_status(path, error)) ? "is a link to nowhere" : "is missing";
+    return fs::is_symlink(fs::symlink_status(path, error)) ? "is a link to nowhere" : kMissing;
   }
   if (error) return "cannot be reached (" + error.message() + ")";
   if (!fs::is_regular_file(status)) return "is not a file";
