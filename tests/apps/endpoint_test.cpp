@@ -1,0 +1,107 @@
+#include <csignal>
+#include <future>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "subprocess.h"
+#include "tests/support/http_server.h"
+
+namespace tovana::testing {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr const char* kKey = "sk-secret";
+
+/// The tool with the key in its environment and no proxy.
+ProcessResult run_tool(std::vector<std::string> arguments, std::string_view input = "") {
+  const std::vector<std::string> prefix = {
+      "/usr/bin/env", "-i", std::string("BRUNE_LLM_API_KEY=") + kKey, TOVANA_EMBED_PATH};
+  arguments.insert(arguments.begin(), prefix.begin(), prefix.end());
+  return run(arguments, input);
+}
+
+/// An OpenAI-compatible endpoint whose vectors tell the length of the text, last text first.
+void answer(HttpServer::Connection& connection) {
+  const auto texts = nlohmann::json::parse(connection.body()).at("input");
+  auto data = nlohmann::json::array();
+  for (std::size_t i = texts.size(); i-- > 0;) {
+    data.push_back({{"index", i}, {"embedding", {texts[i].get<std::string>().size(), 0.5}}});
+  }
+  connection.respond(200, nlohmann::json{{"data", data}}.dump());
+}
+
+TEST(TovanaEmbedEndpoint, EmbedsBatchByBatchInOrder) {
+  const HttpServer server(answer);
+  const ProcessResult result = run_tool({"embed", "--backend", "openai", "--base-url",
+                                         server.url("/v1/"), "--model", "m", "--batch-size", "2"},
+                                        "a\nbcd\nef\n");
+  EXPECT_EQ(result.errors, "");
+  EXPECT_EQ(result.output,
+            "{\"text\":\"a\",\"vector\":[1,0.5]}\n{\"text\":\"bcd\",\"vector\":[3,0.5]}\n"
+            "{\"text\":\"ef\",\"vector\":[2,0.5]}\n");
+  ASSERT_EQ(server.requests().size(), 2U);
+  EXPECT_EQ(server.connections(), 1U);
+  EXPECT_THAT(server.requests()[1], AllOf(HasSubstr("POST /v1/embeddings HTTP/1.1"),
+                                          HasSubstr(std::string("Bearer ") + kKey)));
+}
+
+TEST(TovanaEmbedEndpoint, SaysInOneLineWhyACallFailed) {
+  const HttpServer server([](HttpServer::Connection& connection) {
+    connection.respond(401, std::string("no such key: ") + kKey);
+  });
+  const ProcessResult result =
+      run_tool({"embed", "a", "--backend", "api", "--api-url", server.url("/embed")});
+  EXPECT_EQ(result.status, 69);
+  EXPECT_EQ(result.output, "");
+  EXPECT_EQ(result.errors, "tovana-embed: API embedding failed: API embedding call to " +
+                               server.url("/embed") +
+                               " failed: HTTP 401, check the API key; the server says "
+                               "'no such key: ***'\n");
+  EXPECT_EQ(server.requests().size(), 1U);
+}
+
+TEST(TovanaEmbedEndpoint, DoesNotOutliveItsDeadlineNorCtrlC) {
+  std::promise<void> asked;
+  const HttpServer server([&](HttpServer::Connection& connection) {
+    if (connection.path() == "/interrupted/embeddings") asked.set_value();
+    connection.stall();
+  });
+  const ProcessResult late = run_tool({"embed", "a", "--backend", "openai", "--base-url",
+                                       server.url("/late"), "--deadline", "0.2"});
+  EXPECT_EQ(late.status, 69);
+  EXPECT_THAT(late.errors, HasSubstr("deadline"));
+
+  Subprocess interrupted({TOVANA_EMBED_PATH, "embed", "a", "--backend", "openai", "--base-url",
+                          server.url("/interrupted")});
+  asked.get_future().wait();
+  interrupted.signal(SIGINT);
+  const ProcessResult result = interrupted.finish();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_EQ(result.output + result.errors, "");
+}
+
+TEST(TovanaEmbedEndpoint, AsksForWhatABackendNeedsAndNoMore) {
+  const std::vector<std::vector<std::string>> wrong = {
+      {"--backend", "api"},
+      {"--backend", "openai"},
+      {"--backend", "openai", "--api-url", "http://h", "--base-url", "http://h"},
+      {"--backend", "api", "--api-url", "ftp://h"},
+      {"--backend", "tfidf", "--model", "m"},
+      {"--base-url", "http://h"}};
+  for (std::vector<std::string> arguments : wrong) {
+    arguments.insert(arguments.begin(), {"embed", "a"});
+    const ProcessResult result = run_tool(arguments);
+    EXPECT_EQ(result.status, 64) << result.errors;
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("--help"), Not(HasSubstr(kKey))));
+  }
+}
+
+}  // namespace
+}  // namespace tovana::testing
