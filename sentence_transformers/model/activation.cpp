@@ -1,0 +1,70 @@
+#include "sentence_transformers/model/activation.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include <ATen/ops/gelu.h>
+#include <ATen/ops/relu.h>
+#include <ATen/ops/silu.h>
+#include <ATen/ops/tanh.h>
+
+namespace tovana::sentence_transformers {
+namespace {
+
+using Named = std::pair<std::string_view, Activation>;
+
+constexpr std::array kByHiddenAct = {
+    Named{"gelu", Activation::gelu},
+    Named{"gelu_new", Activation::gelu_tanh},
+    Named{"gelu_pytorch_tanh", Activation::gelu_tanh},
+    Named{"relu", Activation::relu},
+    Named{"silu", Activation::silu},
+    Named{"swish", Activation::silu},
+    Named{"tanh", Activation::tanh},
+};
+
+constexpr std::array kByClass = {
+    Named{"torch.nn.modules.linear.Identity", Activation::identity},
+    Named{"torch.nn.modules.activation.GELU", Activation::gelu},
+    Named{"torch.nn.modules.activation.ReLU", Activation::relu},
+    Named{"torch.nn.modules.activation.SiLU", Activation::silu},
+    Named{"torch.nn.modules.activation.Tanh", Activation::tanh},
+};
+
+template <typename Table>
+std::optional<Activation> find(const Table& table, std::string_view name) noexcept {
+  const auto entry = std::ranges::find(table, name, &Named::first);
+  if (entry == table.end()) return std::nullopt;
+  return entry->second;
+}
+
+}  // namespace
+
+std::optional<Activation> activation_from_hidden_act(std::string_view name) noexcept {
+  return find(kByHiddenAct, name);
+}
+
+std::optional<Activation> activation_from_class(std::string_view path) noexcept {
+  return find(kByClass, path);
+}
+
+at::Tensor activate(Activation activation, const at::Tensor& input) {
+  switch (activation) {
+    case Activation::identity:
+      break;
+    case Activation::gelu:
+      return at::gelu(input, "none");  // The exact form, with erf.
+    case Activation::gelu_tanh:
+      return at::gelu(input, "tanh");
+    case Activation::relu:
+      return at::relu(input);
+    case Activation::silu:
+      return at::silu(input);
+    case Activation::tanh:
+      return at::tanh(input);
+  }
+  return input;
+}
+
+}  // namespace tovana::sentence_transformers

@@ -1,0 +1,85 @@
+#include "sentence_transformers/model/checkpoint.h"
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <span>
+#include <utility>
+
+#include <ATen/ops/empty.h>
+#include <ATen/ops/from_blob.h>
+
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::sentence_transformers {
+namespace {
+
+std::string shape_text(std::span<const std::int64_t> shape) {
+  std::string text = "[";
+  for (const std::int64_t extent : shape) {
+    if (text.size() > 1) text += ", ";
+    text += std::to_string(extent);
+  }
+  return text + "]";
+}
+
+std::string current_name(std::string_view name, std::string_view prefix) {
+  if (name.starts_with(prefix)) name.remove_prefix(prefix.size());
+  constexpr std::array<std::pair<std::string_view, std::string_view>, 2> kRenamed = {{
+      {"LayerNorm.gamma", "LayerNorm.weight"},
+      {"LayerNorm.beta", "LayerNorm.bias"},
+  }};
+  for (const auto& [old_end, new_end] : kRenamed) {
+    if (name.ends_with(old_end)) {
+      name.remove_suffix(old_end.size());
+      return std::string(name) + std::string(new_end);
+    }
+  }
+  return std::string(name);
+}
+
+}  // namespace
+
+Checkpoint::Checkpoint(const ModelDirectory& directory, std::string_view prefix)
+    : _weights(Weights::load(directory)), _folder(directory.path().string()) {
+  for (const auto& [name, tensor] : _weights.tensors()) {
+    // A tensor that already has the current name wins over one that would get it.
+    const std::string current = current_name(name, prefix);
+    if (name == current) {
+      _tensors.insert_or_assign(current, &tensor);
+    } else {
+      _tensors.try_emplace(current, &tensor);
+    }
+  }
+}
+
+at::Tensor Checkpoint::tensor(const std::string& name,
+                              std::initializer_list<std::int64_t> shape) const {
+  const auto found = _tensors.find(name);
+  if (found == _tensors.end()) {
+    refuse("no tensor " + in_quotes(name) + " of shape " + shape_text(shape) + " in the weights");
+  }
+  const TensorView& view = *found->second;
+  if (!std::ranges::equal(view.shape, shape)) {
+    refuse("the tensor " + in_quotes(name) + " has the shape " + shape_text(view.shape) +
+           ", and the configuration asks for " + shape_text(shape));
+  }
+  if (const std::optional<std::span<const float>> values = float32_in_place(view)) {
+    // from_blob takes no const pointer; nothing here writes to weights.
+    return at::from_blob(const_cast<float*>(values->data()), shape, at::kFloat);
+  }
+  at::Tensor result = at::empty(shape, at::kFloat);
+  try {
+    copy_float32(view,
+                 {result.mutable_data_ptr<float>(), static_cast<std::size_t>(result.numel())});
+  } catch (const ValueError& error) {
+    refuse("the tensor " + in_quotes(name) + ": " + error.what());
+  }
+  return result;
+}
+
+void Checkpoint::refuse(const std::string& fault) const {
+  throw ValueError(_folder + ": " + fault);
+}
+
+}  // namespace tovana::sentence_transformers

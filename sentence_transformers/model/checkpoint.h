@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <ATen/core/Tensor.h>
+
+#include "sentence_transformers/files/model_directory.h"
+#include "sentence_transformers/weights/weights.h"
+
+namespace tovana::sentence_transformers {
+
+/// A module's weights under the names that today's models give them, as float32 tensors.
+class Checkpoint {
+ public:
+  /// The tensors in a module's folder. `prefix` is what some checkpoints put before every name
+  /// ("bert."); it may be missing. Old names of a layer norm's tensors (gamma, beta) are known by
+  /// the new ones. Throws as `Weights::load` does.
+  Checkpoint(const ModelDirectory& directory, std::string_view prefix);
+
+  bool contains(std::string_view name) const { return _tensors.contains(name); }
+
+  /// A tensor of this shape, converted to float32. It may lie in the file's memory: it must not be
+  /// written to, and lives no longer than the checkpoint. Throws ValueError, naming tensor and
+  /// file, when it is absent, has another shape, or has no floating-point type that is supported.
+  at::Tensor tensor(const std::string& name, std::initializer_list<std::int64_t> shape) const;
+
+  /// Fails with "folder: fault".
+  [[noreturn]] void refuse(const std::string& fault) const;
+
+ private:
+  Weights _weights;
+  std::string _folder;
+  std::map<std::string, const TensorView*, std::less<>> _tensors;
+};
+
+}  // namespace tovana::sentence_transformers

@@ -1,0 +1,75 @@
+#include "sentence_transformers/model/module_list.h"
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "sentence_transformers/model/settings.h"
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::sentence_transformers {
+namespace {
+
+struct NamedKind {
+  std::string_view name;
+  ModuleKind kind;
+};
+
+constexpr std::array<NamedKind, 5> kKinds = {{
+    {"Transformer", ModuleKind::transformer},
+    {"Pooling", ModuleKind::pooling},
+    {"Normalize", ModuleKind::normalize},
+    {"Dense", ModuleKind::dense},
+    {"LayerNorm", ModuleKind::layer_norm},
+}};
+
+/// A module's type is the path of a Python class, whose folders have changed over the releases of
+/// sentence-transformers; its name has not.
+ModuleKind kind_of(const Settings& entry) {
+  const std::string type = entry.text("type").value_or("");
+  const auto* found = kKinds.end();
+  if (type.starts_with("sentence_transformers.")) {
+    const std::string_view name = std::string_view(type).substr(type.rfind('.') + 1);
+    found = std::ranges::find(kKinds, name, &NamedKind::name);
+  }
+  if (found == kKinds.end()) {
+    std::string known;
+    for (const NamedKind& each : kKinds) {
+      known += (known.empty() ? "" : ", ") + std::string(each.name);
+    }
+    entry.refuse("the type " + in_quotes(type) + " is not supported; supported, of " +
+                 "sentence_transformers: " + known);
+  }
+  return found->kind;
+}
+
+}  // namespace
+
+std::vector<ModuleEntry> read_module_list(const ModelDirectory& directory) {
+  constexpr const char* kFile = "modules.json";
+  const std::optional<nlohmann::json> list = directory.read_json(kFile);
+  if (!list) return {};
+  const std::string file = directory.path_of(kFile);
+  if (!list->is_array()) throw ValueError(file + ": holds no list of modules");
+
+  std::vector<ModuleEntry> modules;
+  for (const nlohmann::json& module : *list) {
+    const Settings entry(module, file + ": module " + std::to_string(modules.size()));
+    modules.push_back({.kind = kind_of(entry), .path = entry.text("path").value_or("")});
+  }
+
+  const auto is_first_of_its_kind = [](const ModuleEntry& module) {
+    return module.kind == ModuleKind::transformer || module.kind == ModuleKind::pooling;
+  };
+  if (modules.size() < 2 || modules[0].kind != ModuleKind::transformer ||
+      modules[1].kind != ModuleKind::pooling ||
+      std::any_of(modules.begin() + 2, modules.end(), is_first_of_its_kind)) {
+    throw ValueError(file + ": supported are a Transformer, then a Pooling, then other modules");
+  }
+  return modules;
+}
+
+}  // namespace tovana::sentence_transformers

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include <ATen/core/Tensor.h>
+
+#include "sentence_transformers/files/model_directory.h"
+#include "sentence_transformers/model/token_batch.h"
+
+namespace tovana::sentence_transformers {
+
+/// From the vectors of a text's tokens to one of the text: one or several modes, whose results
+/// stand side by side.
+class Pooling {
+ public:
+  enum class Mode { cls, max, mean, mean_sqrt_len_tokens, weightedmean, lasttoken };
+
+  /// The mean, for a model without a list of modules.
+  explicit Pooling(std::int64_t width) : Pooling(width, {Mode::mean}, true) {}
+
+  /// Reads the module's config.json. Throws ValueError, naming file and fault, for a mode that is
+  /// not known or vectors that are not `width` wide.
+  static Pooling read(const ModelDirectory& directory, std::int64_t width);
+
+  /// The floats of a text's vector.
+  std::int64_t dimension() const noexcept {
+    return _width * static_cast<std::int64_t>(_modes.size());
+  }
+
+  /// Whether the tokens of a prompt count. When not, the special token before it does not either.
+  bool includes_prompt() const noexcept { return _includes_prompt; }
+
+  /// `[batch.rows() x width]` to `[batch.texts() x dimension]`. The first `skipped` tokens of each
+  /// text do not count; its last one always does.
+  at::Tensor operator()(const at::Tensor& tokens, const TokenBatch& batch,
+                        std::int64_t skipped) const;
+
+ private:
+  Pooling(std::int64_t width, std::vector<Mode> modes, bool includes_prompt)
+      : _width(width), _modes(std::move(modes)), _includes_prompt(includes_prompt) {}
+
+  std::int64_t _width;
+  std::vector<Mode> _modes;
+  bool _includes_prompt;
+};
+
+}  // namespace tovana::sentence_transformers

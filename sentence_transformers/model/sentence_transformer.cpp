@@ -1,0 +1,164 @@
+#include "sentence_transformers/model/sentence_transformer.h"
+
+#include <algorithm>
+#include <numeric>
+#include <optional>
+#include <utility>
+
+#include <c10/core/InferenceMode.h>
+
+#include "sentence_transformers/model/settings.h"
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::sentence_transformers {
+namespace {
+
+/// What bounds the memory of a call: the widest matrix of a forward pass has as many rows. Large
+/// enough that the products run at full speed, small enough that what one step writes is still in
+/// the cache for the next.
+constexpr std::int64_t kRowsPerBatch = 2048;
+
+const std::string& transformer_path(const std::vector<ModuleEntry>& modules) {
+  static const std::string kModelItself;
+  return modules.empty() ? kModelItself : modules.front().path;
+}
+
+Pooling read_pooling(const ModelDirectory& directory, const std::vector<ModuleEntry>& modules,
+                     std::int64_t width) {
+  if (modules.empty()) return Pooling(width);
+  return Pooling::read(directory.subdirectory(modules[1].path), width);
+}
+
+/// The prompt of this name; every default that is named has to be there.
+std::string find_prompt(const Settings& settings, const std::string& name) {
+  const nlohmann::json* const prompts = settings.find("prompts");
+  if (prompts == nullptr || !prompts->is_object() || !prompts->contains(name)) {
+    settings.refuse("\"default_prompt_name\" is " + in_quotes(name) +
+                    ", and there is no such prompt");
+  }
+  return Settings(*prompts, settings.file() + ": prompts").text(name).value_or("");
+}
+
+}  // namespace
+
+std::unique_ptr<const SentenceTransformer> SentenceTransformer::load(
+    const ModelDirectory& directory, LinearKernel kernel) {
+  const c10::InferenceMode inference;
+  const std::vector<ModuleEntry> modules = read_module_list(directory);
+  const ModelDirectory transformer = directory.subdirectory(transformer_path(modules));
+  if (transformer.open("adapter_config.json", ModelDirectory::kLargestConfig)) {
+    throw ValueError(transformer.path_of("adapter_config.json") +
+                     ": a model with an adapter (PEFT) is not supported; merge the adapter into "
+                     "the model and save that");
+  }
+  const TransformerConfig config = read_transformer_config(transformer);
+  return std::unique_ptr<const SentenceTransformer>(
+      new SentenceTransformer(directory, modules, transformer, config, kernel));
+}
+
+SentenceTransformer::SentenceTransformer(const ModelDirectory& directory,
+                                         const std::vector<ModuleEntry>& modules,
+                                         const ModelDirectory& transformer,
+                                         const TransformerConfig& config, LinearKernel kernel)
+    : _max_length(config.max_length),
+      _tokenizer(Tokenizer::load(transformer, {.lowercase_first = config.lowercases_first})),
+      _encoder(transformer, config, kernel),
+      _pooling(read_pooling(directory, modules, config.hidden)) {
+  if (_tokenizer.largest_id() >= config.vocabulary) {
+    throw ValueError(transformer.path().string() + ": the tokenizer gives ids up to " +
+                     std::to_string(_tokenizer.largest_id()) + ", and \"vocab_size\" is " +
+                     std::to_string(config.vocabulary));
+  }
+  if (_max_length < _tokenizer.special_count()) {
+    throw ValueError(transformer.path().string() + ": texts may have " +
+                     std::to_string(_max_length) + " tokens, and the tokenizer adds " +
+                     std::to_string(_tokenizer.special_count()) + " to each");
+  }
+  _dimension = _pooling.dimension();
+  _read_modules(directory, modules);
+  _read_settings(directory);
+}
+
+void SentenceTransformer::_read_modules(const ModelDirectory& directory,
+                                        const std::vector<ModuleEntry>& modules) {
+  for (std::size_t index = 2; index < modules.size(); ++index) {
+    const ModelDirectory folder = directory.subdirectory(modules[index].path);
+    switch (modules[index].kind) {
+      case ModuleKind::normalize:
+        _modules.emplace_back(read_normalize(folder));
+        break;
+      case ModuleKind::dense:
+        _modules.emplace_back(read_dense(folder, _dimension));
+        break;
+      case ModuleKind::layer_norm:
+        _modules.emplace_back(read_layer_norm(folder, _dimension));
+        break;
+      case ModuleKind::transformer:
+      case ModuleKind::pooling:
+        break;  // Only at the beginning: `read_module_list` has made sure.
+    }
+    _dimension = output_width(_modules.back(), _dimension);
+  }
+}
+
+void SentenceTransformer::_read_settings(const ModelDirectory& directory) {
+  const auto settings = Settings::read(directory, "config_sentence_transformers.json");
+  if (!settings) return;
+  constexpr const char* kModelType = "SentenceTransformer";
+  if (const auto type = settings->text("model_type"); type.value_or(kModelType) != kModelType) {
+    settings->refuse("\"model_type\" is " + in_quotes(*type) + "; supported: " + kModelType);
+  }
+  if (const auto name = settings->text("default_prompt_name")) {
+    _prompt = find_prompt(*settings, *name);
+    if (!_prompt.empty() && !_pooling.includes_prompt()) {
+      // The token that ends every text does not end the prompt.
+      const std::vector<std::int32_t> ids = _tokenizer.encode(_prompt, _max_length);
+      _skipped_tokens = static_cast<std::int64_t>(ids.size());
+      if (!ids.empty() && _tokenizer.is_special_id(ids.back())) --_skipped_tokens;
+    }
+  }
+  _dimension = std::min(_dimension, settings->count("truncate_dim").value_or(_dimension));
+}
+
+std::vector<std::int32_t> SentenceTransformer::_tokenize(std::string_view text) const {
+  if (_prompt.empty()) return _tokenizer.encode(text, _max_length);
+  return _tokenizer.encode(_prompt + std::string(text), _max_length);
+}
+
+void SentenceTransformer::encode(std::span<const std::string_view> texts, bool normalize,
+                                 float* vectors) const {
+  const c10::InferenceMode inference;  // A setting of this thread's.
+  std::vector<std::vector<std::int32_t>> ids;
+  ids.reserve(texts.size());
+  for (const std::string_view text : texts) ids.push_back(_tokenize(text));
+
+  std::vector<std::size_t> order(texts.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  std::ranges::stable_sort(order, std::ranges::greater{},
+                           [&ids](std::size_t text) { return ids[text].size(); });
+
+  const auto width = static_cast<std::size_t>(_dimension);
+  for (std::size_t first = 0; first < order.size();) {
+    TokenBatch batch;
+    std::size_t next = first;
+    do {
+      batch.add(ids[order[next]]);
+      ++next;
+    } while (next < order.size() &&
+             batch.rows() + static_cast<std::int64_t>(ids[order[next]].size()) <= kRowsPerBatch);
+    const at::Tensor rows = _encode(batch, normalize);
+    const float* row = rows.const_data_ptr<float>();
+    for (; first < next; ++first, row += width) {
+      std::copy_n(row, width, vectors + order[first] * width);
+    }
+  }
+}
+
+at::Tensor SentenceTransformer::_encode(const TokenBatch& batch, bool normalize) const {
+  at::Tensor rows = _pooling(_encoder(batch), batch, _skipped_tokens);
+  for (const SentenceModule& module : _modules) rows = apply_module(module, rows);
+  rows = rows.narrow(1, 0, _dimension).contiguous();
+  return normalize ? Normalize()(rows) : rows;
+}
+
+}  // namespace tovana::sentence_transformers

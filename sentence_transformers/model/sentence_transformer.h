@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sentence_transformers/files/model_directory.h"
+#include "sentence_transformers/model/encoder.h"
+#include "sentence_transformers/model/module_list.h"
+#include "sentence_transformers/model/pooling.h"
+#include "sentence_transformers/model/sentence_modules.h"
+#include "sentence_transformers/tokenizer/tokenizer.h"
+
+namespace tovana::sentence_transformers {
+
+/// A sentence-transformers model: texts in, vectors out, the same as Python's library of that name
+/// gives up to rounding. Weights of half precision are raised to float32 when they are loaded, and
+/// everything is computed in float32.
+///
+/// The same text gives the same vector up to rounding (some 1e-7 on unit vectors), not to the bit:
+/// what it is encoded together with and the number of threads decide how sums are split.
+///
+/// Threads: immutable; any number may encode at once. Each computes on itself and on as many
+/// intra-op threads of its own as libtorch's setting for it says.
+class SentenceTransformer {
+ public:
+  /// Loads a model from its folder. Blocks while the weights are read and arranged. Throws
+  /// ValueError, naming file and fault, for a model that is damaged or of a kind that is not
+  /// supported here; RuntimeError when the system would not let us read it.
+  static std::unique_ptr<const SentenceTransformer> load(
+      const ModelDirectory& directory, LinearKernel kernel = best_linear_kernel());
+
+  /// The floats of a vector.
+  std::int64_t dimension() const noexcept { return _dimension; }
+
+  /// Encodes well-formed UTF-8 texts into rows of `vectors`, `[texts.size() x dimension]`, in their
+  /// order; in unit length if `normalize`. A text beyond the model's length counts as far as that
+  /// reaches. Memory beside the result is bounded by a number of tokens, not by the number of
+  /// texts.
+  void encode(std::span<const std::string_view> texts, bool normalize, float* vectors) const;
+
+ private:
+  SentenceTransformer(const ModelDirectory& directory, const std::vector<ModuleEntry>& modules,
+                      const ModelDirectory& transformer, const TransformerConfig& config,
+                      LinearKernel kernel);
+
+  void _read_modules(const ModelDirectory& directory, const std::vector<ModuleEntry>& modules);
+  void _read_settings(const ModelDirectory& directory);
+  std::vector<std::int32_t> _tokenize(std::string_view text) const;
+  at::Tensor _encode(const TokenBatch& batch, bool normalize) const;
+
+  std::size_t _max_length;
+  Tokenizer _tokenizer;
+  Encoder _encoder;
+  Pooling _pooling;
+  std::vector<SentenceModule> _modules;
+  std::int64_t _dimension = 0;
+  std::string _prompt;               ///< Stands before every text.
+  std::int64_t _skipped_tokens = 0;  ///< Those of the prompt, if the pooling leaves them out.
+};
+
+}  // namespace tovana::sentence_transformers

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "sentence_transformers/files/model_directory.h"
+
+namespace tovana::sentence_transformers {
+
+/// The members of one of a model's configuration files. A member that is null counts as absent.
+/// Every operation throws ValueError, naming file and member, for a value it cannot work with.
+class Settings {
+ public:
+  /// Throws ValueError when `members`, the content of the file `file`, is no JSON object.
+  Settings(nlohmann::json members, std::string file);
+
+  /// The file `name` of the folder; none when it is absent.
+  static std::optional<Settings> read(const ModelDirectory& directory, std::string_view name);
+  /// The same for a file without which there is no model: ValueError when it is absent.
+  static Settings read_required(const ModelDirectory& directory, std::string_view name);
+
+  const std::string& file() const noexcept { return _file; }
+
+  /// Null when the member is absent.
+  const nlohmann::json* find(std::string_view name) const;
+
+  /// A whole number from `least` to 2^31 - 1: a count of something that fits into memory.
+  std::optional<std::int64_t> count(std::string_view name, std::int64_t least = 1) const;
+  std::optional<double> number(std::string_view name) const;
+  std::optional<bool> flag(std::string_view name) const;
+  std::optional<std::string> text(std::string_view name) const;
+
+  /// Fails with "file: fault".
+  [[noreturn]] void refuse(const std::string& fault) const;
+
+ private:
+  [[noreturn]] void _refuse_value(std::string_view name, std::string_view expected) const;
+
+  nlohmann::json _members;
+  std::string _file;
+};
+
+}  // namespace tovana::sentence_transformers
