@@ -4,7 +4,9 @@
 
 #include "tovana/engines/embedding/backends/backend.h"
 #include "tovana/engines/embedding/backends/http.h"
+#include "tovana/engines/embedding/backends/local.h"
 #include "tovana/engines/embedding/backends/tfidf.h"
+#include "tovana/engines/embedding/backends/torch_threads.h"
 #include "tovana/engines/embedding/settings.h"
 #include "tovana/storage/vector_index.h"
 

@@ -24,4 +24,10 @@ inline const http::StatusSet _EMBED_RETRY_STATUSES = {429, {500, 599}};
 inline constexpr std::array<const char*, 2> EMBEDDING_KEY_ENVS = {"BRUNE_LLM_EMBEDDING_API_KEY",
                                                                   "BRUNE_LLM_API_KEY"};
 
+/// Environment variable that bounds the intra-op threads of one local embedding call.
+inline constexpr const char* EMBED_THREADS_ENV = "TOVANA_EMBED_THREADS";
+
+/// The bound when the variable is not set, or holds no whole number.
+inline constexpr std::int64_t DEFAULT_EMBED_THREADS = 2;
+
 }  // namespace tovana::embedding

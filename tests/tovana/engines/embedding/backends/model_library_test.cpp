@@ -1,0 +1,235 @@
+#include "tovana/engines/embedding/backends/model_library.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <new>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/tovana/engines/embedding/backends/plugins/plugin.h"
+#include "tovana/engines/embedding/backends/exit_guard.h"
+#include "tovana/engines/embedding/backends/local.h"
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::embedding {
+namespace {
+
+using namespace tovana::testing;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+namespace fs = std::filesystem;
+
+fs::path plugin(const std::string& name) { return fs::path(PLUGIN_FOLDER) / (name + ".so"); }
+
+std::unique_ptr<const SentenceTransformer> load(const ModelLibrary& library,
+                                                const std::string& wish) {
+  return library.load_model("/models/" + wish, "/models");
+}
+
+std::vector<float> encode(const SentenceTransformer& model, const std::string_view wish) {
+  return model.encode(std::array{std::string_view("ab"), wish}, true).values;
+}
+
+/// What the action throws, as kind and message.
+std::string failure_of(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const std::exception& error) {
+    return failure_text(error);
+  }
+  return "no failure";
+}
+
+class ModelLibraryTest : public ::testing::Test {
+ protected:
+  ModelLibraryTest() {
+    std::string pattern = (fs::temp_directory_path() / "tovana-XXXXXX").string();
+    _folder = mkdtemp(pattern.data());
+  }
+  ~ModelLibraryTest() override { fs::remove_all(_folder); }
+
+  fs::path _folder;
+};
+
+TEST_F(ModelLibraryTest, IsFoundWhereItIsNamedOrBesideTheExecutable) {
+  const auto found = [](const std::string& named) {
+    const Environment environment = {{"TOVANA_MODEL_LIBRARY", named}};
+    return model_library_path(&environment);
+  };
+  EXPECT_EQ(found(plugin("good")), plugin("good"));
+
+  // A file of the right name in the working directory is none of ours.
+  const fs::path here = fs::current_path();
+  fs::current_path(_folder);
+  fs::copy(plugin("good"), "libtovana_sentence_transformers.so");
+  EXPECT_EQ(failure_of([&] { found(""); }),
+            "ModelLibraryNotInstalled: sentence-transformers is not installed");
+  EXPECT_THAT(failure_of([&] { found("libtovana_sentence_transformers.so"); }),
+              AllOf(HasSubstr("ValueError: "), HasSubstr("absolute")));
+  fs::current_path(here);
+
+  const fs::path beside =
+      fs::read_symlink("/proc/self/exe").parent_path() / "libtovana_sentence_transformers.so";
+  fs::create_symlink(plugin("good"), beside);
+  EXPECT_EQ(model_library_path(std::make_unique<Environment>().get()), beside);
+  fs::remove(beside);
+
+  const std::string missing = _folder / "missing.so";
+  EXPECT_EQ(failure_of([&] { found(missing); }),
+            "RuntimeError: TOVANA_MODEL_LIBRARY=" + missing + ": there is no such file");
+  const fs::path writable = _folder / "writable.so";
+  fs::copy(plugin("good"), writable);
+  fs::permissions(writable, fs::perms::others_write, fs::perm_options::add);
+  EXPECT_THAT(failure_of([&] { found(writable); }),
+              AllOf(HasSubstr("RuntimeError: "), HasSubstr("chmod o-w")));
+}
+
+TEST_F(ModelLibraryTest, SaysWhyAFileCannotBeLoadedAndTriesItAgain) {
+  struct Case {
+    fs::path path;
+    std::string reason;
+  };
+  const fs::path text = _folder / "text.so";
+  std::ofstream(text) << "no library";
+  const Case cases[] = {
+      {plugin("no_symbol"), "no symbol tovana_model_library"},
+      {plugin("no_table"), "cannot work on this machine"},
+      {plugin("wrong_version"), "boundary version 2"},
+      {plugin("wrong_size"), "boundary version 1 (56 bytes)"},
+      {plugin("missing_dependency"), "libtovana_test_removed.so"},
+      {_folder, "cannot read file data"},
+      {text, "file too short"},
+  };
+  for (const auto& [path, reason] : cases) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      EXPECT_THAT(failure_of([&] { ModelLibrary::open(path); }),
+                  AllOf(HasSubstr("RuntimeError: "), HasSubstr(path), HasSubstr(reason)));
+    }
+  }
+  fs::remove(text);
+  fs::copy(plugin("good"), text);
+  EXPECT_EQ(failure_of([&] { ModelLibrary::open(text); }), "no failure");
+}
+
+TEST_F(ModelLibraryTest, TurnsFailuresIntoErrorsAndGivesEverythingBack) {
+  const auto library = ModelLibrary::open(plugin("good"));
+  library->set_num_threads(1L << 40);
+  EXPECT_EQ(library->get_num_threads(), (1L << 31) - 1);
+  library->set_num_threads(4);
+
+  auto model = load(*library, "model");
+  EXPECT_THAT(encode(*model, "abc"), ElementsAre(2, 4, 1, 3, 4, 1));
+  struct Case {
+    const char* wish;
+    std::string failure;
+  };
+  const std::string broke_off = "with an exception, which it never should: ";
+  const Case cases[] = {
+      {kFail, "ValueError: fail does not work"},
+      {kUnknownKind, "RuntimeError: c10::Error: strange does not work"},
+      {kNoMemory, "std::bad_alloc: std::bad_alloc"},
+      {kThrow, broke_off + "std::logic_error: oops"},
+      {kThrowOther, broke_off + "of an unknown type"},
+  };
+  for (const auto& [wish, failure] : cases) {
+    EXPECT_THAT(failure_of([&] { load(*library, wish); }), HasSubstr(failure));
+    EXPECT_THAT(failure_of([&] { encode(*model, wish); }), HasSubstr(failure));
+  }
+  EXPECT_THAT(failure_of([&] { load(*library, kNothing); }), HasSubstr("neither a usable model"));
+
+  void* const object = dlopen(plugin("good").c_str(), RTLD_NOW | RTLD_NOLOAD);
+  const auto alive = reinterpret_cast<int (*)()>(dlsym(object, "tovana_test_alive"));
+  EXPECT_EQ(alive(), 1);
+  model.reset();
+  EXPECT_EQ(alive(), 0);
+}
+
+/// The process's own runtime, which takes the way to plugin and cache from the environment.
+TEST(ModelRuntimeTest, LoadsFromTheCacheAndSaysWhatItCannotFetchYet) {
+  setenv("TOVANA_MODEL_LIBRARY", plugin("good").c_str(), 1);
+  setenv("SENTENCE_TRANSFORMERS_HOME", CACHE_SAMPLE, 1);
+  setenv("TOVANA_EMBED_THREADS", "2", 1);
+  LocalEmbeddingBackend backend("tiny-bert-cls");
+  EXPECT_EQ(model_runtime().loaded_torch(), nullptr);
+  EXPECT_THAT(backend.embed({"abc"}), ElementsAre(Vector{3, 2, 1}));  // 2: the bound's threads
+  ASSERT_NE(model_runtime().loaded_torch(), nullptr);
+  EXPECT_EQ(model_runtime().loaded_torch()->get_num_threads(), 16);
+
+  LocalEmbeddingBackend absent("absent-model");
+  EXPECT_THAT(failure_of([&] { absent.warm_up(); }),
+              AllOf(HasSubstr("RuntimeError: cannot fetch the model absent-model"),
+                    HasSubstr("copy the model into the cache at /")));
+}
+
+enum class Moment { opening, loading, encoding };
+enum class Exiting { main_thread, other_thread, unprotected_thread };
+
+/// Exits with status 7 while another thread is stuck in the library, and holds a stream besides.
+[[noreturn]] void exit_during(Moment moment, Exiting exiting) {
+  const auto wait_and_exit = [moment, exiting] {
+    if (exiting != Exiting::unprotected_thread) protect_exit_of_this_thread();
+    std::array<int, 2> ends{};
+    if (pipe(ends.data()) != 0 || dup2(ends[1], kHangingDescriptor) < 0) _exit(1);
+    std::thread([moment] {
+      flockfile(stdin);
+      const auto library =
+          ModelLibrary::open(plugin(moment == Moment::opening ? "hanging_constructor" : "good"));
+      const auto model = load(*library, moment == Moment::loading ? kHang : "model");
+      encode(*model, kHang);
+    }).detach();
+    char byte = 0;
+    if (read(ends[0], &byte, 1) != 1) _exit(1);
+    std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
+    std::fputs("flushed", stderr);
+    std::exit(7);
+  };
+  if (exiting == Exiting::other_thread) std::thread(wait_and_exit).join();
+  wait_and_exit();
+  _exit(1);
+}
+
+class ExitTest : public ::testing::Test {
+ protected:
+  ExitTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(ExitTest, KeepsItsStatusAtAnyMomentOfALoadOrACall) {
+  for (const Moment moment : {Moment::opening, Moment::loading, Moment::encoding}) {
+    for (const Exiting exiting : {Exiting::main_thread, Exiting::other_thread}) {
+      EXPECT_EXIT(exit_during(moment, exiting), ::testing::ExitedWithCode(7), "flushed");
+    }
+  }
+  EXPECT_EXIT(exit_during(Moment::encoding, Exiting::unprotected_thread),
+              ::testing::ExitedWithCode(7), "flushed");
+}
+
+TEST_F(ExitTest, RunsTheHostsHandlersWhenNothingIsInFlightAndRefusesCallsFromThem) {
+  static ModelLibrary* library = nullptr;
+  const auto exit_idle = [] {
+    std::atexit([] {
+      const bool is_refused =
+          failure_of([] { library->get_num_threads(); }).find("exiting") != std::string::npos;
+      _exit(is_refused ? 9 : 1);
+    });
+    library = ModelLibrary::open(plugin("good")).release();
+    library->get_num_threads();
+    std::exit(0);
+  };
+  EXPECT_EXIT(exit_idle(), ::testing::ExitedWithCode(9), "");
+}
+
+}  // namespace
+}  // namespace tovana::embedding

@@ -1,0 +1,73 @@
+#include "tovana/engines/embedding/backends/exit_guard.h"
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+#include <unistd.h>
+
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::embedding {
+namespace {
+
+/// The calls in flight, and whether the process has begun to exit: one word, so that a call either
+/// is seen by the exit or sees it.
+constexpr std::uint64_t kExiting = std::uint64_t{1} << 63;
+constinit std::atomic<std::uint64_t> calls = 0;
+constinit std::atomic<int> loading_calls = 0;
+
+void cut_exit_short(int status, void* /*unused*/) {
+  const std::uint64_t before = calls.fetch_or(kExiting);
+  if (before == 0 || (before & kExiting) != 0) return;  // nothing was in flight, nor can be again
+  // What exit does to the streams in the end. fflush(nullptr) would wait for a stream that another
+  // thread holds, one that waits for input for example.
+  fcloseall();
+  _exit(status);
+}
+
+/// Exit handlers run in the reverse order of their registration, so one covers the library's
+/// statics only from above them. It fails only without memory.
+void put_handler_on_top() noexcept { static_cast<void>(on_exit(cut_exit_short, nullptr)); }
+
+/// Thread-local objects of the exiting thread are destroyed before the first exit handler runs: the
+/// one moment at which a handler comes to lie above all those that a load has registered so far.
+class ThreadGuard {
+ public:
+  ~ThreadGuard() {
+    // On other threads than the main one this is mostly just the end of the thread, and a handler
+    // stays registered for ever. Where no load is going on, the one that the last load left behind
+    // serves.
+    if (gettid() == getpid() || loading_calls > 0) put_handler_on_top();
+  }
+
+  void touch() const noexcept {}
+};
+
+}  // namespace
+
+void protect_exit_of_this_thread() {
+  thread_local const ThreadGuard guard;
+  guard.touch();  // the first use makes it
+}
+
+CallInFlight::CallInFlight(Kind kind) : _kind(kind) {
+  protect_exit_of_this_thread();
+  if (_kind == Kind::loading) ++loading_calls;
+  if ((calls.fetch_add(1) & kExiting) != 0) {
+    --calls;
+    if (_kind == Kind::loading) --loading_calls;
+    throw RuntimeError("the model library cannot be used any more: the process is exiting");
+  }
+}
+
+CallInFlight::~CallInFlight() {
+  if (_kind == Kind::loading) {
+    put_handler_on_top();
+    --loading_calls;
+  }
+  --calls;
+}
+
+}  // namespace tovana::embedding

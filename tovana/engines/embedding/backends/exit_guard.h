@@ -1,0 +1,42 @@
+#pragma once
+
+/// Lets the process exit at any moment of a call into the model library, with its own exit status
+/// and without a crash.
+///
+/// `exit` destroys the statics of every library, those of libtorch too, while other threads still
+/// compute with them, and then waits for a dlopen that is under way. So where a call is in flight,
+/// `exit` is cut short: the streams are flushed as `exit` itself flushes them, and the process ends
+/// there with its status. What a host gives up for that, in this case only, are the exit handlers
+/// and destructors of statics that it registered before.
+///
+/// It takes part once a thread is protected, below. Whatever ends the process otherwise (`_exit`,
+/// `quick_exit`, a signal) runs no destructors and needs nothing.
+namespace tovana::embedding {
+
+/// Makes an `exit` that this thread calls, or that follows its return from main, safe from now on.
+/// Every operation of a local backend does it for its caller. A thread that uses none of them and
+/// may end the process calls it itself: unprotected, its exit is safe while others encode, but not
+/// while others load.
+///
+/// The first time on a thread it waits for a dlopen that another thread is in; after that it costs
+/// a look at a thread-local variable.
+void protect_exit_of_this_thread();
+
+/// For the length of a scope, this thread is in a call into the model library. Calls may nest and
+/// run on any number of threads.
+class CallInFlight {
+ public:
+  /// `loading` runs code that may register exit handlers: opening a library, setting up a model.
+  enum class Kind { loading, computing };
+
+  /// Throws RuntimeError when the process has begun to exit: the library's statics may be gone.
+  explicit CallInFlight(Kind kind);
+  ~CallInFlight();
+  CallInFlight(const CallInFlight&) = delete;
+  CallInFlight& operator=(const CallInFlight&) = delete;
+
+ private:
+  const Kind _kind;
+};
+
+}  // namespace tovana::embedding
