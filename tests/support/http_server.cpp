@@ -34,25 +34,30 @@ std::string response(int status, std::string_view body, std::string_view headers
          std::string(headers) + "\r\n" + std::string(body);
 }
 
+LoopbackSocket bind_to_loopback() {
+  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  if (::bind(socket, generic, size) != 0 || ::getsockname(socket, generic, &size) != 0) {
+    throw std::runtime_error("cannot bind to a loopback port");
+  }
+  return {socket, ntohs(address.sin_port)};
+}
+
 std::size_t open_descriptors() {
   const std::filesystem::directory_iterator open("/proc/self/fd");
   return static_cast<std::size_t>(std::distance(begin(open), end(open)));
 }
 
 HttpServer::HttpServer(Script script, std::shared_ptr<SSL_CTX> tls)
-    : _script(std::move(script)),
-      _tls(std::move(tls)),
-      _listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  socklen_t size = sizeof address;
-  if (::bind(_listener, generic, size) != 0 || ::listen(_listener, 128) != 0 ||
-      ::getsockname(_listener, generic, &size) != 0) {
-    throw std::runtime_error("cannot listen on loopback");
-  }
-  _port = ntohs(address.sin_port);
+    : _script(std::move(script)), _tls(std::move(tls)) {
+  const auto [socket, port] = bind_to_loopback();
+  _listener = socket;
+  _port = port;
+  if (::listen(_listener, 128) != 0) throw std::runtime_error("cannot listen on loopback");
   _acceptor = std::thread(&HttpServer::accept_connections, this);
 }
 

@@ -105,6 +105,13 @@ class HttpServer::Connection {
 /// The response that `Connection::respond` sends.
 std::string response(int status, std::string_view body, std::string_view headers = {});
 
+/// A TCP socket bound to a loopback port that was free, and is refused to clients until it listens.
+struct LoopbackSocket {
+  int socket;
+  int port;
+};
+LoopbackSocket bind_to_loopback();
+
 /// How many file descriptors this process has open.
 std::size_t open_descriptors();
 

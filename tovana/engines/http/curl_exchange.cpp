@@ -1,6 +1,7 @@
 #include "tovana/engines/http/curl_exchange.h"
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <limits>
@@ -64,8 +65,9 @@ std::string_view trimmed(std::string_view text) {
 
 std::string seconds_text(double seconds) {
   std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), "%.3g s", seconds);
-  return text.data();
+  const auto written =
+      std::to_chars(text.data(), text.data() + text.size(), seconds, std::chars_format::general, 3);
+  return std::string(text.data(), written.ptr) + " s";
 }
 
 }  // namespace
@@ -139,7 +141,8 @@ void CurlExchange::configure_headers() {
   append("Expect:");
   for (const auto& [name, value] : _request.headers) {
     // A semicolon is libcurl's way to write a header without a value; with a colon it sends none.
-    append(trimmed(value).empty() ? name + ";" : name + ": " + value);
+    const bool has_value = !trimmed(value).empty();
+    append(std::string(name).append(has_value ? ": " : ";").append(has_value ? value : ""));
   }
   set(_slot.easy, CURLOPT_HTTPHEADER, _headers.get());
 }

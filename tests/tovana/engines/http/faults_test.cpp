@@ -273,19 +273,16 @@ TEST(HttpFaults, ADeadConnectionOfEarlierIsReplacedWithoutAnAttempt) {
 
 TEST(HttpFaults, TheWayToTheServer) {
   CurlTransport transport;
-  // A port whose queue of connections is full swallows the next one.
-  const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  ASSERT_EQ(::bind(listener, generic, size), 0);
-  ASSERT_EQ(::getsockname(listener, generic, &size), 0);
-  const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+  const auto [listener, port] = tovana::testing::bind_to_loopback();
+  const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/";
   EXPECT_THAT(call(transport, url).message, AllOf(HasSubstr("failed after 3 attempts"),
                                                   HasSubstr("refused: is the server running")));
+  // A port whose queue of connections is full swallows the next one.
   ASSERT_EQ(::listen(listener, 0), 0);
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(::getsockname(listener, generic, &size), 0);
   std::vector<int> waiting;
   for (int i = 0; i < 4; ++i) {
     waiting.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
