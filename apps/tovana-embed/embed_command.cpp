@@ -10,7 +10,6 @@
 #include "command.h"
 #include "embedding_call.h"
 #include "engine_options.h"
-#include "failure.h"
 #include "json_writer.h"
 #include "npy_writer.h"
 #include "option_values.h"
@@ -47,14 +46,6 @@ void write_json_line(Output& output, const InputTexts& input, std::size_t index,
   output.write("}\n");
 }
 
-void check_same_dimension(const Vector& vector, std::size_t dimension) {
-  if (vector.size() == dimension) return;
-  throw Failure(ExitStatus::call_failed, "the backend returned vectors of " +
-                                             std::to_string(dimension) + " and of " +
-                                             std::to_string(vector.size()) +
-                                             " numbers, which make no array; use --format jsonl");
-}
-
 void embed(const EmbedOptions& options, const Interrupts& interrupts) {
   const RunLimits limits(interrupts, options.deadline.value_or(RunLimits::kNoDeadline));
   // First of all: a place that cannot be written to must not cost the work.
@@ -78,7 +69,7 @@ void embed(const EmbedOptions& options, const Interrupts& interrupts) {
       for (std::size_t i = 0; i < vectors.size(); ++i) {
         limits.check_interrupted();
         if (options.npy) {
-          check_same_dimension(vectors[i], dimension);
+          check_dimension(vectors[i], dimension);
           write_npy_row(output, vectors[i]);
         } else {
           write_json_line(output, input, first + i, vectors[i]);

@@ -6,6 +6,7 @@
 
 #include "failure.h"
 #include "tovana/engines/embedding/backends/http.h"
+#include "tovana/engines/embedding/backends/tfidf.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::tool {
@@ -50,9 +51,19 @@ std::vector<Vector> call(EmbeddingBackend& backend, const std::vector<std::strin
 
 }  // namespace
 
+void check_dimension(const Vector& vector, std::size_t dimension) {
+  if (vector.size() == dimension) return;
+  throw Failure(ExitStatus::call_failed,
+                "the backend returned vectors of " + std::to_string(dimension) + " and of " +
+                    std::to_string(vector.size()) +
+                    " numbers, which do not compare; use a model with one dimension");
+}
+
 void embed_in_batches(EmbeddingBackend& backend, const std::vector<std::string>& texts,
                       std::size_t batch_size, const RunLimits& limits, const VectorSink& sink) {
-  if (texts.size() <= batch_size || backend.name() == "tfidf") {
+  // Not asked by its name, which an endpoint's model may have as well.
+  const bool weighs_batch = dynamic_cast<embedding::TFIDFEmbeddingBackend*>(&backend) != nullptr;
+  if (weighs_batch || texts.size() <= batch_size) {
     if (!texts.empty()) sink(0, call(backend, texts, limits));
     return;
   }

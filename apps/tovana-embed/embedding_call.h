@@ -26,4 +26,7 @@ using VectorSink =
 void embed_in_batches(embedding::EmbeddingBackend& backend, const std::vector<std::string>& texts,
                       std::size_t batch_size, const RunLimits& limits, const VectorSink& sink);
 
+/// Throws Failure (call_failed) for a vector of another dimension than those before it.
+void check_dimension(const embedding::Vector& vector, std::size_t dimension);
+
 }  // namespace tovana::tool

@@ -113,9 +113,11 @@ void run(std::vector<std::string> arguments, const Interrupts& interrupts) {
   }
 }
 
-ExitStatus run_reporting(std::vector<std::string> arguments, const Interrupts& interrupts) {
+ExitStatus run_reporting(std::vector<std::string> arguments) {
   try {
-    run(std::move(arguments), interrupts);
+    // Never deleted: its thread lives until the process ends.
+    const auto* const interrupts = new Interrupts(discard_unfinished_output);
+    run(std::move(arguments), *interrupts);
     return ExitStatus::success;
   } catch (const Interrupted&) {
     return ExitStatus::interrupted;
@@ -139,7 +141,5 @@ int main(int argc, char** argv) {
   using namespace tovana::tool;
   occupy_standard_descriptors();
   std::signal(SIGPIPE, SIG_IGN);  // a write then says that the reader has gone
-  // Never deleted: its thread lives until the process ends.
-  const auto* const interrupts = new Interrupts(discard_unfinished_output);
-  end_process(run_reporting({argv + 1, argv + argc}, *interrupts));
+  end_process(run_reporting({argv + std::min(argc, 1), argv + argc}));
 }

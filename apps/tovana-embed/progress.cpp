@@ -18,9 +18,9 @@ void draw_line(const char* text) { std::fprintf(stderr, "\r%-60s\r", text); }
 
 }  // namespace
 
-Progress::Progress(std::size_t total, bool results_on_stdout)
+Progress::Progress(std::size_t total, bool writes_to_stdout)
     : _total(total),
-      _visible(isatty(STDERR_FILENO) != 0 && !(results_on_stdout && isatty(STDOUT_FILENO) != 0)),
+      _visible(isatty(STDERR_FILENO) != 0 && !(writes_to_stdout && isatty(STDOUT_FILENO) != 0)),
       _start(system_clock().now()),
       _next_drawing(_start + kRedrawS) {
   if (_visible) draw(_start);

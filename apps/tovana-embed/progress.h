@@ -8,8 +8,9 @@ namespace tovana::tool {
 /// rate. Drawn a few times a second and gone in the end. One thread uses it.
 class Progress {
  public:
-  /// Nothing is drawn unless stderr is a terminal and the results do not go to one themselves.
-  Progress(std::size_t total, bool results_on_stdout);
+  /// Nothing is drawn unless stderr is a terminal; nor if results are written to stdout meanwhile
+  /// and that is a terminal, too.
+  Progress(std::size_t total, bool writes_to_stdout);
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;

@@ -48,11 +48,12 @@ Vector embed_query(EmbeddingBackend& backend, const std::string& query, const Ru
 std::vector<Hit> rank(EmbeddingBackend& backend, const std::vector<std::string>& texts,
                       const Vector& query, std::size_t top, const RunLimits& limits) {
   storage::EmbeddingIndex index(query.size());
-  Progress progress(texts.size(), true);
+  Progress progress(texts.size(), false);
   embed_in_batches(backend, texts, kDefaultBatchSize, limits,
                    [&](std::size_t first, const std::vector<Vector>& vectors) {
                      for (std::size_t i = 0; i < vectors.size(); ++i) {
                        limits.check_interrupted();
+                       check_dimension(vectors[i], query.size());
                        index.add(static_cast<std::int64_t>(first + i), vectors[i]);
                      }
                      progress.advance(vectors.size());
