@@ -40,6 +40,46 @@ class Occupancy {
   std::size_t _count = 0;
 };
 
+/// The first bytes of a key as a number that sorts as they do; zeros stand for those that it lacks.
+std::uint64_t first_bytes(std::string_view key) noexcept {
+  std::uint64_t number = 0;
+  for (std::size_t i = 0; i < sizeof number; ++i) {
+    number = number << 8U | (i < key.size() ? static_cast<unsigned char>(key[i]) : 0U);
+  }
+  return number;
+}
+
+/// Sorted by key, of equal keys the last; the keys are copied to `bytes` in their new order,
+/// through which the builder passes once for each level. Comparing numbers first halves the time:
+/// nearly all keys of a vocabulary differ in them.
+std::vector<ByteTrie::Entry> sorted_unique(const std::vector<ByteTrie::Entry>& entries,
+                                           std::string& bytes) {
+  struct Place {
+    std::uint64_t first_bytes;
+    std::size_t index;
+  };
+  std::vector<Place> places;
+  places.reserve(entries.size());
+  for (const ByteTrie::Entry& entry : entries) {
+    places.push_back({first_bytes(entry.key), places.size()});
+  }
+  std::sort(places.begin(), places.end(), [&](const Place& a, const Place& b) {
+    if (a.first_bytes != b.first_bytes) return a.first_bytes < b.first_bytes;
+    const int order = entries[a.index].key.compare(entries[b.index].key);
+    return order != 0 ? order < 0 : a.index > b.index;
+  });
+  std::vector<ByteTrie::Entry> sorted;
+  sorted.reserve(entries.size());
+  for (const Place& place : places) {
+    const ByteTrie::Entry& entry = entries[place.index];
+    if (!sorted.empty() && sorted.back().key == entry.key) continue;
+    const char* const copy = bytes.data() + bytes.size();  // within the capacity
+    bytes += entry.key;
+    sorted.push_back({std::string_view(copy, entry.key.size()), entry.value});
+  }
+  return sorted;
+}
+
 }  // namespace
 
 /// Places the nodes, breadth first, so that those near the root, which every look-up passes, share
@@ -49,6 +89,9 @@ class ByteTrie::Builder {
   Builder(ByteTrie& trie, const std::vector<Entry>& entries) : _trie(trie), _entries(entries) {}
 
   void build() {
+    const std::size_t likely = count_nodes() * 17 / 16 + kBlock;
+    _trie._slots.reserve(likely);
+    _trie._values.reserve(likely);
     add_block();
     _blocks.front().take(kRoot);
     std::vector<Range> level = {{kRoot, 0, _entries.size()}};
@@ -66,6 +109,19 @@ class ByteTrie::Builder {
     std::size_t first;
     std::size_t last;
   };
+
+  /// Every byte of a key that it does not share with the key before it is a node.
+  std::size_t count_nodes() const {
+    std::size_t nodes = 1;
+    std::string_view before;
+    for (const Entry& entry : _entries) {
+      const std::string_view key = entry.key;
+      const auto parted = std::mismatch(key.begin(), key.end(), before.begin(), before.end()).first;
+      nodes += static_cast<std::size_t>(key.end() - parted);
+      before = key;
+    }
+    return nodes;
+  }
 
   void place_children(Range range, std::size_t depth, std::vector<Range>& below) {
     if (range.first < range.last && _entries[range.first].key.size() == depth) {
@@ -115,7 +171,7 @@ class ByteTrie::Builder {
   /// Only the newest blocks are searched: that bounds the work a node can cause, and older ones are
   /// nearly full.
   void add_block() {
-    constexpr std::size_t kOpenBlocks = 8;
+    constexpr std::size_t kOpenBlocks = 4;
     _blocks.emplace_back();
     _trie._slots.resize(_blocks.size() * kBlock);
     _trie._values.resize(_blocks.size() * kBlock, -1);
@@ -130,18 +186,15 @@ class ByteTrie::Builder {
 };
 
 ByteTrie::ByteTrie(std::vector<Entry> entries) {
-  std::size_t bytes = 0;
-  for (const Entry& entry : entries) bytes += entry.key.size();
-  if (bytes > kMostKeyBytes) {
-    throw ValueError("a vocabulary of " + std::to_string(bytes) + " bytes: the limit is " +
+  std::size_t size = 0;
+  for (const Entry& entry : entries) size += entry.key.size();
+  if (size > kMostKeyBytes) {
+    throw ValueError("a vocabulary of " + std::to_string(size) + " bytes: the limit is " +
                      std::to_string(kMostKeyBytes));
   }
-  std::reverse(entries.begin(), entries.end());  // so that of equal keys the last one is kept
-  std::stable_sort(entries.begin(), entries.end(),
-                   [](const Entry& a, const Entry& b) { return a.key < b.key; });
-  entries.erase(std::unique(entries.begin(), entries.end(),
-                            [](const Entry& a, const Entry& b) { return a.key == b.key; }),
-                entries.end());
+  std::string bytes;
+  bytes.reserve(size);
+  entries = sorted_unique(entries, bytes);
   _size = entries.size();
   std::erase_if(entries, [](const Entry& entry) { return entry.key.empty(); });
   Builder(*this, entries).build();

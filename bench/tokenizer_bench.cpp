@@ -1,0 +1,150 @@
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "bench/corpus.h"
+#include "sentence_transformers/files/model_directory.h"
+#include "sentence_transformers/tokenizer/byte_trie.h"
+#include "sentence_transformers/tokenizer/tokenizer.h"
+#include "sentence_transformers/tokenizer/tokenizer_settings.h"
+
+/// What the local model's tokenizer costs, on one thread.
+///
+///     tokenizer_bench MODEL_DIRECTORY CORPUS [GOOGLE BENCHMARK ARGUMENT…]
+namespace tovana::bench {
+namespace {
+
+using sentence_transformers::ByteTrie;
+using sentence_transformers::ModelDirectory;
+using sentence_transformers::Tokenizer;
+using sentence_transformers::TokenizerFiles;
+using sentence_transformers::TokenizerSettings;
+
+constexpr std::size_t kNoLimit = std::size_t{1} << 40U;
+
+std::size_t total_size(const std::vector<std::string>& texts) {
+  std::size_t size = 0;
+  for (const std::string& text : texts) size += text.size();
+  return size;
+}
+
+/// All texts, one a call, each to its end.
+void encode(benchmark::State& state, const Tokenizer& tokenizer,
+            const std::vector<std::string>& texts) {
+  std::size_t ids = 0;
+  for (auto _ : state) {
+    ids = 0;
+    for (const std::string& text : texts) ids += tokenizer.encode(text, kNoLimit).size();
+    benchmark::DoNotOptimize(ids);
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(total_size(texts)));
+  state.counters["ids"] = static_cast<double>(ids);
+}
+
+/// The same cut off where all-MiniLM-L6-v2 does.
+void encode_truncated(benchmark::State& state, const Tokenizer& tokenizer,
+                      const std::vector<std::string>& texts) {
+  for (auto _ : state) {
+    for (const std::string& text : texts) {
+      const std::vector<std::int32_t> ids = tokenizer.encode(text, 256);
+      benchmark::DoNotOptimize(ids.data());
+    }
+  }
+}
+
+std::string repeated(const std::string& piece, std::size_t size) {
+  std::string text;
+  while (text.size() < size) text += piece;
+  return text;
+}
+
+/// From the files' contents to a tokenizer.
+void load(benchmark::State& state, const TokenizerFiles& files) {
+  for (auto _ : state) {
+    TokenizerFiles copy = files;
+    const Tokenizer tokenizer(std::move(copy));
+    benchmark::DoNotOptimize(&tokenizer);
+  }
+}
+
+/// The part of it that reads JSON, and the part that builds the trie.
+void read_settings(benchmark::State& state, const TokenizerFiles& files) {
+  for (auto _ : state) {
+    const TokenizerSettings settings = sentence_transformers::read_tokenizer_settings(files);
+    benchmark::DoNotOptimize(settings.vocabulary.data());
+  }
+}
+
+void build_trie(benchmark::State& state, const TokenizerFiles& files) {
+  const TokenizerSettings settings = sentence_transformers::read_tokenizer_settings(files);
+  for (auto _ : state) {
+    const ByteTrie trie(settings.vocabulary);
+    benchmark::DoNotOptimize(&trie);
+  }
+}
+
+int run(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);  // takes out the arguments that it knows
+  if (argc != 3) {
+    std::fputs("usage: tokenizer_bench MODEL_DIRECTORY CORPUS [GOOGLE BENCHMARK ARGUMENT...]\n",
+               stderr);
+    return 64;
+  }
+  const ModelDirectory directory(argv[1]);
+  const TokenizerFiles files = TokenizerFiles::read(directory);
+  const Tokenizer tokenizer = Tokenizer::load(directory);
+  const std::vector<std::string> corpus = read_corpus(argv[2]);
+  std::string all;
+  for (const std::string& text : corpus) all += text + '\n';
+
+  // What no text in the corpus looks like; each has to stay linear.
+  const std::size_t megabytes10 = 10'000'000;
+  const std::vector<std::pair<std::string, std::vector<std::string>>> sets = {
+      {"descriptions", corpus},
+      {"one_text", {all}},
+      {"unknown_words", {repeated("xkcdqz", 90) + " " + repeated("qjxzvkw ", 1'000'000)}},
+      {"chinese", {repeated("解析器读取文件并返回索引", 1'000'000)}},
+      {"accented", {repeated("Généré à l'été, où naïveté été élevée. ", 1'000'000)}},
+      {"cyrillic", {repeated("Читает файл и возвращает индекс. ", 1'000'000)}},
+      {"no_space_10mb", {std::string(megabytes10, 'a')}},
+      {"brackets_10mb", {std::string(megabytes10, '[')}},
+      {"spaces_10mb", {std::string(megabytes10, ' ')}},
+  };
+  for (const auto& set : sets) {
+    benchmark::RegisterBenchmark(("encode/" + set.first).c_str(), [&](benchmark::State& state) {
+      encode(state, tokenizer, set.second);
+    })->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark(
+        ("encode_truncated/" + set.first).c_str(),
+        [&](benchmark::State& state) { encode_truncated(state, tokenizer, set.second); })
+        ->Unit(benchmark::kMillisecond);
+  }
+  const auto add = [&](const char* name, auto function) {
+    benchmark::RegisterBenchmark(name, [&files, function](benchmark::State& state) {
+      function(state, files);
+    })->Unit(benchmark::kMillisecond);
+  };
+  add("load", load);
+  add("load/read_settings", read_settings);
+  add("load/build_trie", build_trie);
+  benchmark::RunSpecifiedBenchmarks();
+  return 0;
+}
+
+}  // namespace
+}  // namespace tovana::bench
+
+int main(int argc, char** argv) {
+  try {
+    return tovana::bench::run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "tokenizer_bench: %s\n", error.what());
+    return 1;
+  }
+}
