@@ -45,6 +45,10 @@ class ThreadGuard {
   void touch() const noexcept {}
 };
 
+/// Static initialisation runs on the main thread, unless the component itself is opened at run
+/// time. It is the thread that ends most processes, often one that never embeds.
+[[maybe_unused]] const bool main_thread_is_protected = (protect_exit_of_this_thread(), true);
+
 }  // namespace
 
 void protect_exit_of_this_thread() {

@@ -14,9 +14,10 @@
 namespace tovana::embedding {
 
 /// Makes an `exit` that this thread calls, or that follows its return from main, safe from now on.
-/// Every operation of a local backend does it for its caller. A thread that uses none of them and
-/// may end the process calls it itself: unprotected, its exit is safe while others encode, but not
-/// while others load.
+/// The main thread is protected from the start, and every operation of a local backend does it for
+/// its caller. Another thread that may end the process calls it itself: unprotected, its exit is
+/// safe while others encode, but not while others load. The main thread does so, too, where it was
+/// not the one that loaded a shared library with this component.
 ///
 /// The first time on a thread it waits for a dlopen that another thread is in; after that it costs
 /// a look at a thread-local variable.

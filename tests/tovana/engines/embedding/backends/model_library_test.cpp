@@ -155,6 +155,7 @@ TEST_F(ModelLibraryTest, TurnsFailuresIntoErrorsAndGivesEverythingBack) {
   EXPECT_EQ(alive(), 1);
   model.reset();
   EXPECT_EQ(alive(), 0);
+  library->set_num_threads(16);  // as it was, for other cases of this process
 }
 
 /// The process's own runtime, which takes the way to plugin and cache from the environment.
@@ -180,7 +181,7 @@ enum class Exiting { main_thread, other_thread, unprotected_thread };
 /// Exits with status 7 while another thread is stuck in the library, and holds a stream besides.
 [[noreturn]] void exit_during(Moment moment, Exiting exiting) {
   const auto wait_and_exit = [moment, exiting] {
-    if (exiting != Exiting::unprotected_thread) protect_exit_of_this_thread();
+    if (exiting == Exiting::other_thread) protect_exit_of_this_thread();
     std::array<int, 2> ends{};
     if (pipe(ends.data()) != 0 || dup2(ends[1], kHangingDescriptor) < 0) _exit(1);
     std::thread([moment] {
@@ -196,7 +197,7 @@ enum class Exiting { main_thread, other_thread, unprotected_thread };
     std::fputs("flushed", stderr);
     std::exit(7);
   };
-  if (exiting == Exiting::other_thread) std::thread(wait_and_exit).join();
+  if (exiting != Exiting::main_thread) std::thread(wait_and_exit).join();
   wait_and_exit();
   _exit(1);
 }
