@@ -6,6 +6,7 @@
 
 #include "failure.h"
 #include "tovana/engines/embedding/backends/http.h"
+#include "tovana/engines/embedding/backends/model_library.h"
 #include "tovana/engines/embedding/backends/tfidf.h"
 #include "tovana/exceptions/exceptions.h"
 
@@ -40,7 +41,11 @@ std::vector<Vector> call(EmbeddingBackend& backend, const std::vector<std::strin
     throw_out_of_memory(texts.size(), backend);
   } catch (const std::length_error&) {
     throw_out_of_memory(texts.size(), backend);
-  } catch (const RuntimeError& error) {  // an endpoint's: says itself what and where
+  } catch (const embedding::ModelLibraryNotInstalled& error) {
+    throw Failure(ExitStatus::call_failed,
+                  std::string(error.what()) +
+                      "; scripts/setup --model installs it, --backend tfidf needs nothing");
+  } catch (const Error& error) {  // one of ours says itself what and where
     throw Failure(ExitStatus::call_failed, error.what());
   } catch (const std::exception& error) {
     throw Failure(ExitStatus::call_failed, "the backend " + backend.name() + " could not embed " +

@@ -9,6 +9,7 @@
 #include "option_values.h"
 #include "tovana/base/logging.h"
 #include "tovana/engines/embedding/backends/http.h"
+#include "tovana/engines/embedding/backends/local.h"
 #include "tovana/engines/embedding/backends/tfidf.h"
 #include "tovana/engines/embedding/sharing/endpoint_key.h"
 #include "tovana/exceptions/exceptions.h"
@@ -18,6 +19,7 @@ namespace {
 
 using embedding::APIEmbeddingBackend;
 using embedding::EmbeddingBackend;
+using embedding::LocalEmbeddingBackend;
 using embedding::OpenAIEmbeddingBackend;
 using embedding::TFIDFEmbeddingBackend;
 
@@ -33,6 +35,11 @@ struct BackendKind {
 std::unique_ptr<EmbeddingBackend> make_tfidf(const EngineOptions& options) {
   return std::make_unique<TFIDFEmbeddingBackend>(
       options.dimension.value_or(TFIDFEmbeddingBackend::kDefaultDimension));
+}
+
+std::unique_ptr<EmbeddingBackend> make_local(const EngineOptions& options) {
+  if (!options.model) return std::make_unique<LocalEmbeddingBackend>();
+  return std::make_unique<LocalEmbeddingBackend>(*options.model);
 }
 
 /// An endpoint's backend with what was given, and its own defaults for the rest.
@@ -55,6 +62,7 @@ std::unique_ptr<EmbeddingBackend> make_openai(const EngineOptions& options) {
 
 constexpr std::array kBackendKinds = {
     BackendKind{"tfidf", false, nullptr, "", make_tfidf},
+    BackendKind{"local", true, nullptr, "", make_local},
     BackendKind{"api", true, &EngineOptions::api_url, "--api-url", make_api},
     BackendKind{"openai", true, &EngineOptions::base_url, "--base-url", make_openai},
 };
@@ -88,7 +96,7 @@ void add_engine_options(CLI::App& command, EngineOptions& options) {
   const auto set_backend = [&options](const std::string& name) {
     if (std::ranges::find(kBackendKinds, name, &BackendKind::name) == kBackendKinds.end()) {
       throw CLI::ValidationError("--backend",
-                                 "this build offers tfidf, api and openai, not \"" + name + "\"");
+                                 "takes tfidf, local, openai or api, not \"" + name + "\"");
     }
     options.backend = name;
   };
@@ -97,6 +105,7 @@ void add_engine_options(CLI::App& command, EngineOptions& options) {
                                         "What makes the vectors:\n"
                                         "tfidf   hashed word weights that need no model (the\n"
                                         "        default)\n"
+                                        "local   a sentence-transformers model in this process\n"
                                         "openai  an OpenAI-compatible endpoint, at --base-url\n"
                                         "api     a generic embedding API, at --api-url\n"
                                         "An endpoint's key is read from the environment:\n"
@@ -108,13 +117,14 @@ void add_engine_options(CLI::App& command, EngineOptions& options) {
   command.add_option("--api-url", options.api_url, "api: the URL to post to")->option_text("URL");
   command
       .add_option("--model", options.model,
-                  "openai: the model that is asked for\n"
-                  "(text-embedding-3-small); api: what the vectors are named\n"
-                  "after (api)")
+                  "local: a model's name on the hub, which has to be in the\n"
+                  "cache, or a directory, ./NAME (all-MiniLM-L6-v2); openai:\n"
+                  "the model that is asked for (text-embedding-3-small);\n"
+                  "api: what the vectors are named after (api)")
       ->option_text("NAME");
   add_count(command, "--dimension", options.dimension,
-            "Numbers in a vector (tfidf: 256). An endpoint's vectors\n"
-            "have the size that it gives them");
+            "Numbers in a vector (tfidf: 256). Models and endpoints\n"
+            "have their own");
   set_log_level(LogLevel::warning);
   set_log_sink(log_what_is_not_thrown);
   command
