@@ -56,9 +56,14 @@ std::uint16_t half_at(const std::byte* bytes, std::size_t index) noexcept {
   return value;
 }
 
-/// Every half-precision number as a single-precision one. Without a branch, so that the loop
-/// becomes vector code: the bit patterns of the ordinary numbers, of infinities and NaNs, and of
-/// the subnormal ones, of which one is chosen.
+/// One of two numbers, computed rather than jumped to: a choice between results of floating-point
+/// operations would keep the compiler from making vector code.
+std::uint32_t choose(bool first, std::uint32_t one, std::uint32_t other) noexcept {
+  return other ^ ((one ^ other) & (0U - std::uint32_t{first}));
+}
+
+/// Every half-precision number as a single-precision one: the bit patterns of the ordinary numbers,
+/// of infinities and NaNs, and of the subnormal ones, of which one is chosen.
 void widen_f16(const std::byte* bytes, std::span<float> out) noexcept {
   constexpr std::uint32_t kRebias = (127U - 15U) << 23U;
   for (std::size_t i = 0; i < out.size(); ++i) {
@@ -69,8 +74,8 @@ void widen_f16(const std::byte* bytes, std::span<float> out) noexcept {
     const std::uint32_t not_finite = shifted + 2 * kRebias;
     const auto subnormal = std::bit_cast<std::uint32_t>(
         static_cast<float>(static_cast<std::int32_t>(magnitude)) * 0x1p-24F);
-    std::uint32_t result = magnitude < 0x0400U ? subnormal : ordinary;
-    result = magnitude >= 0x7C00U ? not_finite : result;
+    const std::uint32_t finite = choose(magnitude < 0x0400U, subnormal, ordinary);
+    const std::uint32_t result = choose(magnitude >= 0x7C00U, not_finite, finite);
     out[i] = std::bit_cast<float>(result | (half & 0x8000U) << 16U);
   }
 }

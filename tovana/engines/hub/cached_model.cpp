@@ -40,10 +40,10 @@ bool is_existing_folder(const fs::path& path) {
 
 /// A folder that is itself a snapshot in some cache holds links into that cache; any other folder
 /// holds its files itself.
-CachedModel model_in_folder(const ModelName& name) {
-  const std::string shown = "model '" + escape_control_characters(name.text) + "': ";
+CachedModel model_in_folder(const fs::path& path) {
+  const std::string shown = "model '" + escape_control_characters(path.string()) + "': ";
   std::error_code error;
-  const fs::path folder = fs::canonical(*name.directory, error);
+  const fs::path folder = fs::canonical(path, error);
   if (error) throw ValueError(shown + "no such folder: " + error.message());
   if (!is_existing_folder(folder)) {
     throw ValueError(shown + "is a file: give the folder that holds the model");
@@ -132,7 +132,8 @@ class Search {
 }  // namespace
 
 CachedModel find_cached_model(const ModelName& name, const CacheSettings& settings) {
-  return name.directory ? model_in_folder(name) : Search(name, settings).run();
+  if (name.directory) return model_in_folder(*name.directory);
+  return Search(name, settings).run();
 }
 
 }  // namespace tovana::hub

@@ -32,7 +32,7 @@ class ModuleFiles {
   Missing check_weights() const {
     constexpr std::string_view kSingle = "model.safetensors";
     constexpr std::string_view kIndex = "model.safetensors.index.json";
-    const Missing single = check(kSingle, Need::required);
+    Missing single = check(kSingle, Need::required);
     if (!single) return std::nullopt;
     if (has(kIndex)) return _check_shards(kIndex);
     if (has("pytorch_model.bin") && !check(kSingle, Need::settled)) return std::nullopt;

@@ -55,7 +55,7 @@ std::optional<std::string> Snapshot::fault(std::string_view name, Need need) con
     throw ValueError(directory().string() + ": the model names the file " +
                      sentence_transformers::in_quotes(name) + ", which is not inside it");
   }
-  const std::optional<std::string> fault = _fault_of_content(name);
+  std::optional<std::string> fault = _fault_of_content(name);
   if (fault != kMissing || need == Need::required) return fault;
   if (need == Need::if_listed) return _listing && _listing->contains(name) ? fault : std::nullopt;
   if (_is_known_absent(name)) return std::nullopt;
