@@ -81,6 +81,7 @@ void Tokenizer::read_special_tokens(const TokenizerSettings& settings) {
     for (const auto& token : tokens) {
       ids.push_back(token.id ? *token.id : id_of(token.content));
       _largest_id = std::max(_largest_id, ids.back());
+      _special_ids.push_back(ids.back());
     }
     return ids;
   };

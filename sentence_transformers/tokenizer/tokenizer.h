@@ -53,7 +53,8 @@ class Tokenizer {
   std::int32_t pad_id() const noexcept { return _pad_id; }
   std::int32_t unk_id() const noexcept { return _word_piece.unknown_id(); }
 
-  /// Whether an id is that of a special token, named or added.
+  /// Whether an id is that of a special token: one at the ends of every text, or one that the files
+  /// call special.
   bool is_special_id(std::int32_t id) const noexcept;
 
   /// Different tokens, added ones included.

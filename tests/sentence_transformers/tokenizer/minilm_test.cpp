@@ -8,8 +8,7 @@ namespace tovana::sentence_transformers::test {
 namespace {
 
 TEST(MiniLM, EveryReferenceTextHasItsIds) {
-  const Tokenizer tokenizer =
-      Tokenizer::load(ModelDirectory(from_environment("TOVANA_MINILM_DIR")));
+  const Tokenizer tokenizer = Tokenizer::load(ModelDirectory(TOVANA_MINILM_DIR));
   for (const Reference& reference :
        read_references(from_environment("TOVANA_TEST_DATA") + "/minilm_reference.jsonl")) {
     EXPECT_EQ(tokenizer.encode(reference.text, 256), reference.ids) << reference.text;
