@@ -58,7 +58,7 @@ Certificate::Certificate(const Certificate* authority, Options options)
 }
 
 std::shared_ptr<SSL_CTX> Certificate::server_context() const {
-  const std::shared_ptr<SSL_CTX> context(SSL_CTX_new(TLS_server_method()), &SSL_CTX_free);
+  std::shared_ptr<SSL_CTX> context(SSL_CTX_new(TLS_server_method()), &SSL_CTX_free);
   require(SSL_CTX_use_certificate(context.get(), _certificate.get()) == 1 &&
           SSL_CTX_use_PrivateKey(context.get(), _key.get()) == 1);
   return context;

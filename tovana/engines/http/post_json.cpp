@@ -94,7 +94,8 @@ class Call {
 
   JsonReply run() {
     warn_if_exposed(_credentials, _request.url, _options.label);
-    for (double backoff_s = _policy->backoff_s;; backoff_s *= 2) {
+    double backoff_s = _policy->backoff_s;
+    for (;;) {
       stop_if_asked();
       const double left = time_left();
       if (!(left > 0)) fail_for_deadline();
@@ -104,14 +105,15 @@ class Call {
       _problem = std::move(attempt.problem);
       if (!attempt.try_again || _made == _attempts) fail(_problem);
       back_off(backoff_s);
+      backoff_s *= 2;
     }
   }
 
  private:
   /// Seconds to the deadline; infinity without one.
   double time_left() const {
-    if (!_policy->deadline) return std::numeric_limits<double>::infinity();
-    return *_policy->deadline - _policy->clock->now();
+    const std::optional<double>& deadline = _policy->deadline;
+    return deadline ? *deadline - _policy->clock->now() : std::numeric_limits<double>::infinity();
   }
 
   Attempt make_attempt(double left) {

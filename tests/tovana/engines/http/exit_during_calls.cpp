@@ -1,6 +1,6 @@
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -46,15 +46,14 @@ constexpr int kThreads = 4;
 
 int main(int argc, char** argv) {
   if (argc != 3) return 2;
-  const int runs = std::atoi(argv[1]);
+  const int runs = std::stoi(argv[1]);
   for (int run = 0; run < runs; ++run) {
     const pid_t child = ::fork();
     if (child == 0) exit_during_calls(argv[2], static_cast<unsigned>(run));
     int status = 0;
     ::waitpid(child, &status, 0);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != kOwnStatus) {
-      std::fprintf(stderr, "run %d of %d ended with wait status %#x\n", run, runs,
-                   static_cast<unsigned>(status));
+      std::cerr << "run " << run << " of " << runs << " ended with wait status " << status << "\n";
       return 1;
     }
   }
