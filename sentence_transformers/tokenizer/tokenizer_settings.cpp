@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <map>
+#include <unordered_set>
 #include <utility>
 
 #include "sentence_transformers/files/model_directory.h"
@@ -152,7 +153,7 @@ class SettingsReader {
       if (_config) read_extra_tokens(*_config, key);
     }
     for (const AddedToken& token : _special_order) {
-      _settings.special_tokens.push_back(token.content);
+      _special_contents.insert(token.content);
     }
   }
 
@@ -217,10 +218,7 @@ class SettingsReader {
     return token;
   }
 
-  bool is_special(std::string_view content) const {
-    return std::any_of(_special_order.begin(), _special_order.end(),
-                       [&](const AddedToken& token) { return token.content == content; });
-  }
+  bool is_special(const std::string& content) const { return _special_contents.contains(content); }
 
   void add(AddedToken token) {
     if (token.content.empty()) return;
@@ -251,7 +249,7 @@ class SettingsReader {
     if (_added_file) {
       for (const auto& member : _added_file->root()) {
         AddedToken token = plain_token(checked(*_added_file, member.key, "a token"));
-        token.special = is_special(member.key);
+        token.special = is_special(token.content);
         token.normalized = !token.special;
         listed.insert_or_assign(_added_file->id(member.value, member.key), token);
       }
@@ -414,6 +412,7 @@ class SettingsReader {
 
   void read_template(const JsonFile::Object& object) {
     constexpr std::string_view kKey = "single";
+    constexpr std::size_t kMostTokens = 16;
     const auto pieces = _tokenizer->find_array(object, kKey);
     const auto tokens = _tokenizer->find_object(object, "special_tokens");
     if (!pieces || !tokens) _tokenizer->fail("post_processor", "is not a complete template");
@@ -434,11 +433,11 @@ class SettingsReader {
       if (!ids) _tokenizer->fail(name, "is in the template but not among its \"special_tokens\"");
       auto& side = text_seen ? _settings.behind : _settings.before;
       for (const auto& id : *ids) side.push_back({std::string(name), _tokenizer->id(id, name)});
+      if (_settings.before.size() + _settings.behind.size() > kMostTokens) break;
     }
-    constexpr std::size_t kMostTokens = 16;
     if (!text_seen || _settings.before.empty() || _settings.behind.empty() ||
         _settings.before.size() + _settings.behind.size() > kMostTokens) {
-      _tokenizer->fail(kKey, "does not put special tokens before and behind the text");
+      _tokenizer->fail(kKey, "does not put a few special tokens before and behind the text");
     }
   }
 

@@ -39,7 +39,6 @@ struct TokenizerSettings {
   std::vector<TemplateToken> before;
   std::vector<TemplateToken> behind;
   std::string pad_token;
-  std::vector<std::string> special_tokens;
 };
 
 /// Throws ValueError, naming file and fault, for files that are malformed, contradict themselves or
