@@ -29,22 +29,6 @@ class Cache {
              fs::copy_options::recursive | fs::copy_options::copy_symlinks);
   }
 
-  /// A file of the snapshot, in place of the link.
-  void write(const std::string& name, std::string_view content) const {
-    write_file(snapshot / name, content);
-  }
-  void remove(const std::string& name) const { fs::remove(snapshot / name); }
-  /// "The hub said that there is no such file."
-  void mark_absent(const std::string& name) const {
-    write_file(model / ".no_exist" / kCommit / name, "");
-  }
-  void forget_listing() const { fs::remove_all(model / "trees"); }
-  /// As other programs leave a cache: no listing, no marks.
-  void forget_what_is_absent() const {
-    forget_listing();
-    fs::remove_all(model / ".no_exist");
-  }
-
   /// What looking for `name` fails with, in one line; "found" when it does not fail.
   std::string find(const std::string& name = kModel) const {
     try {
@@ -60,7 +44,9 @@ class Cache {
 
   std::set<fs::path> all_paths() const {
     std::set<fs::path> paths;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) paths.insert(entry.path());
+    for (const auto& entry : fs::recursive_directory_iterator(root.parent_path())) {
+      paths.insert(entry.path());
+    }
     return paths;
   }
 
@@ -73,238 +59,141 @@ class Cache {
   fs::path snapshot = model / "snapshots" / kCommit;
 };
 
-constexpr std::string_view kModulesWithDense =
+constexpr const char* kModulesWithDense =
     R"([{"type":"sentence_transformers.models.Transformer","path":""},)"
     R"({"type":"sentence_transformers.models.Pooling","path":"1_Pooling"},)"
     R"({"type":"sentence_transformers.models.Dense","path":"2_Dense"},)"
     R"({"type":"sentence_transformers.models.Normalize","path":"3_Normalize"}])";
 
-constexpr std::string_view kIndex =
-    R"({"weight_map":{"a":"one.safetensors","b":"two.safetensors"}})";
+constexpr const char* kIndex = R"({"weight_map":{"a":"one.safetensors","b":"two.safetensors"}})";
+
+/// A step that makes something wrong. Paths are relative to the model's folder in the cache; "@/"
+/// is the snapshot.
+using Step = std::function<void(const Cache&)>;
+
+fs::path place(const Cache& cache, const std::string& path) {
+  return path.starts_with("@/") ? cache.snapshot / path.substr(2) : cache.model / path;
+}
+Step rm(const std::string& path) {
+  return [=](const Cache& cache) { fs::remove_all(place(cache, path)); };
+}
+Step put(const std::string& path, const std::string& content) {
+  return [=](const Cache& cache) { write_file(place(cache, path), content); };
+}
+/// What a fetch leaves when the hub says that there is no such file.
+Step mark(const std::string& name) {
+  return put(std::string(".no_exist/") + kCommit + "/" + name, "");
+}
+Step cut(const std::string& path, std::uintmax_t size) {
+  return [=](const Cache& cache) { fs::resize_file(place(cache, path), size); };
+}
+
+void replace_links_by_files(const Cache& cache) {
+  for (const auto& entry : fs::recursive_directory_iterator(cache.snapshot)) {
+    if (!entry.is_symlink()) continue;
+    const fs::path target = fs::canonical(entry.path());
+    fs::remove(entry.path());
+    fs::rename(target, entry.path());
+  }
+}
+
+void move_weights_to_shared_store(const Cache& cache) {
+  const fs::path blob = fs::canonical(cache.snapshot / "model.safetensors");
+  fs::create_directories(cache.root / "blobs/ab");
+  fs::rename(blob, cache.root / "blobs/ab/abcd");
+  fs::create_symlink("../../blobs/ab/abcd", blob);
+}
+
+void link_modules_out_of_the_cache(const Cache& cache) {
+  write_file(cache.root.parent_path() / "outside.json", "[]");
+  fs::remove(cache.snapshot / "modules.json");
+  fs::create_symlink(cache.root.parent_path() / "outside.json", cache.snapshot / "modules.json");
+}
 
 struct Fault {
-  const char* name;
-  std::function<void(const Cache&)> make;
+  std::vector<Step> steps;
   std::string outcome;  ///< Part of it.
 };
 
 TEST(CachedModelTest, IsFoundExactlyWhenItIsComplete) {
   const std::string at = std::string("snapshots/") + kCommit + "/";
   const std::string unsettled = " is missing, and nothing says that the repository has none";
+  const std::string other_commit(40, 'a');
+  const std::string tree = std::string("trees/") + kCommit + ".json";
   const std::vector<Fault> faults = {
-      {"nothing", [](const Cache&) {}, "found"},
-      {"no listing", [](const Cache& c) { c.forget_listing(); }, "found"},
-      {"nothing known of absent files", [](const Cache& c) { c.forget_what_is_absent(); }, "found"},
-      {"real files in place of links",
-       [](const Cache& c) {
-         for (const auto& entry : fs::recursive_directory_iterator(c.snapshot)) {
-           if (!entry.is_symlink()) continue;
-           const fs::path target = fs::canonical(entry.path());
-           fs::remove(entry.path());
-           fs::rename(target, entry.path());
-         }
-       },
-       "found"},
-      {"weights in a store that models share",
-       [](const Cache& c) {
-         const fs::path blob = fs::canonical(c.snapshot / "model.safetensors");
-         fs::create_directories(c.root / "blobs/ab");
-         fs::rename(blob, c.root / "blobs/ab/abcd");
-         fs::create_symlink("../../blobs/ab/abcd", blob);
-       },
-       "found"},
-      {"blank space around the commit",
-       [](const Cache& c) { write_file(c.model / "refs/main", std::string(kCommit) + "\r\n"); },
-       "found"},
-      {"no cache", [](const Cache& c) { fs::remove_all(c.root); }, "there is no such folder"},
-      {"no repository", [](const Cache& c) { fs::remove_all(c.model); },
-       "it has no folder models--sentence-transformers--tiny-bert-cls"},
-      {"no reference", [](const Cache& c) { fs::remove(c.model / "refs/main"); },
-       "refs/main is missing"},
-      {"empty reference", [](const Cache& c) { write_file(c.model / "refs/main", ""); },
-       "refs/main holds no commit"},
-      {"reference that climbs",
-       [](const Cache& c) { write_file(c.model / "refs/main", "../../../../../../../etc"); },
-       "refs/main holds no commit"},
-      {"reference to another commit",
-       [](const Cache& c) { write_file(c.model / "refs/main", std::string(40, 'a')); },
-       "has no snapshots/" + std::string(40, 'a')},
-      {"no weights", [](const Cache& c) { c.remove("model.safetensors"); },
-       at + "model.safetensors is missing"},
-      {"blob gone",
-       [](const Cache& c) { fs::remove(fs::canonical(c.snapshot / "model.safetensors")); },
-       at + "model.safetensors is a link to nowhere"},
-      {"cut blob", [](const Cache& c) { fs::resize_file(c.snapshot / "model.safetensors", 1000); },
+      {{}, "found"},
+      {{rm("trees")}, "found"},
+      {{rm("trees"), rm(".no_exist")}, "found"},
+      {{replace_links_by_files}, "found"},
+      {{move_weights_to_shared_store}, "found"},
+      // From the revision to the snapshot.
+      {{put("refs/main", std::string(kCommit) + "\r\n")}, "found"},
+      {{[](const Cache& cache) { fs::remove_all(cache.root); }}, "there is no such folder"},
+      {{rm("")}, "it has no folder models--sentence-transformers--tiny-bert-cls"},
+      {{rm("refs/main")}, "refs/main is missing"},
+      {{put("refs/main", "")}, "refs/main holds no commit"},
+      {{put("refs/main", "../../../../../../../etc")}, "refs/main holds no commit"},
+      {{put("refs/main", "C9745ED1D9F207416BE6D2E6F8DE32D1F16199BF")}, "refs/main holds no commit"},
+      {{put("refs/main", other_commit)}, "has no snapshots/" + other_commit},
+      // Files that every model has.
+      {{rm("@/model.safetensors")}, at + "model.safetensors is missing"},
+      {{rm("blobs")}, at + "modules.json is a link to nowhere"},
+      {{cut("@/model.safetensors", 1000)},
        at + "model.safetensors has 1000 bytes instead of 138656"},
-      {"empty configuration",
-       [](const Cache& c) {
-         c.forget_listing();
-         fs::resize_file(c.snapshot / "config.json", 0);
-       },
-       at + "config.json is empty"},
-      {"folder in place of a file",
-       [](const Cache& c) {
-         c.remove("config.json");
-         fs::create_directory(c.snapshot / "config.json");
-       },
-       at + "config.json is not a file"},
-      {"no tokenizer", [](const Cache& c) { c.remove("tokenizer.json"); },
-       at + "tokenizer.json is missing"},
-      {"old vocabulary",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.remove("tokenizer.json");
-         c.write("vocab.txt", "[UNK]");
-       },
-       "found"},
-      {"no modules, listed", [](const Cache& c) { c.remove("modules.json"); },
-       at + "modules.json" + unsettled},
-      {"no modules, unknown",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.remove("modules.json");
-       },
-       at + "modules.json" + unsettled},
-      {"no modules, marked",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.remove("modules.json");
-         c.mark_absent("modules.json");
-       },
-       "found"},
-      {"no pooling, unknown",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.remove("1_Pooling/config.json");
-       },
-       at + "1_Pooling/config.json" + unsettled},
-      {"no pooling, marked",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.remove("1_Pooling/config.json");
-         c.mark_absent("1_Pooling/config.json");
-       },
-       "found"},
-      {"no length, unknown",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.remove("sentence_bert_config.json");
-       },
+      {{rm("trees"), cut("@/config.json", 0)}, at + "config.json is empty"},
+      {{rm("@/config.json"), put("@/config.json/x", "")}, at + "config.json is not a file"},
+      {{rm("@/tokenizer.json")}, at + "tokenizer.json is missing"},
+      {{rm("trees"), rm("@/tokenizer.json"), put("@/vocab.txt", "[UNK]")}, "found"},
+      // Files whose absence has to be certain, and those that matter only when listed.
+      {{rm("@/modules.json")}, at + "modules.json" + unsettled},
+      {{rm("trees"), rm("@/modules.json")}, at + "modules.json" + unsettled},
+      {{rm("trees"), rm("@/modules.json"), mark("modules.json")}, "found"},
+      {{rm("trees"), cut("@/modules.json", 0), mark("modules.json")}, at + "modules.json is empty"},
+      {{rm("trees"), rm("@/1_Pooling/config.json")}, at + "1_Pooling/config.json" + unsettled},
+      {{rm("trees"), rm("@/1_Pooling/config.json"), mark("1_Pooling/config.json")}, "found"},
+      {{rm("trees"), rm("@/sentence_bert_config.json")},
        at + "sentence_bert_config.json" + unsettled},
-      {"no case rule, unknown",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.remove("tokenizer_config.json");
-       },
-       at + "tokenizer_config.json" + unsettled},
-      {"no prompts, listed", [](const Cache& c) { c.remove("config_sentence_transformers.json"); },
+      {{rm("trees"), rm("@/tokenizer_config.json")}, at + "tokenizer_config.json" + unsettled},
+      {{rm("@/config_sentence_transformers.json")},
        at + "config_sentence_transformers.json is missing"},
-      {"no prompts, unknown",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.remove("config_sentence_transformers.json");
-       },
-       "found"},
-      {"a listing of another format proves nothing",
-       [](const Cache& c) {
-         write_file(c.model / "trees" / (std::string(kCommit) + ".json"),
-                    R"({"format_version":2,"files":{}})");
-         c.remove("modules.json");
-       },
+      {{rm("trees"), rm("@/config_sentence_transformers.json")}, "found"},
+      {{put(tree, R"({"format_version":2,"files":{}})"), rm("@/modules.json")},
        at + "modules.json" + unsettled},
-      {"a broken listing is none",
-       [](const Cache& c) {
-         write_file(c.model / "trees" / (std::string(kCommit) + ".json"), "{\"format_version\":1");
-       },
-       "found"},
-      {"a dense module without a configuration",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.write("modules.json", kModulesWithDense);
-       },
+      {{put(tree, "{\"format_version\":1")}, "found"},
+      // What the modules need.
+      {{rm("trees"), put("@/modules.json", kModulesWithDense)},
        at + "2_Dense/config.json is missing"},
-      {"a dense module without weights",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.write("modules.json", kModulesWithDense);
-         c.write("2_Dense/config.json", "{}");
-       },
+      {{rm("trees"), put("@/modules.json", kModulesWithDense), put("@/2_Dense/config.json", "{}")},
        at + "2_Dense/model.safetensors is missing"},
-      {"a whole dense module",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.write("modules.json", kModulesWithDense);
-         c.write("2_Dense/config.json", "{}");
-         c.write("2_Dense/model.safetensors", "x");
-       },
+      {{rm("trees"), put("@/modules.json", kModulesWithDense), put("@/2_Dense/config.json", "{}"),
+        put("@/2_Dense/model.safetensors", "x")},
        "found"},
-      {"a module that climbs",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.write("modules.json", R"([{"type":"a.Dense","path":"../../../.."}])");
-       },
-       "ValueError: "},
-      {"modules that are no JSON",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.write("modules.json", "[");
-       },
-       "modules.json: no valid JSON at byte"},
-      {"modules that lead out of the cache",
-       [](const Cache& c) {
-         c.forget_listing();
-         write_file(c.root.parent_path() / "outside.json", "[]");
-         c.remove("modules.json");
-         fs::create_symlink(c.root.parent_path() / "outside.json", c.snapshot / "modules.json");
-       },
-       "outside of "},
-      {"a shard missing",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.remove("model.safetensors");
-         c.write("model.safetensors.index.json", kIndex);
-         c.write("one.safetensors", "x");
-       },
+      {{rm("trees"), put("@/modules.json", R"([{"type":"a.Dense","path":"../../../.."}])")},
+       "the model names the file \"../../../../config.json\", which is not inside it"},
+      {{rm("trees"), put("@/modules.json", "[")}, "modules.json: no valid JSON at byte"},
+      {{rm("trees"), link_modules_out_of_the_cache}, "outside of "},
+      // Weights in several files, and in a format that is not read.
+      {{rm("trees"), rm("@/model.safetensors"), put("@/model.safetensors.index.json", kIndex),
+        put("@/one.safetensors", "x")},
        at + "two.safetensors is missing"},
-      {"all shards",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.remove("model.safetensors");
-         c.write("model.safetensors.index.json", kIndex);
-         c.write("one.safetensors", "x");
-         c.write("two.safetensors", "x");
-       },
+      {{rm("trees"), rm("@/model.safetensors"), put("@/model.safetensors.index.json", kIndex),
+        put("@/one.safetensors", "x"), put("@/two.safetensors", "x")},
        "found"},
-      {"pickled weights while there may be others",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.remove("model.safetensors");
-         c.write("pytorch_model.bin", "x");
-       },
+      {{rm("trees"), rm("@/model.safetensors"), put("@/pytorch_model.bin", "x")},
        at + "model.safetensors is missing"},
-      {"pickled weights and no others",
-       [](const Cache& c) {
-         c.forget_listing();
-         c.remove("model.safetensors");
-         c.write("pytorch_model.bin", "x");
-         c.mark_absent("model.safetensors");
-       },
+      {{rm("trees"), rm("@/model.safetensors"), put("@/pytorch_model.bin", "x"),
+        mark("model.safetensors")},
        "found"},
   };
-  for (const Fault& fault : faults) {
+  for (std::size_t i = 0; i < faults.size(); ++i) {
     const Cache cache;
-    fault.make(cache);
-    const auto before = fs::exists(cache.root) ? cache.all_paths() : std::set<fs::path>{};
+    for (const Step& step : faults[i].steps) step(cache);
+    const std::set<fs::path> before = cache.all_paths();
     const std::string outcome = cache.find();
-    if (fault.outcome == "found") {
-      EXPECT_EQ(outcome, "found") << fault.name;
-    } else {
-      EXPECT_THAT(outcome, HasSubstr(fault.outcome)) << fault.name;
-      EXPECT_THAT(outcome, testing::Not(HasSubstr("\n"))) << fault.name;
-    }
-    if (fs::exists(cache.root)) {
-      EXPECT_EQ(cache.all_paths(), before) << fault.name;
-    }
+    EXPECT_THAT(outcome, HasSubstr(faults[i].outcome)) << "case " << i;
+    EXPECT_EQ(outcome == "found", faults[i].outcome == "found") << "case " << i;
+    EXPECT_THAT(outcome, testing::Not(HasSubstr("\n"))) << "case " << i;
+    EXPECT_EQ(cache.all_paths(), before) << "case " << i << " wrote into the cache";
   }
 }
 
