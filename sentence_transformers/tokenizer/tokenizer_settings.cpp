@@ -493,8 +493,9 @@ class SettingsReader {
 
   TokenizerSettings _settings;
   std::map<std::string_view, AddedToken> _named;
-  std::vector<AddedToken> _special_order;      ///< Named tokens, then the others that are special.
-  std::map<std::string, std::size_t> _places;  ///< Of each content in `added_tokens`.
+  std::vector<AddedToken> _special_order;  ///< Named tokens, then the others that are special.
+  std::unordered_set<std::string> _special_contents;  ///< Theirs.
+  std::map<std::string, std::size_t> _places;         ///< Of each content in `added_tokens`.
 };
 
 }  // namespace

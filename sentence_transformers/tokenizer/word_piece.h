@@ -34,14 +34,13 @@ class WordPiece {
     if (characters <= _most_characters) {
       const char* at = word.data();
       const char* const end = at + word.size();
-      std::optional<ByteTrie::Node> from = ByteTrie::kRoot;
-      while (from) {
-        const ByteTrie::Match match = _trie.longest_match(at, end, *from);
-        if (match.size == 0) break;
+      ByteTrie::Match match = _trie.longest_match(at, end);
+      while (match.size > 0) {
         ids.push_back(match.value);
         at += match.size;
         if (at == end) return;
-        from = _continuation;
+        if (!_continuation) break;
+        match = _trie.longest_match(at, end, *_continuation);
       }
     }
     ids.resize(before);
