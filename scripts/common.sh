@@ -3,6 +3,9 @@
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
+# A clone in another folder finds what this one has compiled.
+export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=1
+
 say() { printf '%s\n' "$*" >&2; }
 
 die() {

@@ -46,6 +46,8 @@ std::string_view advice_for(int status) {
       return "the proxy asks for credentials: check the environment's proxy variables";
     case 413:
       return "the request is too large for the server: send fewer or shorter texts at once";
+    case 422:
+      return "the server does not take such texts: send fewer or shorter ones at once";
     case 429:
       return "the server limits how often it is called";
     default:

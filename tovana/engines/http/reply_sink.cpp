@@ -2,6 +2,7 @@
 
 #include <charconv>
 
+#include "tovana/base/huge_pages.h"
 #include "tovana/engines/http/json.h"
 
 namespace tovana::http {
@@ -27,8 +28,10 @@ bool ReplySink::head(const ResponseHead& head) {
   if (!_is_success) return true;
   const std::size_t size = announced_size(head.headers);
   _is_too_large = size > _largest;
-  if (!_is_too_large) _text.reserve(size + JsonReply::kSpareBytes);
-  return !_is_too_large;
+  if (_is_too_large) return false;
+  _text.reserve(size + JsonReply::kSpareBytes);
+  prefer_huge_pages(_text.data(), _text.capacity());
+  return true;
 }
 
 bool ReplySink::body(std::string_view bytes) {
