@@ -1,15 +1,26 @@
 """What the comparisons share: the process that is our side, and rounds that alternate."""
 
+import os
 import subprocess
 import sys
 
 
 class OurSide:
-    """An executable of ours that answers each line of its standard input with a line of numbers."""
+    """An executable of ours that answers each line of its standard input with a line of numbers.
+
+    A subclass may name variables to add to its environment.
+    """
+
+    environment = {}
 
     def __init__(self, *command):
         self._process = subprocess.Popen(
-            [str(part) for part in command], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1
+            [str(part) for part in command],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            text=True,
+            bufsize=1,
+            env={**os.environ, **self.environment},
         )
 
     def ask(self, request):
