@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 #include <optional>
 #include <span>
 #include <utility>
@@ -23,6 +24,14 @@ std::string shape_text(std::span<const std::int64_t> shape) {
   return text + "]";
 }
 
+/// Where `Weights::load` has found them.
+std::string file_of(const ModelDirectory& directory) {
+  constexpr const char* kWhole = "model.safetensors";
+  const bool is_whole =
+      directory.open(kWhole, std::numeric_limits<std::uint64_t>::max()).has_value();
+  return directory.path_of(is_whole ? kWhole : "model.safetensors.index.json");
+}
+
 std::string current_name(std::string_view name, std::string_view prefix) {
   if (name.starts_with(prefix)) name.remove_prefix(prefix.size());
   constexpr std::array<std::pair<std::string_view, std::string_view>, 2> kRenamed = {{
@@ -41,7 +50,7 @@ std::string current_name(std::string_view name, std::string_view prefix) {
 }  // namespace
 
 Checkpoint::Checkpoint(const ModelDirectory& directory, std::string_view prefix)
-    : _weights(Weights::load(directory)), _folder(directory.path().string()) {
+    : _weights(Weights::load(directory)), _file(file_of(directory)) {
   for (const auto& [name, tensor] : _weights.tensors()) {
     // A tensor that already has the current name wins over one that would get it.
     const std::string current = current_name(name, prefix);
@@ -78,8 +87,6 @@ at::Tensor Checkpoint::tensor(const std::string& name,
   return result;
 }
 
-void Checkpoint::refuse(const std::string& fault) const {
-  throw ValueError(_folder + ": " + fault);
-}
+void Checkpoint::refuse(const std::string& fault) const { throw ValueError(_file + ": " + fault); }
 
 }  // namespace tovana::sentence_transformers

@@ -30,12 +30,12 @@ class Checkpoint {
   /// file, when it is absent, has another shape, or has no floating-point type that is supported.
   at::Tensor tensor(const std::string& name, std::initializer_list<std::int64_t> shape) const;
 
-  /// Fails with "folder: fault".
+  /// Fails with "file: fault".
   [[noreturn]] void refuse(const std::string& fault) const;
 
  private:
   Weights _weights;
-  std::string _folder;
+  std::string _file;
   std::map<std::string, const TensorView*, std::less<>> _tensors;
 };
 

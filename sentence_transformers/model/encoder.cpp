@@ -36,6 +36,13 @@ std::string_view prefix_of(Architecture architecture) {
 
 std::string layer_name(std::int64_t index) { return "encoder.layer." + std::to_string(index); }
 
+/// A matrix for a batch, to be filled: only the rows behind the last token's have a value, 0.
+at::Tensor rows_for(const TokenBatch& batch, std::int64_t width) {
+  at::Tensor matrix = at::empty({batch.padded_rows(), width});
+  matrix.narrow(0, batch.rows(), batch.padded_rows() - batch.rows()).zero_();
+  return matrix;
+}
+
 const float* row_of(const at::Tensor& table, std::int64_t row) {
   return table.const_data_ptr<float>() + row * table.size(1);
 }
@@ -122,14 +129,14 @@ at::Tensor Encoder::operator()(const TokenBatch& batch) const {
     hidden = layer.attention_norm(layer.attention_output(context).add_(hidden));
     hidden = layer.output_norm(layer.output(layer.intermediate(hidden)).add_(hidden));
   }
-  return hidden;
+  return hidden.narrow(0, 0, batch.rows());
 }
 
 at::Tensor Encoder::_embed(const TokenBatch& batch) const {
   const bool is_bert = _config.architecture == Architecture::bert;
   const auto width = static_cast<std::size_t>(_config.hidden);
   const float* const type = is_bert ? _token_type.const_data_ptr<float>() : nullptr;
-  at::Tensor result = at::empty({batch.rows(), _config.hidden});
+  at::Tensor result = rows_for(batch, _config.hidden);
   float* out = result.mutable_data_ptr<float>();
   auto id = batch.ids().begin();
   for (const TokenBatch::Group& group : batch.groups()) {
@@ -173,7 +180,7 @@ at::Tensor Encoder::_attend(const at::Tensor& query_key_value, const TokenBatch&
                             const std::vector<at::Tensor>& biases) const {
   const std::int64_t heads = _config.heads;
   const std::int64_t width = _config.hidden / heads;
-  at::Tensor context;
+  at::Tensor context = rows_for(batch, _config.hidden);
   for (std::size_t index = 0; index < batch.groups().size(); ++index) {
     const TokenBatch::Group& group = batch.groups()[index];
     const std::int64_t rows = group.texts * group.length;
@@ -181,12 +188,10 @@ at::Tensor Encoder::_attend(const at::Tensor& query_key_value, const TokenBatch&
                                  .view({group.texts, group.length, 3, heads, width})
                                  .permute({2, 0, 3, 1, 4});
     const auto bias = biases.empty() ? std::nullopt : std::optional(biases[index]);
-    const at::Tensor attended = at::scaled_dot_product_attention(parts[0], parts[1], parts[2], bias)
-                                    .transpose(1, 2)
-                                    .reshape({rows, _config.hidden});
-    if (batch.groups().size() == 1) return attended;
-    if (!context.defined()) context = at::empty({batch.rows(), _config.hidden});
-    context.narrow(0, group.first_row, rows).copy_(attended);
+    context.narrow(0, group.first_row, rows)
+        .view({group.texts, group.length, heads, width})
+        .copy_(
+            at::scaled_dot_product_attention(parts[0], parts[1], parts[2], bias).transpose(1, 2));
   }
   return context;
 }

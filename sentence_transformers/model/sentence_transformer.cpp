@@ -13,10 +13,10 @@
 namespace tovana::sentence_transformers {
 namespace {
 
-/// What bounds the memory of a call: the widest matrix of a forward pass has as many rows. Large
-/// enough that the products run at full speed, small enough that what one step writes is still in
-/// the cache for the next.
-constexpr std::int64_t kRowsPerBatch = 2048;
+/// What bounds the memory of a call: the matrices of a forward pass have about as many rows. The
+/// products run at full speed from some hundred rows on; with more than this, what one step writes
+/// is no longer in the cache for the next.
+constexpr std::int64_t kRowsPerBatch = 1024;
 
 const std::string& transformer_path(const std::vector<ModuleEntry>& modules) {
   static const std::string kModelItself;

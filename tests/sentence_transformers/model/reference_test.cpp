@@ -1,0 +1,147 @@
+// The vectors of Python's library, for small models of every kind and for a real one.
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <memory>
+#include <numeric>
+#include <random>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include <ATen/Parallel.h>
+#include <gtest/gtest.h>
+
+#include "sentence_transformers/model/sentence_transformer.h"
+#include "tests/sentence_transformers/model/model_files.h"
+
+namespace tovana::sentence_transformers {
+namespace {
+
+struct ReferenceCase {
+  const char* name;
+  std::filesystem::path model;
+  std::filesystem::path reference;
+  const char* key;  ///< Of the vectors in the reference.
+  bool normalize;
+  /// Of a float. The small models' vectors are not of unit length, and their weights are large.
+  double tolerance;
+  LinearKernel kernel;
+};
+
+std::vector<ReferenceCase> reference_cases() {
+  std::vector<ReferenceCase> cases;
+  const auto tiny = [&cases](const char* name, const char* key, bool normalize) {
+    for (const LinearKernel kernel : {LinearKernel::packed, LinearKernel::plain}) {
+      if (kernel == LinearKernel::packed && best_linear_kernel() != kernel) continue;
+      cases.push_back({name, tiny_model(name), tiny_model(name) / "reference.jsonl", key, normalize,
+                       1e-5, kernel});
+    }
+  };
+  tiny("tiny_bert_cls", "embedding", false);
+  tiny("tiny_bert_cls", "embedding_normalized", true);
+  tiny("tiny_bert_max_dense", "embedding", false);
+  tiny("tiny_bert_f16", "embedding_float32_upcast", false);
+  tiny("tiny_mpnet_mean", "embedding", false);
+#ifdef TOVANA_MINILM_DIR
+  cases.push_back({"all_MiniLM_L6_v2", TOVANA_MINILM_DIR,
+                   std::filesystem::path(TOVANA_TEST_DATA) / "minilm_reference.jsonl", "embedding",
+                   true, 2e-6, best_linear_kernel()});
+#endif
+  return cases;
+}
+
+using Rows = std::vector<std::vector<float>>;
+
+double distance(const std::vector<float>& row, const auto& other) {
+  double largest = 0;
+  for (std::size_t i = 0; i < row.size(); ++i) {
+    const double difference = std::abs(static_cast<double>(row[i]) - static_cast<double>(other[i]));
+    if (!(difference <= largest)) largest = difference;  // NaN included.
+  }
+  return largest;
+}
+
+class ReferenceTest : public testing::TestWithParam<ReferenceCase> {
+ protected:
+  const ReferenceCase& given() const { return GetParam(); }
+
+  Rows encode(const std::vector<std::string>& texts) const {
+    const std::vector<std::string_view> views(texts.begin(), texts.end());
+    const auto width = static_cast<std::size_t>(_model->dimension());
+    std::vector<float> vectors(texts.size() * width);
+    _model->encode(views, given().normalize, vectors.data());
+    Rows rows;
+    for (auto row = vectors.begin(); row != vectors.end();
+         row += static_cast<std::ptrdiff_t>(width)) {
+      rows.emplace_back(row, row + static_cast<std::ptrdiff_t>(width));
+    }
+    return rows;
+  }
+
+  void expect_reference(const Rows& rows, const char* how) const {
+    ASSERT_EQ(rows.size(), _reference.vectors.size());
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+      ASSERT_EQ(rows[i].size(), _reference.vectors[i].size());
+      EXPECT_LE(distance(rows[i], _reference.vectors[i]), given().tolerance)
+          << how << ": " << _reference.texts[i];
+    }
+  }
+
+  Reference _reference = Reference::read(given().reference, given().key);
+  std::unique_ptr<const SentenceTransformer> _model =
+      SentenceTransformer::load(ModelDirectory(given().model), given().kernel);
+};
+
+TEST_P(ReferenceTest, GivesTheSameVectors) {
+  const int threads = at::get_num_threads();
+  const std::vector<std::string>& texts = _reference.texts;
+  std::vector<std::size_t> order(texts.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  std::mt19937 random(7);
+  for (const int count : {1, 2}) {
+    at::set_num_threads(count);
+    Rows alone;
+    for (const std::string& text : texts) alone.push_back(encode({text}).front());
+    expect_reference(alone, "alone");
+
+    // Every text among others than before, in batches that are cut elsewhere.
+    std::ranges::shuffle(order, random);
+    std::vector<std::string> shuffled;
+    for (const std::size_t text : order) shuffled.push_back(texts[text]);
+    const Rows together = encode(shuffled);
+    Rows batch(texts.size());
+    for (std::size_t i = 0; i < order.size(); ++i) batch[order[i]] = together[i];
+    expect_reference(batch, "in a batch");
+    if (!given().normalize) continue;
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+      EXPECT_LE(distance(alone[i], batch[i]), 5e-7) << "other neighbours: " << texts[i];
+    }
+  }
+  at::set_num_threads(threads);
+}
+
+TEST_P(ReferenceTest, ServesSeveralThreadsAtOnce) {
+  const std::vector<std::string> texts(_reference.texts.begin(), _reference.texts.begin() + 24);
+  _reference.vectors.resize(texts.size());
+  std::vector<Rows> results(3);
+  {
+    std::vector<std::jthread> threads;
+    for (Rows& result : results) {
+      threads.emplace_back([this, &texts, &result] { result = encode(texts); });
+    }
+  }
+  _reference.texts = texts;
+  for (const Rows& result : results) expect_reference(result, "beside other threads");
+}
+
+INSTANTIATE_TEST_SUITE_P(Models, ReferenceTest, testing::ValuesIn(reference_cases()),
+                         [](const auto& given) {
+                           return std::string(given.param.name) + "_" + given.param.key +
+                                  (given.param.kernel == LinearKernel::plain ? "_plain" : "");
+                         });
+
+}  // namespace
+}  // namespace tovana::sentence_transformers
