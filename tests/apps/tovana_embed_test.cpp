@@ -359,7 +359,8 @@ TEST_F(TovanaEmbed, WrongUseIsToldApartFromWork) {
       {"search", "a", "b"},
       {"search", "a", "--top", "0"}};
   for (const auto& arguments : wrong) expect_error(run(tool(arguments)), 64, "--help");
-  expect_error(run(tool({"embed", "a", "--backend", "none"})), 64, "takes tfidf, local, openai or api");
+  expect_error(run(tool({"embed", "a", "--backend", "none"})), 64,
+               "takes tfidf, local, openai or api");
 }
 
 }  // namespace

@@ -203,7 +203,7 @@ struct Refused {
 };
 
 TEST(Tokenizer, RefusesFilesThatItCannotFollow) {
-  const auto in_model = [](const char* key, json value) {
+  const auto in_model = [](const char* key, const json& value) {
     return [key, value](Model& m) { m.tokenizer["model"][key] = value; };
   };
   const auto component = [](const char* key, const char* text) {
@@ -212,10 +212,10 @@ TEST(Tokenizer, RefusesFilesThatItCannotFollow) {
       m.tokenizer[key] = json::parse(text);
     };
   };
-  const auto configured = [](const char* key, json value) {
+  const auto configured = [](const char* key, const json& value) {
     return [key, value](Model& m) { m.config[key] = value; };
   };
-  const auto vocabulary = [](json id) {
+  const auto vocabulary = [](const json& id) {
     return [id](Model& m) { m.tokenizer["model"]["vocab"]["new"] = id; };
   };
   const std::string deep = std::string(100, '[') + std::string(100, ']');
