@@ -125,7 +125,9 @@ void CurlExchange::configure(const std::string& ca_file) {
   set(easy, CURLOPT_QUICK_EXIT, 1L);  // do not join a thread that hangs in a name look-up
   set(easy, CURLOPT_CONNECTTIMEOUT_MS, milliseconds(usable(_request.idle_timeout_s)));
   set(easy, CURLOPT_TCP_KEEPALIVE, 1L);
-  set(easy, CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
+  // Refused while the handle still has the buffer of a transfer that failed before it had a
+  // connection. That one does, so it is no failure.
+  static_cast<void>(curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBufferBytes));
   set(easy, CURLOPT_MAXAGE_CONN, kOldestIdleConnectionS);
 
   set(easy, CURLOPT_ERRORBUFFER, _error_text.data());
