@@ -53,11 +53,12 @@ std::unique_ptr<EmbeddingBackend> make_endpoint(typename Backend::Options backen
 }
 
 std::unique_ptr<EmbeddingBackend> make_api(const EngineOptions& options) {
-  return make_endpoint<APIEmbeddingBackend>({.api_url = options.api_url.value()}, options);
+  return make_endpoint<APIEmbeddingBackend>({.api_url = options.api_url.value_or("")}, options);
 }
 
 std::unique_ptr<EmbeddingBackend> make_openai(const EngineOptions& options) {
-  return make_endpoint<OpenAIEmbeddingBackend>({.base_url = options.base_url.value()}, options);
+  return make_endpoint<OpenAIEmbeddingBackend>({.base_url = options.base_url.value_or("")},
+                                               options);
 }
 
 constexpr std::array kBackendKinds = {

@@ -31,7 +31,7 @@ void occupy_standard_descriptors() {
 }
 
 [[noreturn]] void end_process(ExitStatus status) {
-  std::fflush(nullptr);
+  static_cast<void>(std::fflush(nullptr));
   // No destructors of statics: threads that use them may still be at work.
   _exit(static_cast<int>(status));
 }
@@ -40,9 +40,9 @@ void occupy_standard_descriptors() {
   sigset_t pipe_signal;
   sigemptyset(&pipe_signal);
   sigaddset(&pipe_signal, SIGPIPE);
-  std::signal(SIGPIPE, SIG_DFL);
+  static_cast<void>(std::signal(SIGPIPE, SIG_DFL));
   pthread_sigmask(SIG_UNBLOCK, &pipe_signal, nullptr);
-  std::raise(SIGPIPE);
+  static_cast<void>(std::raise(SIGPIPE));
   _exit(128 + SIGPIPE);
 }
 
@@ -140,6 +140,7 @@ ExitStatus run_reporting(std::vector<std::string> arguments) {
 int main(int argc, char** argv) {
   using namespace tovana::tool;
   occupy_standard_descriptors();
-  std::signal(SIGPIPE, SIG_IGN);  // a write then says that the reader has gone
+  // A write then says that the reader has gone.
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
   end_process(run_reporting({argv + std::min(argc, 1), argv + argc}));
 }

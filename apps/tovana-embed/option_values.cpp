@@ -20,14 +20,16 @@ std::optional<Number> number_of(const std::string& text) {
 template <class Value>
 CLI::Option* add_count_option(CLI::App& command, const std::string& name, Value& value,
                               const std::string& description) {
-  const auto read = [name, &value](const std::string& text) {
+  const auto read = [name, &value](const CLI::results_t& given) {
+    const std::string& text = given.front();
     const auto number = number_of<std::int64_t>(text);
     if (!number || *number < 1) {
       throw CLI::ValidationError(name, "takes a whole number of at least 1, not \"" + text + "\"");
     }
     value = *number;
+    return true;
   };
-  return command.add_option_function<std::string>(name, read, description)->type_name("N");
+  return command.add_option(name, CLI::callback_t(read), description)->type_name("N");
 }
 
 }  // namespace
@@ -44,15 +46,17 @@ CLI::Option* add_count(CLI::App& command, const std::string& name,
 
 CLI::Option* add_seconds(CLI::App& command, const std::string& name, std::optional<double>& value,
                          const std::string& description) {
-  const auto read = [name, &value](const std::string& text) {
+  const auto read = [name, &value](const CLI::results_t& given) {
+    const std::string& text = given.front();
     const auto number = number_of<double>(text);
     if (!number || !std::isfinite(*number) || *number < 0) {
       throw CLI::ValidationError(name,
                                  "takes a number of seconds, 0 or more, not \"" + text + "\"");
     }
     value = number;
+    return true;
   };
-  return command.add_option_function<std::string>(name, read, description)->type_name("S");
+  return command.add_option(name, CLI::callback_t(read), description)->type_name("S");
 }
 
 }  // namespace tovana::tool

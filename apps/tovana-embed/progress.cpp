@@ -1,7 +1,8 @@
 #include "progress.h"
 
-#include <array>
+#include <cmath>
 #include <cstdio>
+#include <string>
 
 #include <unistd.h>
 
@@ -14,7 +15,11 @@ constexpr double kRedrawS = 0.1;
 
 /// The cursor goes back to the start of the line, so that a message overwrites the progress instead
 /// of following it; the width covers what the line held before.
-void draw_line(const char* text) { std::fprintf(stderr, "\r%-60s\r", text); }
+void draw_line(std::string text) {
+  constexpr std::size_t kWidth = 60;
+  text.resize(kWidth, ' ');
+  static_cast<void>(std::fputs(("\r" + text + "\r").c_str(), stderr));
+}
 
 }  // namespace
 
@@ -40,14 +45,10 @@ void Progress::advance(std::size_t texts) {
 }
 
 void Progress::draw(double now) {
-  std::array<char, 100> text{};
-  if (_done == 0) {
-    std::snprintf(text.data(), text.size(), "embedding %zu texts", _total);
-  } else {
-    std::snprintf(text.data(), text.size(), "%zu of %zu texts, %.0f a second", _done, _total,
-                  static_cast<double>(_done) / (now - _start));
-  }
-  draw_line(text.data());
+  if (_done == 0) return draw_line("embedding " + std::to_string(_total) + " texts");
+  const double rate = static_cast<double>(_done) / (now - _start);
+  draw_line(std::to_string(_done) + " of " + std::to_string(_total) + " texts, " +
+            std::to_string(std::llround(rate)) + " a second");
 }
 
 }  // namespace tovana::tool

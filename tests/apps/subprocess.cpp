@@ -47,7 +47,7 @@ void Descriptor::reset(int number) {
 }
 
 Subprocess::Subprocess(const std::vector<std::string>& command, Options options) {
-  std::signal(SIGPIPE, SIG_IGN);  // `feed` reports that nobody reads
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));  // `feed` reports that nobody reads
   Pipe input, output, errors;
   posix_spawn_file_actions_t files;
   posix_spawn_file_actions_init(&files);
@@ -76,7 +76,7 @@ Subprocess::Subprocess(const std::vector<std::string>& command, Options options)
     arguments.push_back(const_cast<char*>(argument.c_str()));
   arguments.push_back(nullptr);
   errno = posix_spawn(&_id, arguments[0], &files, &attributes, arguments.data(), environ);
-  std::signal(SIGINT, old_handler);
+  static_cast<void>(std::signal(SIGINT, old_handler));
   posix_spawn_file_actions_destroy(&files);
   posix_spawnattr_destroy(&attributes);
   require(errno == 0, "posix_spawn");
