@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <memory>
 #include <numeric>
+#include <ostream>
 #include <random>
 #include <string>
 #include <string_view>
@@ -63,6 +64,9 @@ double distance(const std::vector<float>& row, const auto& other) {
   }
   return largest;
 }
+
+/// Without it GoogleTest prints the bytes of a case, addresses included, beside the test's name.
+void PrintTo(const ReferenceCase& given, std::ostream* stream) { *stream << given.name; }
 
 class ReferenceTest : public testing::TestWithParam<ReferenceCase> {
  protected:
