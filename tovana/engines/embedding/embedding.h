@@ -7,7 +7,11 @@
 #include "tovana/engines/embedding/backends/local.h"
 #include "tovana/engines/embedding/backends/tfidf.h"
 #include "tovana/engines/embedding/backends/torch_threads.h"
+#include "tovana/engines/embedding/engine/engine.h"
+#include "tovana/engines/embedding/engine/status.h"
 #include "tovana/engines/embedding/settings.h"
+#include "tovana/engines/embedding/sharing/engine_config.h"
+#include "tovana/engines/embedding/sharing/shared_engines.h"
 #include "tovana/storage/vector_index.h"
 
 namespace tovana::embedding {

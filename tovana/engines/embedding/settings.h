@@ -20,6 +20,15 @@ inline constexpr double DEFAULT_EMBED_BACKOFF = 0.5;
 /// HTTP statuses of an endpoint that are tried again: it is overloaded, or it failed.
 inline const http::StatusSet _EMBED_RETRY_STATUSES = {429, {500, 599}};
 
+/// Seconds that the engine's waiting calls wait for the model before they say it is not ready.
+inline constexpr double DEFAULT_WAIT_S = 60.0;
+
+/// Seconds to wait after the first failed load of the model, doubled after each next one.
+inline constexpr double RETRY_BASE_S = 30.0;
+
+/// Seconds of the longest wait between two attempts to load the model.
+inline constexpr double RETRY_MAX_S = 600.0;
+
 /// Environment variables of the endpoint's API key, in order of precedence.
 inline constexpr std::array<const char*, 2> EMBEDDING_KEY_ENVS = {"BRUNE_LLM_EMBEDDING_API_KEY",
                                                                   "BRUNE_LLM_API_KEY"};

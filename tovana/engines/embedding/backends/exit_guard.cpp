@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 
 #include <unistd.h>
 
@@ -17,6 +18,9 @@ namespace {
 constexpr std::uint64_t kExiting = std::uint64_t{1} << 63;
 constinit std::atomic<std::uint64_t> calls = 0;
 constinit std::atomic<int> loading_calls = 0;
+/// Threads that are being protected. Registering a thread-local destructor takes the lock that
+/// dlopen holds, for minutes if need be, so neither begins while the other is under way.
+constinit std::atomic<int> registrations = 0;
 
 void cut_exit_short(int status, void* /*unused*/) {
   const std::uint64_t before = calls.fetch_or(kExiting);
@@ -51,14 +55,24 @@ class ThreadGuard {
 
 }  // namespace
 
-void protect_exit_of_this_thread() {
-  thread_local const ThreadGuard guard;
-  guard.touch();  // the first use makes it
+void protect_exit_of_this_thread() noexcept {
+  thread_local bool is_protected = false;
+  if (is_protected) return;
+  ++registrations;
+  if (loading_calls == 0) {
+    thread_local const ThreadGuard guard;
+    guard.touch();  // the first use makes it
+    is_protected = true;
+  }
+  --registrations;
 }
 
 CallInFlight::CallInFlight(Kind kind) : _kind(kind) {
   protect_exit_of_this_thread();
-  if (_kind == Kind::loading) ++loading_calls;
+  if (_kind == Kind::loading) {
+    ++loading_calls;
+    while (registrations != 0) std::this_thread::yield();
+  }
   if ((calls.fetch_add(1) & kExiting) != 0) {
     --calls;
     if (_kind == Kind::loading) --loading_calls;

@@ -14,14 +14,15 @@
 namespace tovana::embedding {
 
 /// Makes an `exit` that this thread calls, or that follows its return from main, safe from now on.
-/// The main thread is protected from the start, and every operation of a local backend does it for
-/// its caller. Another thread that may end the process calls it itself: unprotected, its exit is
-/// safe while others encode, but not while others load. The main thread does so, too, where it was
-/// not the one that loaded a shared library with this component.
+/// The main thread is protected from the start; every operation of a local backend, and of an
+/// engine that may start a load, does it for its caller. Another thread that may end the process
+/// calls it itself: unprotected, its exit is safe while others encode, but not while others load.
+/// The main thread does so, too, where it was not the one that loaded a shared library with this
+/// component.
 ///
-/// The first time on a thread it waits for a dlopen that another thread is in; after that it costs
-/// a look at a thread-local variable.
-void protect_exit_of_this_thread();
+/// Never waits for a load: while one is under way it does nothing, and a later call makes up for
+/// that. Once done it costs a look at a thread-local variable.
+void protect_exit_of_this_thread() noexcept;
 
 /// For the length of a scope, this thread is in a call into the model library. Calls may nest and
 /// run on any number of threads.

@@ -1,0 +1,111 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tovana/base/clock.h"
+#include "tovana/base/mutex.h"
+#include "tovana/engines/embedding/backends/backend.h"
+#include "tovana/engines/embedding/backends/model_runtime.h"
+#include "tovana/engines/embedding/engine/configuration.h"
+#include "tovana/engines/embedding/engine/status.h"
+
+namespace tovana::embedding {
+
+/// What an engine stands on, for tests to replace. Each has to outlive the engine's loads; null and
+/// empty are the process's own.
+struct EngineSurroundings {
+  Clock* clock = nullptr;
+  ModelRuntime* runtime = nullptr;
+  /// Runs the loader on a new thread, or throws.
+  std::function<void(std::function<void()> loader)> start_thread = nullptr;
+};
+
+/// The engine's state, and the thread that changes it: chooses the backend, loads it, and tries
+/// again after a failure, for as long as it takes.
+///
+/// | from | event | to |
+/// |---|---|---|
+/// | idle | `warm_up_async`, `wait_ready` | loading; the thread starts |
+/// | loading | the backend is loaded | ready, for good |
+/// | loading | the attempt failed | unavailable |
+/// | unavailable | `retry_delay` has passed | loading |
+/// | idle, loading, unavailable | `close` | closed, for good |
+///
+/// Time and failures never lead to another backend: the vectors of two backends cannot be compared,
+/// so the vectors made before would be lost.
+///
+/// Held by a shared pointer: the thread has a share, so it may outlive the engine, whose destructor
+/// closes this, and finds all that it touches. Nobody joins the thread. It tests for the close
+/// between attempts; one that is under way runs to its end.
+///
+/// Threads: any operation on any thread, at any time. The lock is held for snapshots and changes of
+/// the state only, never while a backend is chosen, loaded or used, and never while logging.
+class BackendLoader : public std::enable_shared_from_this<BackendLoader> {
+ public:
+  /// With a backend it is ready and never starts a thread.
+  BackendLoader(EngineConfiguration config, std::shared_ptr<EmbeddingBackend> backend,
+                EngineSurroundings surroundings);
+
+  /// What is going on right now. Does not wait.
+  EmbeddingStatus status() const TOVANA_EXCLUDES(_lock);
+
+  /// Starts the load of an idle engine; otherwise does nothing. When the thread cannot be started
+  /// its error is thrown on, and the engine is idle as before: the next call tries again.
+  void warm_up_async() TOVANA_EXCLUDES(_lock);
+
+  /// The backend, once it is ready; starts the load if need be. Blocks for up to `timeout` seconds
+  /// while a load is going on, not at all when that is not above 0. Throws EmbeddingNotReadyError
+  /// when the time is up, and at once when the attempt fails, has failed, or the engine is closed.
+  std::shared_ptr<EmbeddingBackend> wait_ready(double timeout) TOVANA_EXCLUDES(_lock);
+
+  /// Why the backend is not the best one; null when it is, or is not chosen yet. Does not wait.
+  std::optional<std::string> fallback_reason() const TOVANA_EXCLUDES(_lock);
+
+  /// Ends all waits, and the loading, unless the backend is ready: that stays. Does not wait.
+  void close() TOVANA_EXCLUDES(_lock);
+
+  Clock& clock() const noexcept { return _clock; }
+
+ private:
+  enum class State { idle, loading, ready, unavailable, closed };
+
+  struct Failure {
+    std::string kind;
+    std::string message;
+  };
+
+  EmbeddingStatus _status_locked() const TOVANA_REQUIRES(_lock);
+
+  /// The body of the thread.
+  void _load();
+  /// One attempt: a loaded backend, or null and what failed.
+  std::shared_ptr<EmbeddingBackend> _attempt(Failure& failure);
+  std::shared_ptr<EmbeddingBackend> _detect_backend();
+  /// Reports a failed attempt and waits to try again: false when the engine was closed meanwhile.
+  bool _retry_after(const std::string& failure, double delay) TOVANA_EXCLUDES(_lock);
+
+  const EngineConfiguration _config;
+  Clock& _clock;
+  ModelRuntime& _runtime;
+  const std::function<void(std::function<void()>)> _start_thread;
+
+  mutable RecursiveMutex _lock;
+  /// Signalled, to all waiters, on every change of the state that the thread or `close` makes.
+  ConditionVariable _changed;
+  State _state TOVANA_GUARDED_BY(_lock);
+  /// Not null exactly in state ready.
+  std::shared_ptr<EmbeddingBackend> _backend TOVANA_GUARDED_BY(_lock);
+  std::optional<std::string> _fallback_reason TOVANA_GUARDED_BY(_lock);
+  /// The last attempt's failure, set in state unavailable.
+  std::optional<std::string> _failure TOVANA_GUARDED_BY(_lock);
+  /// Points of the clock: when the attempt began (set in state loading), and when the next one does
+  /// (in state unavailable).
+  std::optional<double> _loading_since TOVANA_GUARDED_BY(_lock);
+  std::optional<double> _retry_at TOVANA_GUARDED_BY(_lock);
+};
+
+}  // namespace tovana::embedding

@@ -1,0 +1,166 @@
+#include "tovana/engines/embedding/engine/detection.h"
+
+#include <cstdint>
+#include <exception>
+#include <optional>
+#include <utility>
+
+#include "tovana/base/logging.h"
+#include "tovana/engines/embedding/backends/http.h"
+#include "tovana/engines/embedding/backends/local.h"
+#include "tovana/engines/embedding/backends/model_library.h"
+#include "tovana/engines/embedding/backends/tfidf.h"
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::embedding {
+namespace {
+
+constexpr const char* kDefaultLocalModel = "all-MiniLM-L6-v2";
+constexpr const char* kDefaultOpenAIModel = "text-embedding-3-small";
+constexpr std::int64_t kDefaultAPIDimension = 384;
+constexpr std::int64_t kDefaultOpenAIDimension = 1536;
+
+const Logger& log() {
+  static const Logger& module_logger = logger("engines.embedding");
+  return module_logger;
+}
+
+/// One choice of a backend.
+class Detection {
+ public:
+  Detection(const EngineConfiguration& config, ModelRuntime& runtime,
+            const FallbackReasonSink& set_fallback_reason)
+      : _config(config), _runtime(runtime), _set_fallback_reason(set_fallback_reason) {}
+
+  std::shared_ptr<EmbeddingBackend> run() const {
+    const auto backend = _config.find("backend");
+    if (backend != _config.end()) {
+      if (backend->second == EngineValue("tfidf")) return make_tfidf();
+      if (backend->second == EngineValue("api")) return forced_api();
+      if (backend->second == EngineValue("openai")) return forced_openai();
+      if (backend->second == EngineValue("local")) return forced_local();
+    }
+    return best_available();
+  }
+
+ private:
+  std::shared_ptr<EmbeddingBackend> forced_api() const {
+    const std::optional<std::string> url = usable_url("api_url");
+    if (!url) return not_configured("API backend requested but no api_url configured");
+    return make_api(*url);
+  }
+
+  std::shared_ptr<EmbeddingBackend> forced_openai() const {
+    std::optional<std::string> url = usable_url("base_url");
+    if (!url) url = usable_url("api_url");
+    if (!url) return not_configured("OpenAI backend requested but no base_url configured");
+    return std::make_shared<OpenAIEmbeddingBackend>(OpenAIEmbeddingBackend::Options{
+        .base_url = *url,
+        .api_key = text_value(_config, "api_key"),
+        .model_name = model_name(kDefaultOpenAIModel),
+        .dimension = dimension_or(kDefaultOpenAIDimension),
+    });
+  }
+
+  std::shared_ptr<EmbeddingBackend> forced_local() const {
+    if (!load_library()) {
+      log().warning(
+          "Local backend requested but sentence-transformers not installed, falling back to "
+          "TF-IDF");
+      return make_tfidf();
+    }
+    return make_local(model_name(kDefaultLocalModel));
+  }
+
+  std::shared_ptr<EmbeddingBackend> best_available() const {
+    if (load_library()) {
+      try {
+        const std::string model = model_name(kDefaultLocalModel);
+        std::shared_ptr<EmbeddingBackend> local = make_local(model);
+        log().info("Using local embedding backend: %s", model);
+        return local;
+      } catch (const std::exception& error) {
+        _set_fallback_reason(std::string("Local backend failed: ") + error.what());
+        log().warning("Failed to create local backend: %s", error.what());
+      }
+    } else {
+      log().debug("sentence-transformers not available");
+    }
+    if (const std::optional<std::string> url = usable_url("api_url")) {
+      log().info("Using API embedding backend");
+      return make_api(*url);
+    }
+    log().info("Using TF-IDF embedding backend (stdlib-only fallback)");
+    return make_tfidf();
+  }
+
+  /// Whether there is a model library, which is then loaded; if not, that is the reason.
+  bool load_library() const {
+    try {
+      _runtime.load_library();
+      return true;
+    } catch (const ModelLibraryNotInstalled&) {
+      _set_fallback_reason("sentence-transformers is not installed");
+      return false;
+    }
+  }
+
+  std::shared_ptr<EmbeddingBackend> not_configured(const std::string& reason) const {
+    _set_fallback_reason(reason);
+    log().warning("%s, falling back to TF-IDF", reason);
+    return make_tfidf();
+  }
+
+  std::shared_ptr<EmbeddingBackend> make_tfidf() const {
+    return std::make_shared<TFIDFEmbeddingBackend>(
+        dimension_or(TFIDFEmbeddingBackend::kDefaultDimension));
+  }
+
+  std::shared_ptr<EmbeddingBackend> make_local(const std::string& model) const {
+    return std::make_shared<LocalEmbeddingBackend>(
+        model, number_value(_config, "dimension"),
+        LocalEmbeddingBackend::Surroundings{.runtime = &_runtime});
+  }
+
+  std::shared_ptr<EmbeddingBackend> make_api(const std::string& url) const {
+    return std::make_shared<APIEmbeddingBackend>(APIEmbeddingBackend::Options{
+        .api_url = url,
+        .api_key = text_value(_config, "api_key"),
+        .dimension = dimension_or(kDefaultAPIDimension),
+    });
+  }
+
+  /// The configured name, which may be empty but not null; the default where there is none.
+  std::string model_name(const char* default_name) const {
+    if (!_config.contains("model_name")) return default_name;
+    std::optional<std::string> name = text_value(_config, "model_name");
+    if (!name) throw ValueError("model_name must be a text, got null");
+    return *std::move(name);
+  }
+
+  std::optional<std::string> usable_url(std::string_view key) const {
+    const auto found = _config.find(key);
+    if (found == _config.end() || found->second == EngineValue(0)) return std::nullopt;
+    std::optional<std::string> url = text_value(_config, key);
+    return url && !url->empty() ? url : std::nullopt;
+  }
+
+  std::int64_t dimension_or(std::int64_t default_dimension) const {
+    const std::int64_t configured = number_value(_config, "dimension").value_or(0);
+    return configured != 0 ? configured : default_dimension;
+  }
+
+  const EngineConfiguration& _config;
+  ModelRuntime& _runtime;
+  const FallbackReasonSink& _set_fallback_reason;
+};
+
+}  // namespace
+
+std::shared_ptr<EmbeddingBackend> detect_backend(const EngineConfiguration& config,
+                                                 ModelRuntime& runtime,
+                                                 const FallbackReasonSink& set_fallback_reason) {
+  return Detection(config, runtime, set_fallback_reason).run();
+}
+
+}  // namespace tovana::embedding

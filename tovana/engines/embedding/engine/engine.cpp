@@ -1,0 +1,47 @@
+#include "tovana/engines/embedding/engine/engine.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "tovana/engines/embedding/backends/embedding_stopped.h"
+#include "tovana/engines/embedding/backends/exit_guard.h"
+#include "tovana/engines/embedding/backends/http.h"
+
+namespace tovana::embedding {
+
+EmbeddingEngine::EmbeddingEngine(EngineConfiguration config,
+                                 std::shared_ptr<EmbeddingBackend> backend, EngineOptions options)
+    : _wait_s(options.wait_s),
+      _loader(std::make_shared<BackendLoader>(std::move(config), std::move(backend),
+                                              std::move(options.surroundings))) {
+  protect_exit_of_this_thread();
+}
+
+EmbeddingEngine::~EmbeddingEngine() { _loader->close(); }
+
+std::vector<Vector> EmbeddingEngine::embed(const std::vector<std::string>& texts,
+                                           const EmbedOptions& options) {
+  if (texts.empty()) return {};
+  double longest_wait = 0;
+  if (options.wait) {
+    longest_wait = _wait_s;
+    if (options.deadline) {
+      longest_wait = std::max(0.0, std::min(*options.deadline - _loader->clock().now(), _wait_s));
+    }
+  }
+  const std::shared_ptr<EmbeddingBackend> backend = _loader->wait_ready(longest_wait);
+  if (auto* const endpoint = dynamic_cast<_HTTPEmbeddingBackend*>(backend.get())) {
+    return endpoint->embed(texts,
+                           {.should_stop = options.should_stop, .deadline = options.deadline});
+  }
+  if (options.should_stop && options.should_stop()) {
+    throw EmbeddingStopped("the embedding call was asked to stop before it started");
+  }
+  return backend->embed(texts);
+}
+
+Vector EmbeddingEngine::embed_single(const std::string& text, EmbedSingleOptions options) {
+  return std::move(embed({text}, {.wait = options.wait}).front());
+}
+
+}  // namespace tovana::embedding

@@ -1,0 +1,54 @@
+#include "tovana/engines/embedding/engine/status.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+#include "tovana/engines/embedding/settings.h"
+
+namespace tovana::embedding {
+namespace {
+
+std::string whole_seconds(std::optional<double> seconds) {
+  std::array<char, 512> digits;  // the largest double has 309
+  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), seconds.value_or(0),
+                                 std::chars_format::fixed, 0)
+                       .ptr;
+  return {digits.data(), end};
+}
+
+}  // namespace
+
+std::string EmbeddingStatus::describe() const {
+  if (state == "ready") return "is ready (" + backend.value_or("unknown") + ")";
+  if (state == "loading") return "is still loading (" + whole_seconds(loading_s) + " s so far)";
+  if (state == "unavailable") {
+    return "could not be loaded (" + detail.value_or("unknown") + "); the next attempt is in " +
+           whole_seconds(retry_in_s) + " s";
+  }
+  if (state == "closed") return "was shut down before it was loaded";
+  return "has not started loading";
+}
+
+std::map<std::string, std::variant<std::string, double>, std::less<>> EmbeddingStatus::to_dict()
+    const {
+  std::map<std::string, std::variant<std::string, double>, std::less<>> fields = {{"state", state}};
+  if (backend) fields.emplace("backend", *backend);
+  if (detail) fields.emplace("detail", *detail);
+  if (loading_s) fields.emplace("loading_s", *loading_s);
+  if (retry_in_s) fields.emplace("retry_in_s", *retry_in_s);
+  return fields;
+}
+
+EmbeddingNotReadyError::EmbeddingNotReadyError(const EmbeddingStatus& status)
+    : TryAgainLaterError("The embedding model " + status.describe()),
+      _status(std::make_shared<const EmbeddingStatus>(status)) {}
+
+double retry_delay(std::int64_t failures) noexcept {
+  double delay = RETRY_BASE_S;
+  // Ends at the cap, which a model that is missing for weeks would else pass by far.
+  for (; failures > 1 && delay < RETRY_MAX_S; --failures) delay = std::min(2 * delay, RETRY_MAX_S);
+  return delay;
+}
+
+}  // namespace tovana::embedding

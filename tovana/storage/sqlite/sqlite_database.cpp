@@ -1,0 +1,104 @@
+#include "tovana/storage/sqlite/sqlite_database.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <string_view>
+#include <utility>
+
+#include <sqlite3.h>
+
+namespace tovana::storage {
+namespace {
+
+struct Finalize {
+  void operator()(sqlite3_stmt* statement) const noexcept { sqlite3_finalize(statement); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
+
+DatabaseValue column_value(sqlite3_stmt* statement, int column) {
+  // The pointer is asked for before the size, which is that of the form asked for last.
+  switch (sqlite3_column_type(statement, column)) {
+    case SQLITE_INTEGER:
+      return std::int64_t{sqlite3_column_int64(statement, column)};
+    case SQLITE_FLOAT:
+      return sqlite3_column_double(statement, column);
+    case SQLITE_TEXT: {
+      const auto* const text =
+          reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+      return std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
+    }
+    case SQLITE_BLOB: {
+      const auto* const begin =
+          static_cast<const std::byte*>(sqlite3_column_blob(statement, column));
+      return Blob(begin, begin + sqlite3_column_bytes(statement, column));
+    }
+    default:
+      return nullptr;
+  }
+}
+
+}  // namespace
+
+void SqliteDatabase::Close::operator()(sqlite3* connection) const noexcept {
+  sqlite3_close_v2(connection);
+}
+
+SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, double lock_wait_s)
+    : _path(path.string()) {
+  std::error_code error;
+  if (!std::filesystem::exists(path, error)) {
+    throw DatabaseError(DatabaseError::Cause::no_such_file,
+                        _path + ": no such database; give the path of the daemon's database file");
+  }
+  sqlite3* connection = nullptr;
+  // Absolute, since SQLite reads names like ":memory:" its own way.
+  const int result = sqlite3_open_v2(std::filesystem::absolute(path).c_str(), &connection,
+                                     SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+  _connection.reset(connection);
+  if (connection == nullptr) throw std::bad_alloc();
+  if (result != SQLITE_OK) fail();
+  sqlite3_busy_timeout(connection, static_cast<int>(std::clamp(lock_wait_s, 0.0, 3600.0) * 1000));
+}
+
+std::optional<DatabaseRow> SqliteDatabase::fetchone(const std::string& sql) {
+  sqlite3_stmt* prepared = nullptr;
+  if (sqlite3_prepare_v2(_connection.get(), sql.c_str(), -1, &prepared, nullptr) != SQLITE_OK) {
+    fail();
+  }
+  const Statement statement(prepared);
+  const int result = sqlite3_step(prepared);
+  if (result == SQLITE_DONE) return std::nullopt;
+  if (result != SQLITE_ROW) fail();
+  PositionalRow row;
+  for (int column = 0; column < sqlite3_column_count(prepared); ++column) {
+    row.push_back(column_value(prepared, column));
+  }
+  return row;
+}
+
+void SqliteDatabase::fail() const {
+  const std::string reason = sqlite3_errmsg(_connection.get());
+  switch (sqlite3_errcode(_connection.get()) & 0xff) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+      throw DatabaseLockedError(_path + ": " + reason + " by another process");
+    case SQLITE_NOTADB:
+      throw DatabaseError(DatabaseError::Cause::not_a_database,
+                          _path + ": " + reason + "; give the path of an SQLite file");
+    case SQLITE_CANTOPEN:
+    case SQLITE_READONLY:
+      throw DatabaseError(DatabaseError::Cause::other,
+                          _path + ": " + reason +
+                              "; it takes read access, and for a database in WAL mode write access "
+                              "to its folder unless another process has it open");
+    default:
+      break;
+  }
+  if (reason.starts_with("no such table")) {
+    throw DatabaseError(DatabaseError::Cause::no_such_table,
+                        _path + ": " + reason + "; is it the daemon's database?");
+  }
+  throw DatabaseError(DatabaseError::Cause::other, _path + ": " + reason);
+}
+
+}  // namespace tovana::storage

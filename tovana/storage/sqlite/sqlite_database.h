@@ -1,0 +1,62 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tovana/exceptions/exceptions.h"
+#include "tovana/storage/database.h"
+
+struct sqlite3;
+
+namespace tovana::storage {
+
+/// A database could not be read. The message names the file, the cause, and what to do.
+class DatabaseError final : public RuntimeError {
+ public:
+  enum class Cause { no_such_file, not_a_database, no_such_table, other };
+
+  DatabaseError(Cause cause, const std::string& message) : RuntimeError(message), _cause(cause) {}
+  const char* kind() const noexcept override { return "DatabaseError"; }
+  Cause cause() const noexcept { return _cause; }
+
+ private:
+  Cause _cause;
+};
+
+/// Another process has held the database's lock for longer than the wait.
+class DatabaseLockedError final : public TryAgainLaterError {
+ public:
+  using TryAgainLaterError::TryAgainLaterError;
+  const char* kind() const noexcept override { return "DatabaseLockedError"; }
+};
+
+/// An SQLite file, opened to be read and never created or changed. Its rows are positional. For one
+/// thread at a time.
+class SqliteDatabase final : public Database {
+ public:
+  static constexpr double kDefaultLockWaitS = 5;
+
+  /// `lock_wait_s` is how many seconds a query waits for another process's lock. Throws
+  /// DatabaseError when the file cannot be opened; whether it is a database shows at the first
+  /// query.
+  explicit SqliteDatabase(const std::filesystem::path& path,
+                          double lock_wait_s = kDefaultLockWaitS);
+
+  /// Throws DatabaseError, or DatabaseLockedError once the wait for a lock is over.
+  std::optional<DatabaseRow> fetchone(const std::string& sql) override;
+
+ private:
+  struct Close {
+    void operator()(sqlite3* connection) const noexcept;
+  };
+
+  /// Throws the error that the connection reports.
+  [[noreturn]] void fail() const;
+
+  const std::string _path;  ///< As it was given, for messages.
+  std::unique_ptr<sqlite3, Close> _connection;
+};
+
+}  // namespace tovana::storage
