@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -18,6 +19,12 @@ inline std::vector<std::string> read_corpus(const std::string& path) {
                              "'; make it with bench/symbol_descriptions.py");
   }
   return texts;
+}
+
+inline std::size_t total_size(const std::vector<std::string>& texts) {
+  std::size_t size = 0;
+  for (const std::string& text : texts) size += text.size();
+  return size;
 }
 
 }  // namespace tovana::bench

@@ -1,9 +1,6 @@
 #include <cstddef>
-#include <cstdio>
 #include <ctime>
-#include <exception>
-#include <initializer_list>
-#include <iostream>
+#include <istream>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -15,6 +12,8 @@
 #include <simdjson.h>
 
 #include "bench/corpus.h"
+#include "bench/program.h"
+#include "bench/rounds.h"
 #include "tovana/engines/embedding/backends/dialects.h"
 #include "tovana/engines/embedding/backends/http.h"
 #include "tovana/engines/http/json.h"
@@ -22,13 +21,13 @@
 #include "tovana/engines/http/transport.h"
 #include "tovana/exceptions/exceptions.h"
 
-/// Our side of a comparison of clients of an OpenAI-compatible endpoint: does one round whenever
-/// asked, so that the rounds of both sides can alternate on the same machine in the same minute.
+/// Our side of the comparison of clients of an OpenAI-compatible endpoint; bench/rounds.h says how
+/// it is asked.
 ///
 ///     endpoint_rounds CORPUS TEXTS
 ///
-/// Embeds the first TEXTS lines of the corpus. Reads requests from standard input, one a line, each
-/// a verb and the endpoint's base URL, and answers each with a line of seconds:
+/// Embeds the first TEXTS lines of the corpus. Each request is a verb and the endpoint's base URL,
+/// and the answer is in seconds:
 ///
 /// - "embed URL": one call of the backend; the process's CPU time, and the time on the wall.
 /// - "parse URL": the same two for no more than simdjson's DOM parser, new each time, over the same
@@ -52,18 +51,13 @@ double seconds_of(clockid_t clock) {
 double cpu_seconds() { return seconds_of(CLOCK_PROCESS_CPUTIME_ID); }
 double wall_seconds() { return seconds_of(CLOCK_MONOTONIC); }
 
-void answer(std::initializer_list<double> seconds) {
-  for (const double value : seconds) std::printf("%.9f ", value);
-  std::printf("\n");
-  std::fflush(stdout);
-}
-
+/// The CPU time of the work and its time on the wall.
 template <class Work>
-void answer_time_of(Work&& work) {
+std::vector<double> times_of(Work&& work) {
   const double cpu = cpu_seconds();
   const double wall = wall_seconds();
   const auto kept = work();
-  answer({cpu_seconds() - cpu, wall_seconds() - wall});
+  return {cpu_seconds() - cpu, wall_seconds() - wall};
 }
 
 class Rounds {
@@ -73,16 +67,16 @@ class Rounds {
     _texts.resize(count);
   }
 
-  void embed(const std::string& url) {
+  std::vector<double> embed(const std::string& url) {
     OpenAIEmbeddingBackend backend({.base_url = url, .model_name = _model});
-    answer_time_of([&] { return backend.embed(_texts); });
+    return times_of([&] { return backend.embed(_texts); });
   }
 
-  void parse(const std::string& url) {
+  std::vector<double> parse(const std::string& url) {
     std::string text = received(url);
     const std::size_t size = text.size();
     text.append(simdjson::SIMDJSON_PADDING, ' ');
-    answer_time_of([&] {
+    return times_of([&] {
       auto parser = std::make_unique<simdjson::dom::parser>();
       if (parser->parse(text.data(), size, false).error() != simdjson::SUCCESS) {
         throw RuntimeError("the reply is no JSON");
@@ -91,7 +85,7 @@ class Rounds {
     });
   }
 
-  void parts(const std::string& url) {
+  std::vector<double> parts(const std::string& url) {
     OpenAIEmbeddingBackend backend({.base_url = url, .model_name = _model});
     const double begin = cpu_seconds();
     std::string text = received(url);
@@ -102,8 +96,8 @@ class Rounds {
     const double after_copying = cpu_seconds();
     reply.reset();
     const double end = cpu_seconds();
-    answer({after_receiving - begin, after_parsing - after_receiving, after_copying - after_parsing,
-            end - after_copying});
+    return {after_receiving - begin, after_parsing - after_receiving, after_copying - after_parsing,
+            end - after_copying};
   }
 
  private:
@@ -126,34 +120,25 @@ class Rounds {
   std::vector<std::string> _texts;
 };
 
-int serve(const std::string& corpus, std::size_t count) {
+void serve(const std::string& corpus, std::size_t count) {
   Rounds rounds(corpus, count);
-  std::string verb;
-  std::string url;
-  while (std::cin >> verb >> url) {
-    if (verb == "embed") {
-      rounds.embed(url);
-    } else if (verb == "parse") {
-      rounds.parse(url);
-    } else if (verb == "parts") {
-      rounds.parts(url);
-    } else {
-      throw ValueError("unknown request '" + verb + "'");
-    }
-  }
-  return 0;
+  const auto of_url = [&](std::vector<double> (Rounds::*round)(const std::string&)) {
+    return [&rounds, round](std::istream& arguments) {
+      std::string url;
+      arguments >> url;
+      return (rounds.*round)(url);
+    };
+  };
+  serve_rounds({{"embed", of_url(&Rounds::embed)},
+                {"parse", of_url(&Rounds::parse)},
+                {"parts", of_url(&Rounds::parts)}});
 }
 
 }  // namespace
 }  // namespace tovana::bench
 
 int main(int argc, char** argv) {
-  try {
-    if (argc == 3) return tovana::bench::serve(argv[1], std::stoul(argv[2]));
-    std::fputs("usage: endpoint_rounds CORPUS TEXTS\n", stderr);
-    return 64;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "endpoint_rounds: %s\n", error.what());
-    return 1;
-  }
+  return tovana::bench::run_program(
+      argc, argv, 2, "endpoint_rounds CORPUS TEXTS",
+      [](char** arguments) { tovana::bench::serve(arguments[0], std::stoul(arguments[1])); });
 }

@@ -1,13 +1,12 @@
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <exception>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
 #include "bench/corpus.h"
+#include "bench/program.h"
 #include "tovana/engines/embedding/backends/tfidf.h"
 
 /// What the hashing embedder costs, on one thread.
@@ -28,12 +27,6 @@ void count_texts(benchmark::State& state, std::size_t texts) {
 
 void count_bytes(benchmark::State& state, std::size_t bytes) {
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes));
-}
-
-std::size_t total_size(const std::vector<std::string>& texts) {
-  std::size_t size = 0;
-  for (const std::string& text : texts) size += text.size();
-  return size;
 }
 
 /// A text of at least `size` bytes, made of the corpus, repeated when it is too short.
@@ -104,13 +97,8 @@ void tokenize_corpus(benchmark::State& state, const std::vector<std::string>& te
   count_bytes(state, total_size(texts));
 }
 
-int run(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);  // takes out the arguments that it knows
-  if (argc != 2) {
-    std::fputs("usage: tfidf_bench CORPUS [GOOGLE BENCHMARK ARGUMENT...]\n", stderr);
-    return 64;
-  }
-  const std::vector<std::string> texts = read_corpus(argv[1]);
+void run(char** arguments) {
+  const std::vector<std::string> texts = read_corpus(arguments[0]);
   const auto add = [&](const char* name, auto function) {
     return benchmark::RegisterBenchmark(
                name, [&, function](benchmark::State& state) { function(state, texts); })
@@ -122,17 +110,13 @@ int run(int argc, char** argv) {
   add("embed_long_text", embed_long_text)->ArgName("bytes")->Arg(1'000'000)->Arg(10'000'000);
   benchmark::RegisterBenchmark("embed_query", embed_query);
   benchmark::RunSpecifiedBenchmarks();
-  return 0;
 }
 
 }  // namespace
 }  // namespace tovana::bench
 
 int main(int argc, char** argv) {
-  try {
-    return tovana::bench::run(argc, argv);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "tfidf_bench: %s\n", error.what());
-    return 1;
-  }
+  benchmark::Initialize(&argc, argv);  // takes out the arguments that it knows
+  return tovana::bench::run_program(
+      argc, argv, 1, "tfidf_bench CORPUS [GOOGLE BENCHMARK ARGUMENT...]", tovana::bench::run);
 }

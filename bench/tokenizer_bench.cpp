@@ -1,7 +1,5 @@
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <exception>
 #include <string>
 #include <utility>
 #include <vector>
@@ -9,6 +7,7 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/corpus.h"
+#include "bench/program.h"
 #include "sentence_transformers/files/model_directory.h"
 #include "sentence_transformers/tokenizer/byte_trie.h"
 #include "sentence_transformers/tokenizer/tokenizer.h"
@@ -27,12 +26,6 @@ using sentence_transformers::TokenizerFiles;
 using sentence_transformers::TokenizerSettings;
 
 constexpr std::size_t kNoLimit = std::size_t{1} << 40U;
-
-std::size_t total_size(const std::vector<std::string>& texts) {
-  std::size_t size = 0;
-  for (const std::string& text : texts) size += text.size();
-  return size;
-}
 
 /// All texts, one a call, each to its end.
 void encode(benchmark::State& state, const Tokenizer& tokenizer,
@@ -89,17 +82,11 @@ void build_trie(benchmark::State& state, const TokenizerFiles& files) {
   }
 }
 
-int run(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);  // takes out the arguments that it knows
-  if (argc != 3) {
-    std::fputs("usage: tokenizer_bench MODEL_DIRECTORY CORPUS [GOOGLE BENCHMARK ARGUMENT...]\n",
-               stderr);
-    return 64;
-  }
-  const ModelDirectory directory(argv[1]);
+void run(char** arguments) {
+  const ModelDirectory directory(arguments[0]);
   const TokenizerFiles files = TokenizerFiles::read(directory);
   const Tokenizer tokenizer = Tokenizer::load(directory);
-  const std::vector<std::string> corpus = read_corpus(argv[2]);
+  const std::vector<std::string> corpus = read_corpus(arguments[1]);
   std::string all;
   for (const std::string& text : corpus) all += text + '\n';
 
@@ -134,17 +121,14 @@ int run(int argc, char** argv) {
   add("load/read_settings", read_settings);
   add("load/build_trie", build_trie);
   benchmark::RunSpecifiedBenchmarks();
-  return 0;
 }
 
 }  // namespace
 }  // namespace tovana::bench
 
 int main(int argc, char** argv) {
-  try {
-    return tovana::bench::run(argc, argv);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "tokenizer_bench: %s\n", error.what());
-    return 1;
-  }
+  benchmark::Initialize(&argc, argv);  // takes out the arguments that it knows
+  return tovana::bench::run_program(
+      argc, argv, 2, "tokenizer_bench MODEL_DIRECTORY CORPUS [GOOGLE BENCHMARK ARGUMENT...]",
+      tovana::bench::run);
 }

@@ -26,12 +26,11 @@ import os
 import resource
 import socketserver
 import statistics
-import sys
 import time
 
 import numpy
 import openai
-from rounds import OurSide, alternate
+from rounds import Side, alternate, corpus_program_rounds, read_texts
 
 TEXTS = 2048
 DIMENSION = 1536
@@ -135,18 +134,14 @@ def compare(form, url, ours, texts, rounds):
 
 
 def main():
-    if len(sys.argv) not in (3, 4):
-        sys.exit("usage: openai_peer.py CORPUS ENDPOINT_ROUNDS [ROUNDS]")
-    corpus, program = sys.argv[1:3]
-    rounds = int(sys.argv[3]) if len(sys.argv) == 4 else 10
-    with open(corpus, encoding="utf-8", newline="\n") as file:
-        texts = file.read().split("\n")[:TEXTS]
+    corpus, program, rounds = corpus_program_rounds(10)
+    texts = read_texts(corpus)[:TEXTS]
     os.environ["NO_PROXY"] = "127.0.0.1"
 
     ready, child_ready = multiprocessing.Pipe()
     multiprocessing.Process(target=serve, args=(child_ready,), daemon=True).start()
     port, sizes = ready.recv()
-    ours = OurSide(program, corpus, TEXTS)
+    ours = Side(program, corpus, TEXTS)
 
     print(f"{TEXTS} texts x {DIMENSION} numbers, {rounds} rounds; milliseconds")
     print(f"  {'':<24}{'CPU: min':>11}{'median':>11}{'wall: min':>11}{'median':>11}")

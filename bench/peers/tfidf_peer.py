@@ -19,18 +19,17 @@ for variable in ("OMP_NUM_THREADS", "OPENBLAS_NUM_THREADS", "MKL_NUM_THREADS"):
     os.environ[variable] = "1"  # read when numpy is loaded
 
 import statistics
-import sys
 import time
 
 import sklearn
-from rounds import OurSide, alternate
+from rounds import Side, alternate, corpus_program_rounds, read_texts
 from sklearn.feature_extraction.text import HashingVectorizer, TfidfTransformer
 from sklearn.pipeline import make_pipeline
 
 SINGLE_CALLS = 200
 
 
-class Ours(OurSide):
+class Ours(Side):
     name = "tovana"
 
     def batch(self):
@@ -86,12 +85,8 @@ def compare(sides, measure, texts, rounds):
 
 
 def main():
-    if len(sys.argv) not in (3, 4):
-        sys.exit("usage: tfidf_peer.py CORPUS TFIDF_ROUNDS [ROUNDS]")
-    corpus, program = sys.argv[1:3]
-    rounds = int(sys.argv[3]) if len(sys.argv) == 4 else 20
-    with open(corpus, encoding="utf-8", newline="\n") as file:
-        texts = file.read().rstrip("\n").split("\n")
+    corpus, program, rounds = corpus_program_rounds(20)
+    texts = read_texts(corpus)
     sides = (Ours(program, corpus), OursOnHugePages(program, corpus), ScikitLearn(texts))
     print(f"microseconds a text, {rounds} rounds{'minimum':>18}{'median':>12}")
     compare(sides, "batch", len(texts), rounds)
