@@ -1,5 +1,7 @@
 #include "tests/support/log_recorder.h"
 
+#include <array>
+
 #include "tovana/base/mutex.h"
 
 namespace tovana::testing {
@@ -20,6 +22,20 @@ LogRecorder::LogRecorder() : _state(std::make_shared<State>()) {
 LogRecorder::~LogRecorder() {
   set_log_sink({});
   set_log_level(LogLevel::info);
+}
+
+std::vector<std::string> LogRecorder::take_lines() {
+  std::vector<LogRecord> records;
+  {
+    const LockGuard lock(_state->mutex);
+    records.swap(_state->records);
+  }
+  std::vector<std::string> lines;
+  for (const LogRecord& record : records) {
+    constexpr std::array kLevels = {"debug ", "info ", "warning "};
+    lines.push_back(kLevels.at(static_cast<std::size_t>(record.level)) + record.message());
+  }
+  return lines;
 }
 
 std::vector<LogRecord> LogRecorder::records() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "tovana/base/logging.h"
@@ -16,6 +17,9 @@ class LogRecorder {
   LogRecorder& operator=(const LogRecorder&) = delete;
 
   std::vector<LogRecord> records() const;
+
+  /// What was logged since the last call, one "LEVEL MESSAGE" a record.
+  std::vector<std::string> take_lines();
 
  private:
   struct State;

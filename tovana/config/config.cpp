@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 // Compiled in: one file parses TOML, and nobody who links this needs the library.
 #define TOML_HEADER_ONLY 1
@@ -15,13 +15,14 @@ namespace tovana {
 namespace {
 
 std::string read_file(const std::filesystem::path& file) {
-  std::ifstream input(file, std::ios::binary);
-  std::ostringstream content;
-  if (input) content << input.rdbuf();
-  if (!input) {
+  try {
+    std::ifstream input;
+    input.exceptions(std::ios::failbit);
+    input.open(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(input), {}};
+  } catch (const std::ios_base::failure&) {  // whose own words leave the cause out
     throw RuntimeError("cannot read the settings " + file.string() + ": " + std::strerror(errno));
   }
-  return std::move(content).str();
 }
 
 std::string place(const std::filesystem::path& file, const toml::source_region& source) {

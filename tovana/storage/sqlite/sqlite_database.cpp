@@ -50,6 +50,10 @@ SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, double lock_wa
     throw DatabaseError(DatabaseError::Cause::no_such_file,
                         _path + ": no such database; give the path of the daemon's database file");
   }
+  if (std::filesystem::is_directory(path, error)) {
+    throw DatabaseError(DatabaseError::Cause::not_a_database,
+                        _path + ": is a directory; give the path of an SQLite file");
+  }
   sqlite3* connection = nullptr;
   // Absolute, since SQLite reads names like ":memory:" its own way.
   const int result = sqlite3_open_v2(std::filesystem::absolute(path).c_str(), &connection,

@@ -1,0 +1,47 @@
+#include "tests/support/manual_clock.h"
+
+#include <algorithm>
+
+namespace tovana::testing {
+
+double ManualClock::now() const noexcept {
+  const LockGuard guard(_mutex);
+  return _now;
+}
+
+void ManualClock::advance(double seconds) {
+  std::list<Waiter> waiters;
+  {
+    const LockGuard guard(_mutex);
+    _now += seconds;
+    waiters = _waiters;
+  }
+  for (Waiter& waiter : waiters) {
+    // It came with the lock held and lets go of it only by waiting: then it hears the signal.
+    waiter.lock.lock();
+    waiter.lock.unlock();
+    waiter.changed->notify_all();
+  }
+}
+
+void ManualClock::await_waiter(double deadline) {
+  const LockGuard guard(_mutex);
+  while (std::ranges::find(_waiters, deadline, &Waiter::deadline) == _waiters.end()) {
+    _waiters_changed.wait(_mutex);
+  }
+}
+
+void ManualClock::wait_until(ConditionVariable& changed, LockReference& held, double deadline) {
+  std::list<Waiter>::iterator self;
+  {
+    const LockGuard guard(_mutex);
+    if (!(deadline > _now)) return;
+    self = _waiters.insert(_waiters.end(), Waiter{&changed, held, deadline});
+    _waiters_changed.notify_all();
+  }
+  changed.native().wait(held);
+  const LockGuard guard(_mutex);
+  _waiters.erase(self);
+}
+
+}  // namespace tovana::testing

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <list>
+
+#include "tovana/base/clock.h"
+#include "tovana/base/mutex.h"
+
+namespace tovana::testing {
+
+/// A clock that stands still until a test moves it. Threads that wait on it do wait.
+class ManualClock final : public Clock {
+ public:
+  explicit ManualClock(double start = 1000) : _now(start) {}
+
+  double now() const noexcept override;
+
+  /// Moves the time and wakes every wait. Nothing that a wait stands on may be destroyed meanwhile.
+  void advance(double seconds);
+
+  /// Blocks until a thread waits for the point `deadline`.
+  void await_waiter(double deadline);
+
+ protected:
+  void wait_until(ConditionVariable& changed, LockReference& held, double deadline) override;
+
+ private:
+  struct Waiter {
+    ConditionVariable* changed;
+    LockReference lock;
+    double deadline;
+  };
+
+  mutable Mutex _mutex;
+  ConditionVariable _waiters_changed;
+  double _now TOVANA_GUARDED_BY(_mutex);
+  std::list<Waiter> _waiters TOVANA_GUARDED_BY(_mutex);
+};
+
+}  // namespace tovana::testing

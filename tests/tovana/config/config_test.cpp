@@ -1,0 +1,59 @@
+#include "tovana/config/config.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/temp_folder.h"
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana {
+namespace {
+
+TEST(ConfigTest, ReadsItsPartOfTheDaemonsFile) {
+  const TempFolder folder;
+  const auto file = folder.path() / "settings.toml";
+  const auto load = [&](const char* content) {
+    write_file(file, content);
+    return load_config(file);
+  };
+  const Config config = load(
+      "[daemon]\nport = 7\nembedding_backend = 'openai'\n"
+      "[generation]\nbase_url = \"http://x/v1\"\nembedding_model = ''\n[wiki]\nx = 1\n");
+  EXPECT_EQ(config.daemon.embedding_backend, "openai");
+  EXPECT_EQ(config.generation.base_url, "http://x/v1");
+  EXPECT_EQ(config.generation.embedding_model, "");
+  EXPECT_EQ(load("").daemon.embedding_backend, "auto");
+  EXPECT_EQ(load("").generation.base_url, std::nullopt);
+
+  const struct {
+    const char* content;
+    const char* problem;
+  } malformed[] = {
+      {"[daemon]\nembedding_backend = 3", ":2: daemon.embedding_backend must be a text in quotes"},
+      {"\ngeneration = 'x'", ":2: generation must be a section, [generation]"},
+      {"[daemon]\nembedding_backend = local", ":2: not TOML: "},
+      {"[daemon\n", ":1: not TOML: "},
+  };
+  for (const auto& [content, problem] : malformed) {
+    try {
+      load(content);
+      ADD_FAILURE() << content;
+    } catch (const ValueError& error) {
+      EXPECT_THAT(error.what(), ::testing::StartsWith(file.string() + problem));
+    }
+  }
+  EXPECT_THROW(load_config(folder.path()), RuntimeError);
+  EXPECT_THROW(load_config(folder.path() / "missing"), RuntimeError);
+}
+
+TEST(ConfigTest, FindsTheUsersFile) {
+  const auto found = [](const Environment& environment) {
+    return user_config_file(&environment).value_or("none").string();
+  };
+  EXPECT_EQ(found({{"XDG_CONFIG_HOME", "/c"}, {"HOME", "/h"}}), "/c/tovana/settings.toml");
+  EXPECT_EQ(found({{"XDG_CONFIG_HOME", "c"}, {"HOME", "/h"}}), "/h/.config/tovana/settings.toml");
+  EXPECT_EQ(found({{"XDG_CONFIG_HOME", ""}}), "none");
+}
+
+}  // namespace
+}  // namespace tovana

@@ -1,0 +1,103 @@
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "tests/support/manual_clock.h"
+#include "tests/tovana/engines/embedding/backends/fake_model_runtime.h"
+#include "tovana/base/mutex.h"
+#include "tovana/engines/embedding/engine/engine.h"
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::embedding {
+
+/// What an engine that forces the local backend stands on, under a test's hand: each attempt to
+/// load waits until the test says how it ends, time stands still, and the loader's thread can be
+/// joined.
+class GatedLoad {
+ public:
+  GatedLoad() {
+    runtime.on_load_model = [this](bool local_files_only) { end_as_told(local_files_only); };
+  }
+  GatedLoad(const GatedLoad&) = delete;
+  GatedLoad& operator=(const GatedLoad&) = delete;
+
+  EngineOptions options(double wait_s = DEFAULT_WAIT_S) {
+    return {.wait_s = wait_s,
+            .surroundings = {.clock = &clock,
+                             .runtime = &runtime,
+                             .start_thread = [this](std::function<void()> loader) {
+                               const LockGuard guard(_lock);
+                               ++_started;
+                               _threads.emplace_back(std::move(loader));
+                             }}};
+  }
+
+  std::unique_ptr<EmbeddingEngine> engine() {
+    return std::make_unique<EmbeddingEngine>(kConfig, nullptr, options());
+  }
+
+  /// Blocks until so many attempts have begun in all.
+  void await_attempts(int count) {
+    const LockGuard guard(_lock);
+    while (_attempts < count) _changed.wait(_lock);
+  }
+
+  /// Ends an attempt, the one under way or the next.
+  void succeed() { tell(std::nullopt); }
+  void fail(std::string message) { tell(std::move(message)); }
+
+  std::size_t threads_started() {
+    const LockGuard guard(_lock);
+    return _started;
+  }
+
+  /// Blocks until the loader has ended.
+  void join() {
+    std::deque<std::jthread> threads;
+    {
+      const LockGuard guard(_lock);
+      threads.swap(_threads);
+    }
+  }
+
+  inline static const EngineConfiguration kConfig = {{"backend", "local"}, {"model_name", "m"}};
+
+  testing::ManualClock clock;
+  FakeModelRuntime runtime;
+
+ private:
+  void tell(std::optional<std::string> failure) {
+    const LockGuard guard(_lock);
+    _endings.push_back(std::move(failure));
+    _changed.notify_all();
+  }
+
+  /// In place of the model's load; the fetch that follows a failure fails as well.
+  void end_as_told(bool local_files_only) {
+    const LockGuard guard(_lock);
+    if (local_files_only) {
+      ++_attempts;
+      _changed.notify_all();
+      while (_endings.empty()) _changed.wait(_lock);
+      _ending = std::move(_endings.front());
+      _endings.pop_front();
+    }
+    if (_ending) throw RuntimeError(*_ending);
+  }
+
+  Mutex _lock;
+  ConditionVariable _changed;
+  int _attempts TOVANA_GUARDED_BY(_lock) = 0;
+  std::size_t _started TOVANA_GUARDED_BY(_lock) = 0;
+  std::deque<std::optional<std::string>> _endings TOVANA_GUARDED_BY(_lock);
+  std::optional<std::string> _ending TOVANA_GUARDED_BY(_lock);
+  std::deque<std::jthread> _threads TOVANA_GUARDED_BY(_lock);
+};
+
+}  // namespace tovana::embedding
