@@ -1,15 +1,11 @@
 #include <chrono>
-#include <cstdlib>
-#include <iostream>
-#include <random>
 #include <string>
 #include <thread>
 
 #include <nlohmann/json.hpp>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "tests/support/certificates.h"
+#include "tests/support/exit_runs.h"
 #include "tests/support/http_server.h"
 #include "tovana/engines/http/curl_transport.h"
 #include "tovana/engines/http/post_json.h"
@@ -21,7 +17,6 @@ namespace {
 
 using namespace tovana;
 
-constexpr int kOwnStatus = 42;
 constexpr int kThreads = 4;
 
 /// Leaves everything to the end of the process, as the process-wide transport does.
@@ -37,25 +32,13 @@ constexpr int kThreads = 4;
       for (;;) http::post_json(url, {{"a", 1}}, {.transport = transport});
     }).detach();
   }
-  std::mt19937 random(seed);
-  std::this_thread::sleep_for(std::chrono::microseconds(random() % 30'000));
-  std::exit(kOwnStatus);
+  tovana::testing::exit_within(std::chrono::milliseconds(30), seed);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 3) return 2;
-  const int runs = std::stoi(argv[1]);
-  for (int run = 0; run < runs; ++run) {
-    const pid_t child = ::fork();
-    if (child == 0) exit_during_calls(argv[2], static_cast<unsigned>(run));
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != kOwnStatus) {
-      std::cerr << "run " << run << " of " << runs << " ended with wait status " << status << "\n";
-      return 1;
-    }
-  }
-  return 0;
+  return tovana::testing::check_exits(std::stoi(argv[1]),
+                                      [&](unsigned seed) { exit_during_calls(argv[2], seed); });
 }
