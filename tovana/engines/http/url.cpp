@@ -12,11 +12,22 @@ namespace {
 
 using CurlUrl = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
 
-std::optional<std::string> part_of(const CurlUrl& url, CURLUPart part) {
+std::optional<std::string> part_of(const CurlUrl& url, CURLUPart part,
+                                   unsigned flags = CURLU_DEFAULT_PORT) {
   char* text = nullptr;
-  if (curl_url_get(url.get(), part, &text, CURLU_DEFAULT_PORT) != CURLUE_OK) return std::nullopt;
+  if (curl_url_get(url.get(), part, &text, flags) != CURLUE_OK) return std::nullopt;
   const std::unique_ptr<char, decltype(&curl_free)> owned(text, &curl_free);
   return std::string(text);
+}
+
+/// Null for what is no URL. A relative `url` is read against `base`, unless that is empty.
+CurlUrl parsed_url(const std::string& url, const std::string& base) {
+  CurlUrl parsed(curl_url(), &curl_url_cleanup);
+  if (parsed == nullptr) throw std::bad_alloc();
+  // Set one after the other, the second is read relative to the first.
+  if (!base.empty()) curl_url_set(parsed.get(), CURLUPART_URL, base.c_str(), 0);
+  if (curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) parsed.reset();
+  return parsed;
 }
 
 void lower_case(std::string& ascii) {
@@ -53,11 +64,8 @@ std::string UrlOrigin::text() const {
 }
 
 std::optional<UrlOrigin> url_origin(const std::string& url, const std::string& base) {
-  const CurlUrl parsed(curl_url(), &curl_url_cleanup);
-  if (parsed == nullptr) throw std::bad_alloc();
-  // Set one after the other, the second is read relative to the first.
-  if (!base.empty()) curl_url_set(parsed.get(), CURLUPART_URL, base.c_str(), 0);
-  if (curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) return std::nullopt;
+  const CurlUrl parsed = parsed_url(url, base);
+  if (parsed == nullptr) return std::nullopt;
   const auto scheme = part_of(parsed, CURLUPART_SCHEME);
   const auto host = part_of(parsed, CURLUPART_HOST);
   const auto port = part_of(parsed, CURLUPART_PORT);
@@ -69,6 +77,28 @@ std::optional<UrlOrigin> url_origin(const std::string& url, const std::string& b
     origin.host = origin.host.substr(1, origin.host.size() - 2);
   }
   return origin;
+}
+
+std::optional<std::string> resolved_url(const std::string& reference, const std::string& base) {
+  const CurlUrl parsed = parsed_url(reference, base);
+  return parsed == nullptr ? std::nullopt : part_of(parsed, CURLUPART_URL, 0);
+}
+
+std::string percent_encoded(std::string_view text) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  constexpr std::string_view kPlain = "-._~";
+  std::string encoded;
+  for (const char character : text) {
+    const auto byte = static_cast<unsigned char>(character);
+    const bool is_alphanumeric = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
+                                 (byte >= '0' && byte <= '9');
+    if (is_alphanumeric || kPlain.find(character) != std::string_view::npos) {
+      encoded += character;
+    } else {
+      encoded.append({'%', kDigits[byte >> 4U], kDigits[byte & 15U]});
+    }
+  }
+  return encoded;
 }
 
 std::string masked_url(std::string_view url) {

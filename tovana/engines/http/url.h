@@ -19,11 +19,20 @@ struct UrlOrigin {
 
   /// "https://example.com:443", "http://[::1]:80".
   std::string text() const;
+
+  bool operator==(const UrlOrigin&) const = default;
 };
 
 /// The origin of an absolute URL; none for a text that is no such URL. A relative `url` is resolved
 /// against `base` when that is given.
 std::optional<UrlOrigin> url_origin(const std::string& url, const std::string& base = {});
+
+/// What `reference`, which may be relative, stands for on the page `base`: the absolute URL; none
+/// when that is no URL.
+std::optional<std::string> resolved_url(const std::string& reference, const std::string& base);
+
+/// The text as one segment of a URL's path: all but letters, digits and "-._~" become %XX.
+std::string percent_encoded(std::string_view text);
 
 /// The URL for a message or a log line: as it is when it holds neither userinfo nor a query;
 /// otherwise with "***" in place of user, password and the query's values. Control characters are

@@ -1,12 +1,12 @@
 #include "tovana/engines/hub/cached_model.h"
 
-#include <algorithm>
 #include <optional>
 #include <string_view>
 #include <system_error>
 
 #include "sentence_transformers/files/model_directory.h"
 #include "tovana/base/text.h"
+#include "tovana/engines/hub/cache_layout.h"
 #include "tovana/engines/hub/needed_files.h"
 #include "tovana/engines/hub/snapshot.h"
 
@@ -16,15 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 using sentence_transformers::ModelDirectory;
 
-constexpr std::size_t kCommitDigits = 40;
 constexpr std::size_t kLargestReference = 4096;
-constexpr std::string_view kRepositoryPrefix = "models--";
-
-bool is_commit(std::string_view text) {
-  return text.size() == kCommitDigits && std::ranges::all_of(text, [](char c) {
-           return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-         });
-}
 
 std::string_view trimmed(std::string_view text) {
   constexpr std::string_view kBlanks = " \t\r\n";
@@ -65,7 +57,7 @@ class Search {
   Search(const ModelName& name, const CacheSettings& settings)
       : _name(name),
         _settings(settings),
-        _repo_folder(settings.root / _folder_name(name.repo_id)) {}
+        _repo_folder(settings.root / repository_folder_name(name.repo_id)) {}
 
   CachedModel run() const {
     if (!is_existing_folder(_settings.root)) _give_up("there is no such folder");
@@ -78,8 +70,8 @@ class Search {
     if (!is_existing_folder(directory)) {
       _give_up(_repo_folder.filename().string() + " has no " + below);
     }
-    if (const std::optional<MissingFile> missing = missing_file(snapshot)) {
-      _give_up(below + "/" + escape_control_characters(missing->name) + " " + missing->fault);
+    for (const MissingFile& missing : missing_files(snapshot)) {
+      _give_up(below + "/" + escape_control_characters(missing.name) + " " + missing.fault);
     }
     return {.directory = fs::canonical(directory),
             .allowed_root = fs::canonical(_settings.root),
@@ -88,18 +80,6 @@ class Search {
   }
 
  private:
-  static std::string _folder_name(const std::string& repo_id) {
-    std::string name(kRepositoryPrefix);
-    for (const char c : repo_id) {
-      if (c == '/') {
-        name += "--";
-      } else {
-        name += c;
-      }
-    }
-    return name;
-  }
-
   [[noreturn]] void _give_up(const std::string& reason) const {
     std::string named = "'" + escape_control_characters(_name.text) + "'";
     if (_name.repo_id != _name.text) named += " (" + _name.repo_id + ")";

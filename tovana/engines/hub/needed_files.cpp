@@ -8,113 +8,111 @@
 namespace tovana::hub {
 namespace {
 
-using Missing = std::optional<MissingFile>;
-
-/// The files of one module of a snapshot, which lie in a folder of their own or, for the first
-/// module, in the snapshot's.
-class ModuleFiles {
+/// Looks for files and keeps account of those that are missing.
+class Account {
  public:
-  ModuleFiles(const Snapshot& snapshot, const std::string& path)
-      : _snapshot(snapshot), _prefix(path.empty() ? path : path + "/") {}
+  explicit Account(const ModelFiles& files) : _files(files) {}
 
-  Missing check(std::string_view name, Need need) const {
-    const std::string full = _prefix + std::string(name);
-    if (std::optional<std::string> fault = _snapshot.fault(full, need)) {
-      return MissingFile{.name = full, .fault = *fault};
+  const ModelFiles& files() const { return _files; }
+  std::vector<MissingFile> missing() && { return std::move(_missing); }
+
+  bool has(const std::string& name) const { return !_files.fault(name, Need::required); }
+
+  void expect(const std::string& name, Need need) {
+    if (std::optional<std::string> fault = _files.fault(name, need)) {
+      _missing.push_back({.name = name, .fault = *fault});
     }
-    return std::nullopt;
   }
 
-  bool has(std::string_view name) const { return !check(name, Need::required); }
-
-  /// One file with all tensors, or an index and what it names. Weights that only Python reads count
-  /// when there are no others to fetch: the model library then says what to do with them.
-  Missing check_weights() const {
-    constexpr std::string_view kSingle = "model.safetensors";
-    constexpr std::string_view kIndex = "model.safetensors.index.json";
-    Missing single = check(kSingle, Need::required);
-    if (!single) return std::nullopt;
-    if (has(kIndex)) return _check_shards(kIndex);
-    if (has("pytorch_model.bin") && !check(kSingle, Need::settled)) return std::nullopt;
-    return single;
+  /// Either will do; `second` is expected only of a repository that has no other.
+  void expect_one_of(const std::string& first, const std::string& second) {
+    if (has(first) || has(second)) return;
+    const bool has_second_only = _files.is_listed(second) && !_files.is_listed(first);
+    expect(has_second_only ? second : first, Need::required);
   }
 
  private:
-  Missing _check_shards(std::string_view index_name) const {
-    const auto index = _snapshot.read_json(_prefix + std::string(index_name));
-    if (!index || !index->is_object()) return std::nullopt;
-    const auto weight_map = index->find("weight_map");
-    if (weight_map == index->end() || !weight_map->is_object()) return std::nullopt;
-    std::set<std::string> shards;
-    for (const nlohmann::json& shard : *weight_map) {
-      if (shard.is_string()) shards.insert(shard.get<std::string>());
-    }
-    for (const std::string& shard : shards) {
-      if (Missing missing = check(shard, Need::required)) return missing;
-    }
-    return std::nullopt;
-  }
-
-  const Snapshot& _snapshot;
-  std::string _prefix;
+  const ModelFiles& _files;
+  std::vector<MissingFile> _missing;
 };
 
+/// The shards that an index of weights, which is there, names.
+void expect_shards(Account& account, const std::string& prefix, const std::string& index_name) {
+  const auto index = account.files().read_json(index_name);
+  if (!index || !index->is_object()) return;
+  const auto weight_map = index->find("weight_map");
+  if (weight_map == index->end() || !weight_map->is_object()) return;
+  std::set<std::string> shards;
+  for (const nlohmann::json& shard : *weight_map) {
+    if (shard.is_string()) shards.insert(shard.get<std::string>());
+  }
+  for (const std::string& shard : shards) account.expect(prefix + shard, Need::required);
+}
+
+/// One file with all tensors, or an index and what it names. Weights that only Python reads count
+/// when there are no others to fetch: the model library then says what to do with them.
+void expect_weights(Account& account, const std::string& prefix) {
+  const std::string single = prefix + "model.safetensors";
+  const std::string index = prefix + "model.safetensors.index.json";
+  if (account.has(single)) return;
+  if (account.has(index)) return expect_shards(account, prefix, index);
+  if (account.has(prefix + "pytorch_model.bin") && !account.files().fault(single, Need::settled)) {
+    return;
+  }
+  account.expect_one_of(single, index);
+}
+
 struct FileNeed {
-  std::string_view name;
+  const char* name;
   Need need;
 };
 
-Missing check_transformer(const ModuleFiles& files) {
+void expect_transformer(Account& account, const std::string& prefix) {
   constexpr FileNeed kNeeds[] = {
       {"config.json", Need::required},          {"sentence_bert_config.json", Need::settled},
       {"tokenizer_config.json", Need::settled}, {"special_tokens_map.json", Need::if_listed},
       {"added_tokens.json", Need::if_listed},
   };
-  for (const auto& [name, need] : kNeeds) {
-    if (Missing missing = files.check(name, need)) return missing;
-  }
-  if (!files.has("vocab.txt")) {
-    if (Missing missing = files.check("tokenizer.json", Need::required)) return missing;
-  }
-  return files.check_weights();
+  for (const auto& [name, need] : kNeeds) account.expect(prefix + name, need);
+  account.expect_one_of(prefix + "tokenizer.json", prefix + "vocab.txt");
+  expect_weights(account, prefix);
 }
 
-Missing check_module(const Snapshot& snapshot, std::string_view type, const std::string& path) {
-  const ModuleFiles files(snapshot, path);
+void expect_module(Account& account, std::string_view type, const std::string& path) {
+  const std::string prefix = path.empty() ? path : path + "/";
   const std::string_view kind = type.substr(type.rfind('.') + 1);
-  if (kind == "Transformer") return check_transformer(files);
-  if (kind == "Pooling") return files.check("config.json", Need::settled);
+  if (kind == "Transformer") return expect_transformer(account, prefix);
+  if (kind == "Pooling") return account.expect(prefix + "config.json", Need::settled);
   if (kind == "Dense" || kind == "LayerNorm") {
-    if (Missing missing = files.check("config.json", Need::required)) return missing;
-    return files.check_weights();
+    account.expect(prefix + "config.json", Need::required);
+    expect_weights(account, prefix);
   }
-  return std::nullopt;
 }
 
 }  // namespace
 
-std::optional<MissingFile> missing_file(const Snapshot& snapshot) {
-  const ModuleFiles top(snapshot, "");
-  if (Missing missing = top.check("modules.json", Need::settled)) return missing;
-  if (Missing missing = top.check("config_sentence_transformers.json", Need::if_listed)) {
-    return missing;
+std::vector<MissingFile> missing_files(const ModelFiles& files) {
+  const std::string modules_name = "modules.json";
+  Account account(files);
+  account.expect(modules_name, Need::settled);
+  account.expect("config_sentence_transformers.json", Need::if_listed);
+  if (!account.has(modules_name)) {
+    // Without a list of modules the model is a bare transformer; if there is one, it decides.
+    if (!files.is_listed(modules_name)) expect_transformer(account, "");
+    return std::move(account).missing();
   }
-  if (!top.has("modules.json")) return check_transformer(top);
-
-  const std::optional<nlohmann::json> modules = snapshot.read_json("modules.json");
-  if (!modules || !modules->is_array()) return std::nullopt;
+  const std::optional<nlohmann::json> modules = files.read_json(modules_name);
+  if (!modules || !modules->is_array()) return std::move(account).missing();
   for (const nlohmann::json& module : *modules) {
     if (!module.is_object()) continue;
     const auto type = module.find("type");
     const auto path = module.find("path");
     if (type == module.end() || !type->is_string()) continue;
     if (path == module.end() || !path->is_string()) continue;
-    if (Missing missing = check_module(snapshot, type->get_ref<const std::string&>(),
-                                       path->get_ref<const std::string&>())) {
-      return missing;
-    }
+    expect_module(account, type->get_ref<const std::string&>(),
+                  path->get_ref<const std::string&>());
   }
-  return std::nullopt;
+  return std::move(account).missing();
 }
 
 }  // namespace tovana::hub

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <optional>
 #include <string>
+#include <vector>
 
-#include "tovana/engines/hub/snapshot.h"
+#include "tovana/engines/hub/model_files.h"
 
 namespace tovana::hub {
 
@@ -12,9 +12,10 @@ struct MissingFile {
   std::string fault;  ///< "is missing", "is empty": a sentence with the name in front.
 };
 
-/// The first file that keeps the snapshot from being a complete model; none when it is one. What
-/// its modules.json and its weights' index name is needed too. Of files that are malformed no more
-/// is asked: the model library refuses them and says why. Throws as `Snapshot` does.
-std::optional<MissingFile> missing_file(const Snapshot& snapshot);
+/// What keeps the files from being a complete model, as far as it can be told; nothing when they
+/// are one. What modules.json and an index of weights name is needed too, once they can be read, so
+/// of a model that is being fetched this has to be asked again. Of files that are malformed no more
+/// is asked: the model library refuses them and says why. Throws as `ModelFiles` does.
+std::vector<MissingFile> missing_files(const ModelFiles& files);
 
 }  // namespace tovana::hub

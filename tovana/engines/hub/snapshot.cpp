@@ -57,7 +57,7 @@ std::optional<std::string> Snapshot::fault(std::string_view name, Need need) con
   }
   std::optional<std::string> fault = _fault_of_content(name);
   if (fault != kMissing || need == Need::required) return fault;
-  if (need == Need::if_listed) return _listing && _listing->contains(name) ? fault : std::nullopt;
+  if (need == Need::if_listed) return is_listed(name) ? fault : std::nullopt;
   if (_is_known_absent(name)) return std::nullopt;
   return *fault + ", and nothing says that the repository has none";
 }
@@ -84,6 +84,10 @@ bool Snapshot::_is_known_absent(std::string_view name) const {
   if (_listing) return !_listing->contains(name);
   std::error_code error;
   return fs::exists(_repo_folder / ".no_exist" / _commit / name, error);
+}
+
+bool Snapshot::is_listed(std::string_view name) const {
+  return _listing && _listing->contains(name);
 }
 
 std::optional<nlohmann::json> Snapshot::read_json(std::string_view name) const {

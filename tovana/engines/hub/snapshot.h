@@ -8,22 +8,12 @@
 #include <string>
 #include <string_view>
 
-#include <nlohmann/json_fwd.hpp>
+#include "tovana/engines/hub/model_files.h"
 
 namespace tovana::hub {
 
-/// How much has to be known of a file in a snapshot.
-enum class Need {
-  required,   ///< It is there.
-  settled,    ///< It is there, or it is known that the repository has none.
-  if_listed,  ///< It is there unless no listing names it.
-};
-
-/// One commit of a repository as the cache holds it:
-///   snapshots/COMMIT/NAME   a link to the content, or the content itself
-///   .no_exist/COMMIT/NAME   an empty file: the hub said that the repository has no such file
-///   trees/COMMIT.json       the listing of the whole commit, if anybody asked for one
-class Snapshot {
+/// One commit of a repository as the cache holds it (cache_layout.h).
+class Snapshot final : public ModelFiles {
  public:
   /// `repo_folder` is the repository's folder in the cache `cache_root`; `commit` has been checked
   /// to be one. An unreadable listing is as good as none.
@@ -31,14 +21,9 @@ class Snapshot {
 
   std::filesystem::path directory() const { return _repo_folder / "snapshots" / _commit; }
 
-  /// What keeps the file `name` from being as much there as it is needed; none when it is. Throws
-  /// ValueError for a name that leads out of the snapshot.
-  std::optional<std::string> fault(std::string_view name, Need need) const;
-
-  bool has(std::string_view name) const { return !fault(name, Need::required); }
-
-  /// Throws ValueError, naming file and fault, when the file is there but is no JSON.
-  std::optional<nlohmann::json> read_json(std::string_view name) const;
+  std::optional<std::string> fault(std::string_view name, Need need) const override;
+  bool is_listed(std::string_view name) const override;
+  std::optional<nlohmann::json> read_json(std::string_view name) const override;
 
  private:
   std::optional<std::string> _fault_of_content(std::string_view name) const;

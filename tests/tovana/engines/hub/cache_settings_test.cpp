@@ -6,6 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/temp_folder.h"
+#include "tovana/engines/hub/hub_settings.h"
+#include "tovana/exceptions/exceptions.h"
+
 namespace tovana::hub {
 namespace {
 
@@ -46,6 +50,44 @@ TEST(CacheSettingsTest, OfflineIsSaidByTheFirstVariableThatIsSet) {
   }
   for (const char* const value : {"", "0", "2", "offline", " 1"}) {
     EXPECT_FALSE(is_offline({{"HF_HUB_OFFLINE", value}})) << value;
+  }
+}
+
+TEST(HubSettingsTest, TheTokenIsTheFirstThatIsThere) {
+  const TempFolder folder;
+  write_file(folder.path() / "token", " hf_file\r\n");
+  write_file(folder.path() / "other", "hf_other");
+  Environment environment = {{"HF_HOME", folder.path().string()}, {"D", folder.path().string()}};
+  const auto token_with = [&environment](const std::string& name, const std::string& value) {
+    environment[name] = value;
+    return hub_settings(&environment).token;
+  };
+  EXPECT_EQ(token_with("HF_TOKEN_PATH", ""), "hf_file");
+  EXPECT_EQ(token_with("HF_TOKEN_PATH", "$D/other"), "hf_other");
+  EXPECT_EQ(token_with("HF_TOKEN_PATH", "$D/nothing"), "");
+  EXPECT_EQ(token_with("HUGGING_FACE_HUB_TOKEN", "hf_old"), "hf_old");
+  EXPECT_EQ(token_with("HF_TOKEN", "\n"), "hf_old");
+  EXPECT_EQ(token_with("HF_TOKEN", "hf_\nnew "), "hf_new");
+  EXPECT_EQ(token_with("HF_HUB_DISABLE_IMPLICIT_TOKEN", "yes"), "");
+}
+
+TEST(HubSettingsTest, AVariableThatCannotBeUsedIsNamed) {
+  const auto endpoint = [](const std::string& value) {
+    const Environment environment = {{"HF_HOME", "/h"}, {"HF_ENDPOINT", value}};
+    return hub_settings(&environment).endpoint;
+  };
+  EXPECT_EQ(endpoint(""), "https://huggingface.co");
+  EXPECT_EQ(endpoint("http://mirror.example/hub//"), "http://mirror.example/hub");
+  for (const char* const value : {"huggingface.co", "ftp://h/", "/srv/hub", "http://"}) {
+    EXPECT_THROW(endpoint(value), ValueError) << value;
+  }
+  const auto timeout = [](const std::string& value) {
+    const Environment environment = {{"HF_HOME", "/h"}, {"HF_HUB_DOWNLOAD_TIMEOUT", value}};
+    return hub_settings(&environment).download_timeout_s;
+  };
+  EXPECT_EQ(timeout("2.5"), 2.5);
+  for (const char* const value : {"0", "-1", "nan", "10s", "soon"}) {
+    EXPECT_THROW(timeout(value), ValueError) << value;
   }
 }
 

@@ -1,0 +1,33 @@
+#include "tovana/engines/hub/cache_layout.h"
+
+#include <algorithm>
+
+namespace tovana::hub {
+namespace {
+
+bool is_lower_hex(std::string_view text) {
+  return std::ranges::all_of(
+      text, [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+}
+
+}  // namespace
+
+std::string repository_folder_name(std::string_view repo_id) {
+  std::string name(kRepositoryPrefix);
+  for (const char c : repo_id) {
+    if (c == '/') {
+      name += "--";
+    } else {
+      name += c;
+    }
+  }
+  return name;
+}
+
+bool is_commit(std::string_view text) noexcept { return text.size() == 40 && is_lower_hex(text); }
+
+bool is_content_id(std::string_view text) noexcept {
+  return (text.size() == 40 || text.size() == 64) && is_lower_hex(text);
+}
+
+}  // namespace tovana::hub

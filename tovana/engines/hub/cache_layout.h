@@ -1,0 +1,32 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+/// Where things lie in the hub's cache:
+///
+///     ROOT/models--ORGANISATION--NAME/
+///       refs/REVISION           a text file with the commit that the revision stood for
+///       blobs/ID                contents, named after their hash
+///       snapshots/COMMIT/NAME   links to ../../blobs/ID
+///       .no_exist/COMMIT/NAME   empty: the repository has no such file
+///       trees/COMMIT.json       a listing of the whole commit; not written here
+///     ROOT/.locks/models--ORGANISATION--NAME/ID.lock
+///
+/// Other programs read and write the same folders.
+namespace tovana::hub {
+
+/// What the folders of repositories begin with.
+inline constexpr std::string_view kRepositoryPrefix = "models--";
+
+/// "models--organisation--name" for "organisation/name".
+std::string repository_folder_name(std::string_view repo_id);
+
+/// 40 hexadecimal digits in lower case.
+bool is_commit(std::string_view text) noexcept;
+
+/// The hash of a content: 40 such digits (git's, of a blob) or 64 (SHA-256).
+bool is_content_id(std::string_view text) noexcept;
+
+}  // namespace tovana::hub

@@ -1,0 +1,283 @@
+#include "tovana/engines/hub/fetch_model.h"
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <map>
+#include <set>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "sentence_transformers/files/model_directory.h"
+#include "tovana/base/logging.h"
+#include "tovana/base/mutex.h"
+#include "tovana/base/text.h"
+#include "tovana/engines/http/failure.h"
+#include "tovana/engines/hub/blob_fetch.h"
+#include "tovana/engines/hub/cache_layout.h"
+#include "tovana/engines/hub/cache_writer.h"
+#include "tovana/engines/hub/fetch_errors.h"
+#include "tovana/engines/hub/fetch_progress.h"
+#include "tovana/engines/hub/hub_client.h"
+#include "tovana/engines/hub/needed_files.h"
+#include "tovana/engines/hub/partial_blob.h"
+
+namespace tovana::hub {
+namespace {
+
+using sentence_transformers::ModelDirectory;
+
+constexpr std::size_t kFetchesAtOnce = 4;
+constexpr std::uint64_t kLargestFile = 50'000'000'000;
+constexpr std::size_t kLargestJson = std::size_t{16} << 20U;
+
+const Logger& log() {
+  static const Logger& module_logger = logger("engines.hub");
+  return module_logger;
+}
+
+/// The commit as its listing has it, with the files that have been fetched so far.
+class ListedModel final : public ModelFiles {
+ public:
+  ListedModel(const FileListing& listing, const CacheWriter& cache)
+      : _listing(listing), _cache(cache) {}
+
+  std::optional<std::string> fault(std::string_view name, Need need) const override {
+    if (!sentence_transformers::is_contained_name(name)) {
+      throw ValueError("the model names the file " + sentence_transformers::in_quotes(name) +
+                       ", which is not inside it");
+    }
+    if (_places.contains(name)) return std::nullopt;
+    if (need != Need::required && !is_listed(name)) {
+      if (need == Need::settled) _absent.emplace(name);
+      return std::nullopt;
+    }
+    return "is missing";
+  }
+
+  bool is_listed(std::string_view name) const override { return _listing.contains(name); }
+
+  std::optional<nlohmann::json> read_json(std::string_view name) const override {
+    try {
+      return ModelDirectory(_cache.folder(), _cache.root())
+          .read_json(_places.find(name)->second, kLargestJson);
+    } catch (const ValueError& error) {
+      throw ValueError("the model's file " + std::string(name) +
+                       " cannot be used: " + error.what());
+    }
+  }
+
+  /// The file is there: at `place`, which is relative to the repository's folder.
+  void add(const std::string& name, std::string place) { _places.emplace(name, std::move(place)); }
+
+  /// Files whose absence decides something.
+  const std::set<std::string, std::less<>>& absent() const { return _absent; }
+
+ private:
+  const FileListing& _listing;
+  const CacheWriter& _cache;
+  std::map<std::string, std::string, std::less<>> _places;
+  mutable std::set<std::string, std::less<>> _absent;
+};
+
+/// Counts what the threads of a fetch have got, and passes it on.
+class ProgressCount {
+ public:
+  explicit ProgressCount(const std::string& model) : _model(model) {}
+  ~ProgressCount() {
+    FetchProgress progress;
+    progress.model = _model;
+    progress.is_over = true;
+    report_fetch_progress(progress);
+  }
+  ProgressCount(const ProgressCount&) = delete;
+  ProgressCount& operator=(const ProgressCount&) = delete;
+
+  void expect(const WantedFile& file) {
+    ++_files;
+    _size += file.listed.size;
+  }
+
+  /// The file has `now` bytes, where it had `before` when this was last called.
+  void moved(const WantedFile& file, std::uint64_t before, std::uint64_t now, bool is_done) {
+    const std::uint64_t bytes = _bytes += now - before;  // modulo 2^64, also for a step back
+    const std::size_t done = _done += is_done ? 1 : 0;
+    report_fetch_progress({.model = _model,
+                           .file = file.name,
+                           .file_bytes = now,
+                           .file_size = file.listed.size,
+                           .files = _files,
+                           .files_done = done,
+                           .bytes = bytes,
+                           .size = _size,
+                           .is_file_done = is_done});
+  }
+
+ private:
+  const std::string& _model;
+  std::atomic<std::size_t> _files = 0;
+  std::atomic<std::size_t> _done = 0;
+  std::atomic<std::uint64_t> _bytes = 0;
+  std::atomic<std::uint64_t> _size = 0;
+};
+
+/// Does `work` with each item on a few threads, this one among them. The first error ends them all,
+/// by way of `is_ended`, and is thrown.
+template <class Item, class Work>
+void for_each_at_once(const std::vector<Item>& items, std::atomic<bool>& is_ended, Work work) {
+  std::atomic<std::size_t> next = 0;
+  Mutex mutex;
+  std::exception_ptr first_error;
+  const auto run = [&]() noexcept {
+    try {
+      for (std::size_t i = next++; i < items.size() && !is_ended; i = next++) work(items[i]);
+    } catch (...) {
+      const LockGuard lock(mutex);
+      if (first_error == nullptr) first_error = std::current_exception();
+      is_ended = true;
+    }
+  };
+  std::vector<std::thread> threads;
+  try {
+    while (threads.size() + 1 < std::min(kFetchesAtOnce, items.size())) threads.emplace_back(run);
+  } catch (const std::system_error&) {  // no more threads to be had: those there are will do
+  }
+  run();
+  for (std::thread& thread : threads) thread.join();
+  if (first_error != nullptr) std::rethrow_exception(first_error);
+}
+
+class Fetch {
+ public:
+  Fetch(const ModelName& name, const CacheSettings& settings, const FetchOptions& options)
+      : _name(name),
+        _settings(settings),
+        _options(options),
+        _should_stop(
+            [this] { return _is_ended || (_options.should_stop && _options.should_stop()); }),
+        _client(options.hub,
+                options.transport != nullptr ? *options.transport : http::default_transport(),
+                *options.clock, _should_stop),
+        _cache(settings, name.repo_id),
+        _progress(name.repo_id) {}
+
+  CachedModel run() {
+    const std::string& revision = _name.revision;
+    _commit = is_commit(revision) ? revision : _client.commit_of(_name.repo_id, revision);
+    _listing = _client.files_of(_name.repo_id, _commit);
+    ListedModel model(_listing, _cache);
+    for (;;) {
+      std::vector<WantedFile> wanted;
+      for (const MissingFile& missing : missing_files(model)) wanted.push_back(listed(missing));
+      if (wanted.empty()) break;
+      fetch(std::move(wanted), model);
+    }
+    store(model);
+    _cache.remove_abandoned();
+    log().info("Fetched the model %s, commit %s", _name.repo_id, _commit);
+    return find_cached_model(_name, _settings);
+  }
+
+ private:
+  WantedFile listed(const MissingFile& missing) const {
+    const std::string file = escape_control_characters(repair_utf8(missing.name));
+    const auto found = _listing.find(missing.name);
+    if (found == _listing.end() || found->second.size == 0) {
+      throw ModelFetchError(
+          "the repository " + _name.repo_id + " is no model that can be used: " +
+          (found == _listing.end() ? "it has no " + file : "its " + file + " is empty") +
+          "; a sentence-transformers model with safetensors weights is needed");
+    }
+    if (found->second.size > kLargestFile) {
+      throw ModelFetchError("the model " + _name.repo_id + " is too large: its " + file + " has " +
+                            std::to_string(found->second.size / 1'000'000'000) +
+                            " GB, and no more than " +
+                            std::to_string(kLargestFile / 1'000'000'000) + " GB are fetched");
+    }
+    return {.name = missing.name, .listed = found->second};
+  }
+
+  void fetch(std::vector<WantedFile> wanted, ListedModel& model) {
+    _cache.prepare();
+    std::vector<WantedFile> absent;
+    std::uint64_t size = 0;
+    for (WantedFile& file : wanted) {
+      const std::string in_snapshot = "snapshots/" + _commit + "/" + file.name;
+      if (holds_content(_cache.folder() / in_snapshot, file.listed)) {
+        model.add(file.name, in_snapshot);
+        continue;
+      }
+      model.add(file.name, "blobs/" + file.listed.id);
+      const auto is_same = [&](const WantedFile& other) {
+        return other.listed.id == file.listed.id;
+      };
+      if (std::ranges::none_of(absent, is_same) &&
+          !holds_content(_cache.blob(file.listed.id), file.listed)) {
+        _progress.expect(file);
+        size += file.listed.size;
+        absent.push_back(file);
+      }
+      _to_place.push_back(std::move(file));
+    }
+    _cache.check_room(size);
+    // The large ones first: they take longest, and the small ones fit in beside them.
+    std::ranges::sort(absent, std::greater<>(),
+                      [](const WantedFile& file) { return file.listed.size; });
+    for_each_at_once(absent, _is_ended, [this](const WantedFile& file) { fetch_one(file); });
+  }
+
+  void fetch_one(const WantedFile& file) {
+    std::uint64_t last = 0;
+    fetch_blob({.client = _client,
+                .cache = _cache,
+                .clock = *_options.clock,
+                .should_stop = _should_stop,
+                .repo_id = _name.repo_id,
+                .commit = _commit,
+                .on_progress =
+                    [&](std::uint64_t bytes) {
+                      _progress.moved(file, std::exchange(last, bytes), bytes, false);
+                    }},
+               file);
+    _progress.moved(file, last, file.listed.size, true);
+  }
+
+  void store(const ListedModel& model) const {
+    _cache.sync_blobs();
+    for (auto file = _to_place.begin(); file != _to_place.end(); ++file) {
+      const bool is_wanted_again =
+          std::any_of(file + 1, _to_place.end(),
+                      [&](const WantedFile& other) { return other.listed.id == file->listed.id; });
+      _cache.place(_commit, file->name, file->listed.id, is_wanted_again);
+    }
+    for (const std::string& name : model.absent()) _cache.mark_absent(_commit, name);
+    _cache.sync(_commit);
+    if (!is_commit(_name.revision)) _cache.set_reference(_name.revision, _commit);
+  }
+
+  const ModelName& _name;
+  const CacheSettings& _settings;
+  const FetchOptions& _options;
+  std::atomic<bool> _is_ended = false;  ///< One of the threads has failed.
+  const http::StopTest _should_stop;
+  HubClient _client;
+  const CacheWriter _cache;
+  ProgressCount _progress;
+  std::string _commit;
+  FileListing _listing;
+  std::vector<WantedFile> _to_place;  ///< Files whose blobs are there or being fetched.
+};
+
+}  // namespace
+
+CachedModel fetch_model(const ModelName& name, const CacheSettings& cache,
+                        const FetchOptions& options) {
+  return Fetch(name, cache, options).run();
+}
+
+}  // namespace tovana::hub

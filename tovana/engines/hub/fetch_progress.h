@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string_view>
+
+/// Telling somebody how far a fetch is. A fetch happens deep inside of whatever wanted the model,
+/// so this is process-wide, as the log sink is.
+namespace tovana::hub {
+
+/// One moment of the fetch of one model. The texts live as long as the call.
+struct FetchProgress {
+  std::string_view model;  ///< The repository: "organisation/name".
+
+  /// The file that has got on, and how far it is.
+  std::string_view file;
+  std::uint64_t file_bytes = 0;
+  std::uint64_t file_size = 0;
+
+  /// All files that are known to be needed and were not there; which those are may become known
+  /// only on the way. Bytes that an earlier fetch left behind count as got.
+  std::size_t files = 0;
+  std::size_t files_done = 0;
+  std::uint64_t bytes = 0;
+  std::uint64_t size = 0;
+
+  bool is_file_done = false;  ///< The file has been checked and stored.
+  bool is_over = false;       ///< The fetch has ended, in whichever way; no file is named.
+};
+
+/// Receives the moments of every fetch: several threads at a time, some thousand times a second
+/// where the network is fast, without a lock held. What it throws is dropped.
+using FetchObserver = std::function<void(const FetchProgress&)>;
+
+/// Replaces the observer; an empty one is none. A fetch that is under way may still call the old
+/// one.
+void set_fetch_observer(FetchObserver observer);
+
+/// For whoever fetches: hands a moment to the observer, if there is one.
+void report_fetch_progress(const FetchProgress& progress) noexcept;
+
+}  // namespace tovana::hub

@@ -1,0 +1,56 @@
+#include "tovana/engines/hub/file_listing.h"
+
+#include <nlohmann/json.hpp>
+
+#include "sentence_transformers/files/model_directory.h"
+#include "tovana/engines/hub/cache_layout.h"
+#include "tovana/exceptions/exceptions.h"
+
+namespace tovana::hub {
+namespace {
+
+using nlohmann::json;
+using sentence_transformers::in_quotes;
+
+/// The size and hash that `entry` states: of the file itself, or of its "lfs" part, where the
+/// file's own are those of a pointer to the content.
+ListedFile listed_file(const json& entry) {
+  const auto size = entry.find("size");
+  const auto id = entry.find("oid");
+  if (size == entry.end() || !size->is_number_unsigned()) throw ValueError("has no size");
+  if (id == entry.end() || !id->is_string() || !is_content_id(id->get_ref<const std::string&>())) {
+    throw ValueError("has no hash");
+  }
+  return {.size = size->get<std::uint64_t>(), .id = id->get<std::string>()};
+}
+
+}  // namespace
+
+void add_listing_page(std::string_view page, FileListing& listing) {
+  const json entries = sentence_transformers::parse_json(page);
+  if (!entries.is_array()) throw ValueError("is no array");
+  for (const json& entry : entries) {
+    if (!entry.is_object()) throw ValueError("has an entry that is no object");
+    const auto type = entry.find("type");
+    const auto path = entry.find("path");
+    if (type == entry.end() || path == entry.end() || !type->is_string() || !path->is_string()) {
+      throw ValueError("has an entry without a type and a path");
+    }
+    const auto& name = path->get_ref<const std::string&>();
+    if (*type != "file" || !sentence_transformers::is_contained_name(name)) continue;
+    const auto large = entry.find("lfs");
+    try {
+      const bool is_large = large != entry.end() && large->is_object();
+      if (!listing.emplace(name, listed_file(is_large ? *large : entry)).second) {
+        throw ValueError("comes twice");
+      }
+    } catch (const ValueError& error) {
+      throw ValueError("the file " + in_quotes(name) + " " + error.what());
+    }
+    if (listing.size() > kMostListedFiles) {
+      throw ValueError("has more than " + std::to_string(kMostListedFiles) + " files");
+    }
+  }
+}
+
+}  // namespace tovana::hub

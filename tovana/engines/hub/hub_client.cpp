@@ -1,0 +1,318 @@
+#include "tovana/engines/hub/hub_client.h"
+
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <string_view>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "sentence_transformers/files/model_directory.h"
+#include "tovana/base/logging.h"
+#include "tovana/base/text.h"
+#include "tovana/engines/http/credentials.h"
+#include "tovana/engines/http/failure.h"
+#include "tovana/engines/hub/cache_layout.h"
+#include "tovana/engines/hub/fetch_errors.h"
+
+namespace tovana::hub {
+namespace {
+
+constexpr int kMostRedirects = 10;
+constexpr int kMostWaits = 3;
+constexpr double kLongestWaitS = 60;
+constexpr std::size_t kLargestText = std::size_t{8} << 20U;
+constexpr std::size_t kLargestPage = std::size_t{64} << 10U;
+constexpr std::size_t kLongestHubMessage = 200;
+
+const Logger& log() {
+  static const Logger& module_logger = logger("engines.hub");
+  return module_logger;
+}
+
+bool is_good(int status) { return status == 200 || status == 206; }
+
+std::string header(const HubAnswer& answer, std::string_view name) {
+  const auto& headers = answer.outcome.head.headers;
+  const auto found = headers.find(name);
+  return found == headers.end() ? std::string() : found->second;
+}
+
+/// Hands on what was asked for, and reads the bodies of other responses, if they are short, only so
+/// that the connection stays of use.
+class GoodResponses final : public http::ResponseSink {
+ public:
+  explicit GoodResponses(http::ResponseSink& sink) : _sink(sink) {}
+
+  bool head(const http::ResponseHead& head) override {
+    _is_good = is_good(head.status);
+    return !_is_good || _sink.head(head);
+  }
+  bool body(std::string_view bytes) override {
+    if (_is_good) return _sink.body(bytes);
+    _passed_over += bytes.size();
+    return _passed_over <= kLargestPage;
+  }
+
+ private:
+  http::ResponseSink& _sink;
+  bool _is_good = false;
+  std::size_t _passed_over = 0;
+};
+
+class TextSink final : public http::ResponseSink {
+ public:
+  explicit TextSink(std::string& text) : _text(text) {}
+
+  bool head(const http::ResponseHead& /*head*/) override {
+    _text.clear();
+    return true;
+  }
+  bool body(std::string_view bytes) override {
+    if (bytes.size() > kLargestText - _text.size()) return false;
+    _text += bytes;
+    return true;
+  }
+
+ private:
+  std::string& _text;
+};
+
+HubAnswer refused(std::string url, std::string problem) {
+  return {.outcome = {.ending = http::Ending::failed, .head = {}, .problem = std::move(problem)},
+          .url = std::move(url)};
+}
+
+/// The target of `Link: <URL>; rel="next"`; empty when there is none.
+std::string next_page(const HubAnswer& answer) {
+  const auto [first, last] = answer.outcome.head.headers.equal_range("Link");
+  for (auto field = first; field != last; ++field) {
+    const std::string& value = field->second;
+    const std::size_t start = value.find('<');
+    const std::size_t end = value.find('>');
+    if (start == std::string::npos || end == std::string::npos || end < start) continue;
+    if (value.find("rel=\"next\"", end) == std::string::npos) continue;
+    return value.substr(start + 1, end - start - 1);
+  }
+  return {};
+}
+
+/// Seconds that the hub asks to wait: Retry-After, or the t of `ratelimit: "api";r=0;t=55`, at
+/// whose end the requests are counted anew.
+double asked_wait_s(const HubAnswer& answer) {
+  const auto number = [](std::string_view text) {
+    int seconds = 0;
+    std::from_chars(text.data(), text.data() + text.size(), seconds);
+    return seconds;
+  };
+  if (const std::string after = header(answer, "Retry-After"); !after.empty()) {
+    return number(after);
+  }
+  const std::string limit = header(answer, "ratelimit");
+  const std::size_t time = limit.find(";t=");
+  const bool is_spent = limit.find(";r=0;") != std::string::npos;
+  return is_spent && time != std::string::npos ? number(limit.substr(time + 3)) + 1 : 0;
+}
+
+std::string hub_message(const HubAnswer& answer) {
+  const std::string message = header(answer, "X-Error-Message");
+  if (message.empty()) return {};
+  return "; the hub says: " +
+         escape_control_characters(repair_utf8(message.substr(0, kLongestHubMessage)));
+}
+
+}  // namespace
+
+bool HubAnswer::may_pass() const noexcept {
+  const int status = outcome.head.status;
+  if (status == 408 || status == 429 || (status >= 500 && status <= 599)) return true;
+  const bool is_answered = status != 0 && !hub::is_good(status);
+  return !is_answered &&
+         (outcome.ending == http::Ending::dropped || outcome.ending == http::Ending::timed_out);
+}
+
+HubClient::HubClient(const HubSettings& settings, http::Transport& transport, Clock& clock,
+                     http::StopTest should_stop)
+    : _settings(settings),
+      _origin(http::url_origin(settings.endpoint).value_or(http::UrlOrigin{})),
+      _transport(transport),
+      _clock(clock),
+      _should_stop(std::move(should_stop)) {}
+
+std::string HubClient::commit_of(const std::string& repo_id, const std::string& revision) {
+  std::string text;
+  const HubAnswer answer = _get_text(repo_id,
+                                     _settings.endpoint + "/api/models/" + repo_id + "/revision/" +
+                                         http::percent_encoded(revision),
+                                     text);
+  std::string commit;
+  try {
+    const nlohmann::json info = sentence_transformers::parse_json(text);
+    commit = info.at("sha").get<std::string>();
+  } catch (const ValueError&) {
+  } catch (const nlohmann::json::exception&) {
+  }
+  if (is_commit(commit)) return commit;
+  throw ModelFetchError(http::masked_url(answer.url) +
+                        " answers with something else than a model's commit: is " +
+                        _settings.endpoint + " (HF_ENDPOINT) a model hub?");
+}
+
+FileListing HubClient::files_of(const std::string& repo_id, const std::string& commit) {
+  FileListing listing;
+  std::string url = _settings.endpoint + "/api/models/" + repo_id + "/tree/" + commit +
+                    "?recursive=true&expand=false";
+  // Every page but the last one has entries, so this bounds the pages, too.
+  for (std::size_t pages = 0; pages < kMostListedFiles; ++pages) {
+    std::string page;
+    const HubAnswer answer = _get_text(repo_id, url, page);
+    try {
+      add_listing_page(page, listing);
+    } catch (const ValueError& error) {
+      throw ModelFetchError("the list of files of the model " + repo_id + " from " +
+                            _settings.endpoint + " is malformed: it " + error.what());
+    }
+    const std::string next = next_page(answer);
+    if (next.empty()) return listing;
+    const std::optional<std::string> target = http::resolved_url(next, answer.url);
+    if (!target || http::url_origin(*target) != _origin) {
+      throw ModelFetchError("the list of files of the model " + repo_id + " from " +
+                            _settings.endpoint + " goes on at " + http::masked_url(next) +
+                            ", which is not the hub's: nothing was fetched");
+    }
+    url = *target;
+  }
+  throw ModelFetchError("the list of files of the model " + repo_id + " from " +
+                        _settings.endpoint + " has no end");
+}
+
+HubAnswer HubClient::get_file(const std::string& repo_id, const std::string& commit,
+                              const std::string& name, std::uint64_t offset,
+                              http::ResponseSink& sink) {
+  std::string url = _settings.endpoint + "/" + repo_id + "/resolve/" + commit;
+  for (std::size_t start = 0; start <= name.size();) {
+    const std::size_t end = std::min(name.find('/', start), name.size());
+    url += "/" + http::percent_encoded(name.substr(start, end - start));
+    start = end + 1;
+  }
+  // The bytes have to be those that are hashed and counted, so nothing may repack them.
+  http::Headers headers = {{"Accept-Encoding", "identity"}};
+  if (offset > 0) headers.emplace("Range", "bytes=" + std::to_string(offset) + "-");
+  return _get(url, std::move(headers), _settings.download_timeout_s, sink);
+}
+
+HubAnswer HubClient::_get_text(const std::string& repo_id, const std::string& url,
+                               std::string& text) {
+  Patience patience(_clock, _should_stop);
+  TextSink sink(text);
+  for (;;) {
+    HubAnswer answer = _get(url, {}, _settings.metadata_timeout_s, sink);
+    if (answer.is_good()) return answer;
+    if (answer.outcome.ending == http::Ending::aborted && is_good(answer.outcome.head.status)) {
+      throw ModelFetchError(http::masked_url(answer.url) + " answers with more than " +
+                            std::to_string(kLargestText >> 20U) + " MiB: is " + _settings.endpoint +
+                            " (HF_ENDPOINT) a model hub?");
+    }
+    if (!patience.wait_after(answer)) throw ModelFetchError(problem(repo_id, answer));
+  }
+}
+
+HubAnswer HubClient::_get(const std::string& url, http::Headers headers, double timeout_s,
+                          http::ResponseSink& sink) {
+  if (_should_stop && _should_stop()) throw http::Stopped("stopped while fetching a model");
+  headers.emplace("User-Agent", "tovana-embedding");
+  const bool with_token = !_settings.token.empty() && !_token_is_refused;
+  HubAnswer answer = _follow(url, headers, timeout_s, sink, with_token);
+  if (!with_token || answer.outcome.head.status != 401) return answer;
+  HubAnswer anonymous = _follow(url, headers, timeout_s, sink, false);
+  if (!anonymous.is_good()) return answer;
+  if (!_token_is_refused.exchange(true)) {
+    log().warning(
+        "The model hub %s refuses the token (HF_TOKEN or the file of a login); going on without it",
+        _settings.endpoint);
+  }
+  return anonymous;
+}
+
+HubAnswer HubClient::_follow(std::string url, const http::Headers& headers, double timeout_s,
+                             http::ResponseSink& sink, bool with_token) const {
+  for (int redirects = 0; redirects <= kMostRedirects; ++redirects) {
+    http::Request request{.url = url, .headers = headers, .idle_timeout_s = timeout_s};
+    if (with_token && http::url_origin(url) == _origin) {
+      request.headers.emplace("Authorization", "Bearer " + _settings.token);
+      http::warn_if_exposed(http::Credentials(request.headers), url, "Fetching a model");
+    }
+    GoodResponses responses(sink);
+    HubAnswer answer{.outcome = _transport.send(request, responses), .url = url};
+    const int status = answer.outcome.head.status;
+    const std::string location = header(answer, "Location");
+    if (status < 300 || status > 399 || location.empty()) return answer;
+
+    const std::optional<std::string> target = http::resolved_url(location, url);
+    const std::optional<http::UrlOrigin> to =
+        target ? http::url_origin(*target) : std::optional<http::UrlOrigin>();
+    if (!to || (to->scheme != "http" && to->scheme != "https")) {
+      return refused(url, "the hub redirects to what is no http or https URL");
+    }
+    if (to->scheme == "http" && http::url_origin(url)->scheme == "https") {
+      return refused(url, "the hub redirects from https to http, at " + to->text() +
+                              ", where anyone on the way could change the file");
+    }
+    url = *target;
+  }
+  return refused(url, "the hub redirects more than " + std::to_string(kMostRedirects) + " times");
+}
+
+std::string HubClient::problem(const std::string& repo_id, const HubAnswer& answer) const {
+  const int status = answer.outcome.head.status;
+  const std::string code = header(answer, "X-Error-Code");
+  const std::string model = "the model " + repo_id;
+  const std::string page = _settings.endpoint + "/" + repo_id;
+  if (code == "GatedRepo") {
+    return model + " is gated: accept its terms at " + page +
+           ", and set HF_TOKEN to a token of the account that did";
+  }
+  if (code == "RevisionNotFound") {
+    return model + " has no such revision at " + _settings.endpoint + hub_message(answer);
+  }
+  if (code == "EntryNotFound") {
+    return "the hub lists a file of " + model +
+           " that it does not have: " + http::masked_url(answer.url);
+  }
+  if (code == "RepoNotFound" || (status == 401 && _settings.token.empty())) {
+    return model + " does not exist at " + _settings.endpoint +
+           ", or is private: check the name, or set HF_TOKEN to a token that may read it";
+  }
+  if (status == 401) {
+    return _settings.endpoint + " refuses the token for " + model +
+           ": check HF_TOKEN, or the login of the hub's own programs" + hub_message(answer);
+  }
+  const std::string what = model + " cannot be fetched from " + http::masked_url(answer.url) + ": ";
+  if (status == 0 || is_good(status)) return what + answer.outcome.problem;
+  std::string advice;
+  if (status == 403) advice = ", access is refused: check what the token in HF_TOKEN may read";
+  if (status == 404)
+    advice = ", not found: is " + _settings.endpoint + " (HF_ENDPOINT) a model hub?";
+  if (status == 429) advice = ", the hub limits how often it is asked: try again later";
+  if (status >= 500) advice = ", the hub has trouble: try again later";
+  return what + "HTTP " + std::to_string(status) + advice + hub_message(answer);
+}
+
+bool Patience::wait_after(const HubAnswer& answer) {
+  if (!answer.may_pass() || _waits == kMostWaits) return false;
+  const double asked = asked_wait_s(answer);
+  if (asked > kLongestWaitS) return false;
+  const double wait = std::max(asked, std::ldexp(1.0, _waits++));
+  const int status = answer.outcome.head.status;
+  log().info(
+      "Fetching from %s: %s; trying again in %.0f s", http::masked_url(answer.url),
+      status != 0 && !is_good(status) ? "HTTP " + std::to_string(status) : answer.outcome.problem,
+      wait);
+  if (http::wait_unless_stopped(wait, _should_stop, _clock) == http::WaitEnding::stopped) {
+    throw http::Stopped("stopped while fetching a model");
+  }
+  return true;
+}
+
+}  // namespace tovana::hub

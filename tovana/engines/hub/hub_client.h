@@ -1,0 +1,98 @@
+#pragma once
+
+#include <atomic>
+#include <optional>
+#include <string>
+
+#include "tovana/base/clock.h"
+#include "tovana/engines/http/retry_policy.h"
+#include "tovana/engines/http/transport.h"
+#include "tovana/engines/http/url.h"
+#include "tovana/engines/hub/file_listing.h"
+#include "tovana/engines/hub/hub_settings.h"
+
+namespace tovana::hub {
+
+/// How one request for something of the hub's ended.
+struct HubAnswer {
+  http::Outcome outcome;
+  std::string url;  ///< Where the last redirect led; for messages.
+
+  /// A whole response with what was asked for.
+  bool is_good() const noexcept {
+    return outcome.ending == http::Ending::complete &&
+           (outcome.head.status == 200 || outcome.head.status == 206);
+  }
+  /// A broken connection, a timeout, 408, 429 or 500 to 599.
+  bool may_pass() const noexcept;
+};
+
+/// The requests that fetching a model takes, against one hub.
+///
+/// Redirects are followed by the rules that keep a token safe: it goes to the origin of the
+/// endpoint alone, whatever the hub points to, and from https nothing leads to http. A hub that
+/// refuses the token is asked without it from then on, as a stale token must not bar anyone from a
+/// public model.
+///
+/// Operations block on the network; each may be called from any number of threads at once. They
+/// throw ModelFetchError, http::Stopped when the stop test says so, and what the transport throws.
+class HubClient {
+ public:
+  /// All have to outlive the client. The stop test may be empty; it is asked from any thread that
+  /// makes a call.
+  HubClient(const HubSettings& settings, http::Transport& transport, Clock& clock,
+            http::StopTest should_stop);
+
+  /// The commit that a revision (a branch, a tag) of a repository stands for at the moment.
+  std::string commit_of(const std::string& repo_id, const std::string& revision);
+
+  /// All files of a commit.
+  FileListing files_of(const std::string& repo_id, const std::string& commit);
+
+  /// Asks once for a file's content from byte `offset` on. The sink gets the response of status 200
+  /// or 206 that the redirects lead to, and of others nothing.
+  HubAnswer get_file(const std::string& repo_id, const std::string& commit, const std::string& name,
+                     std::uint64_t offset, http::ResponseSink& sink);
+
+  /// What an answer that is not good means for somebody who wants this model.
+  std::string problem(const std::string& repo_id, const HubAnswer& answer) const;
+
+  const HubSettings& settings() const noexcept { return _settings; }
+
+ private:
+  struct Redirect;
+  HubAnswer _get(const std::string& url, http::Headers headers, double timeout_s,
+                 http::ResponseSink& sink);
+  HubAnswer _follow(std::string url, const http::Headers& headers, double timeout_s,
+                    http::ResponseSink& sink, bool with_token) const;
+  /// A whole reply of the hub's own, tried again where that may help.
+  HubAnswer _get_text(const std::string& repo_id, const std::string& url, std::string& text);
+
+  const HubSettings& _settings;
+  const http::UrlOrigin _origin;
+  http::Transport& _transport;
+  Clock& _clock;
+  const http::StopTest _should_stop;
+  std::atomic<bool> _token_is_refused = false;
+};
+
+/// The waits between attempts of one thing: 1, 2 and 4 s, or what the hub asks for; then it is
+/// given up. An attempt that got something starts the count anew.
+class Patience {
+ public:
+  Patience(Clock& clock, const http::StopTest& should_stop)
+      : _clock(clock), _should_stop(should_stop) {}
+
+  void reset() noexcept { _waits = 0; }
+
+  /// Waits before the next attempt, and says why in the log; false when it is not worth it, because
+  /// the answer will not change, or not soon. Throws http::Stopped.
+  bool wait_after(const HubAnswer& answer);
+
+ private:
+  Clock& _clock;
+  const http::StopTest& _should_stop;
+  int _waits = 0;
+};
+
+}  // namespace tovana::hub
