@@ -10,6 +10,7 @@
 #include "command.h"
 #include "embedding_call.h"
 #include "engine_options.h"
+#include "engine_session.h"
 #include "json_writer.h"
 #include "npy_writer.h"
 #include "option_values.h"
@@ -46,17 +47,17 @@ void write_json_line(Output& output, const InputTexts& input, std::size_t index,
   output.write("}\n");
 }
 
-void embed(const EmbedOptions& options, const Interrupts& interrupts) {
+ExitStatus embed(const EmbedOptions& options, const Interrupts& interrupts) {
   const RunLimits limits(interrupts, options.deadline.value_or(RunLimits::kNoDeadline));
   // First of all: a place that cannot be written to must not cost the work.
   Output output(options.output, limits);
-  const auto backend = make_backend(options.engine);
+  EngineSession session(options.engine, interrupts);
   // The raw results: a conversion would take a text "{}" for an empty list.
   const InputTexts input = options.texts->count() > 0 ? texts_of_arguments(options.texts->results())
                                                       : read_texts(options.input, limits);
   const std::size_t count = input.texts.size();
   if (options.npy && count == 0) {
-    write_npy_header(output, 0, static_cast<std::size_t>(backend->dimension()));
+    write_npy_header(output, 0, static_cast<std::size_t>(session.wait_ready(limits).dimension()));
   }
   {
     Progress progress(count, options.output == "-");
@@ -77,10 +78,11 @@ void embed(const EmbedOptions& options, const Interrupts& interrupts) {
         progress.advance(1);
       }
     };
-    embed_in_batches(*backend, input.texts, static_cast<std::size_t>(options.batch_size), limits,
+    embed_in_batches(session, input.texts, static_cast<std::size_t>(options.batch_size), limits,
                      write_batch);
   }
   output.finish();
+  return ExitStatus::success;
 }
 
 void add_format_option(CLI::App& command, EmbedOptions& options) {
@@ -140,7 +142,8 @@ Examples:
   tovana-embed embed --input names.txt --format npy --output names.npy
   tovana-embed embed --jsonl < records.jsonl > with_vectors.jsonl
   tovana-embed embed -- --a-text-that-begins-with-a-hyphen)");
-  return {&command, [options](const Interrupts& interrupts) { embed(*options, interrupts); }};
+  return {&command,
+          [options](const Interrupts& interrupts) { return embed(*options, interrupts); }};
 }
 
 }  // namespace tovana::tool

@@ -5,8 +5,7 @@
 #include <stdexcept>
 
 #include "failure.h"
-#include "tovana/engines/embedding/backends/http.h"
-#include "tovana/engines/embedding/backends/model_library.h"
+#include "tovana/engines/embedding/backends/embedding_stopped.h"
 #include "tovana/engines/embedding/backends/tfidf.h"
 #include "tovana/exceptions/exceptions.h"
 
@@ -23,28 +22,19 @@ using embedding::Vector;
                     "] numbers; give fewer texts at a time or a smaller --dimension");
 }
 
-std::vector<Vector> call(EmbeddingBackend& backend, const std::vector<std::string>& texts,
+std::vector<Vector> call(EngineSession& session, const std::vector<std::string>& texts,
                          const RunLimits& limits) {
-  limits.check();
+  const EmbeddingBackend& backend = session.wait_ready(limits);
   try {
-    // What works in this process is not stopped in the middle; a request to an endpoint can be.
-    if (auto* const endpoint = dynamic_cast<embedding::_HTTPEmbeddingBackend*>(&backend)) {
-      return endpoint->embed(texts, {.should_stop = [&limits] { return limits.should_stop(); },
-                                     .deadline = limits.deadline()});
-    }
-    return backend.embed(texts);
+    return session.engine().embed(texts, {.wait = false,
+                                          .should_stop = [&limits] { return limits.should_stop(); },
+                                          .deadline = limits.deadline()});
   } catch (const embedding::EmbeddingStopped&) {
     throw Interrupted();
-  } catch (const TryAgainLaterError& error) {
-    throw Failure(ExitStatus::not_ready, std::string(error.what()) + "; try again later");
   } catch (const std::bad_alloc&) {
     throw_out_of_memory(texts.size(), backend);
   } catch (const std::length_error&) {
     throw_out_of_memory(texts.size(), backend);
-  } catch (const embedding::ModelLibraryNotInstalled& error) {
-    throw Failure(ExitStatus::call_failed,
-                  std::string(error.what()) +
-                      "; scripts/setup --model installs it, --backend tfidf needs nothing");
   } catch (const Error& error) {  // one of ours says itself what and where
     throw Failure(ExitStatus::call_failed, error.what());
   } catch (const std::exception& error) {
@@ -64,18 +54,18 @@ void check_dimension(const Vector& vector, std::size_t dimension) {
                     " numbers, which do not compare; use a model with one dimension");
 }
 
-void embed_in_batches(EmbeddingBackend& backend, const std::vector<std::string>& texts,
+void embed_in_batches(EngineSession& session, const std::vector<std::string>& texts,
                       std::size_t batch_size, const RunLimits& limits, const VectorSink& sink) {
-  // Not asked by its name, which an endpoint's model may have as well.
-  const bool weighs_batch = dynamic_cast<embedding::TFIDFEmbeddingBackend*>(&backend) != nullptr;
-  if (weighs_batch || texts.size() <= batch_size) {
-    if (!texts.empty()) sink(0, call(backend, texts, limits));
-    return;
-  }
+  if (texts.empty()) return;
+  limits.check();
+  const bool weighs_batch =
+      dynamic_cast<embedding::TFIDFEmbeddingBackend*>(&session.wait_ready(limits)) != nullptr;
+  if (weighs_batch || texts.size() <= batch_size) return sink(0, call(session, texts, limits));
   for (std::size_t first = 0; first < texts.size(); first += batch_size) {
+    limits.check();
     const auto begin = texts.begin() + static_cast<std::ptrdiff_t>(first);
     const auto size = static_cast<std::ptrdiff_t>(std::min(batch_size, texts.size() - first));
-    sink(first, call(backend, {begin, begin + size}, limits));
+    sink(first, call(session, {begin, begin + size}, limits));
   }
 }
 

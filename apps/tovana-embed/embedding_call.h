@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "engine_session.h"
 #include "run_limits.h"
 #include "tovana/engines/embedding/backends/backend.h"
 
@@ -16,14 +17,15 @@ inline constexpr std::size_t kDefaultBatchSize = 256;
 using VectorSink =
     std::function<void(std::size_t first, const std::vector<embedding::Vector>& vectors)>;
 
-/// Embeds the texts batch by batch, in their order; the one place where the tool calls a backend.
+/// Waits for the engine, unless there are no texts, and embeds them batch by batch, in their order;
+/// the one place where the tool embeds.
 ///
 /// `tfidf` gets all texts as one batch, whatever `batch_size` says: its weights are those of the
 /// batch, so vectors from different batches do not compare. The limits are asked before each call.
 ///
-/// Throws what `sink` throws, as RunLimits::check does, and Failure (call_failed, not_ready) when
-/// the backend fails.
-void embed_in_batches(embedding::EmbeddingBackend& backend, const std::vector<std::string>& texts,
+/// Throws what `sink` throws, as EngineSession::wait_ready and RunLimits::check do, and Failure
+/// (call_failed) when the backend fails.
+void embed_in_batches(EngineSession& session, const std::vector<std::string>& texts,
                       std::size_t batch_size, const RunLimits& limits, const VectorSink& sink);
 
 /// Throws Failure (call_failed) for a vector of another dimension than those before it.

@@ -2,71 +2,43 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <string_view>
-#include <utility>
+#include <system_error>
 
 #include "failure.h"
 #include "option_values.h"
 #include "tovana/base/logging.h"
+#include "tovana/config/config.h"
 #include "tovana/engines/embedding/backends/http.h"
-#include "tovana/engines/embedding/backends/local.h"
-#include "tovana/engines/embedding/backends/tfidf.h"
 #include "tovana/engines/embedding/sharing/endpoint_key.h"
+#include "tovana/engines/embedding/sharing/engine_config.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::tool {
 namespace {
 
-using embedding::APIEmbeddingBackend;
-using embedding::EmbeddingBackend;
-using embedding::LocalEmbeddingBackend;
-using embedding::OpenAIEmbeddingBackend;
-using embedding::TFIDFEmbeddingBackend;
+using embedding::EngineConfiguration;
 
-/// One value of --backend: how it is made, and which of the other options it takes.
+/// One value of --backend, and which of the other options it takes.
 struct BackendKind {
   std::string_view name;
   bool takes_model;
-  std::optional<std::string> EngineOptions::*url;  ///< The URL it needs; null if it needs none.
-  std::string_view url_option;
-  std::unique_ptr<EmbeddingBackend> (*make)(const EngineOptions& options);
+  bool takes_api_url;
+  bool takes_base_url;
 };
-
-std::unique_ptr<EmbeddingBackend> make_tfidf(const EngineOptions& options) {
-  return std::make_unique<TFIDFEmbeddingBackend>(
-      options.dimension.value_or(TFIDFEmbeddingBackend::kDefaultDimension));
-}
-
-std::unique_ptr<EmbeddingBackend> make_local(const EngineOptions& options) {
-  if (!options.model) return std::make_unique<LocalEmbeddingBackend>();
-  return std::make_unique<LocalEmbeddingBackend>(*options.model);
-}
-
-/// An endpoint's backend with what was given, and its own defaults for the rest.
-template <class Backend>
-std::unique_ptr<EmbeddingBackend> make_endpoint(typename Backend::Options backend,
-                                                const EngineOptions& options) {
-  backend.api_key = embedding::endpoint_key();
-  if (options.model) backend.model_name = *options.model;
-  if (options.dimension) backend.dimension = *options.dimension;
-  return std::make_unique<Backend>(std::move(backend));
-}
-
-std::unique_ptr<EmbeddingBackend> make_api(const EngineOptions& options) {
-  return make_endpoint<APIEmbeddingBackend>({.api_url = options.api_url.value_or("")}, options);
-}
-
-std::unique_ptr<EmbeddingBackend> make_openai(const EngineOptions& options) {
-  return make_endpoint<OpenAIEmbeddingBackend>({.base_url = options.base_url.value_or("")},
-                                               options);
-}
 
 constexpr std::array kBackendKinds = {
-    BackendKind{"tfidf", false, nullptr, "", make_tfidf},
-    BackendKind{"local", true, nullptr, "", make_local},
-    BackendKind{"api", true, &EngineOptions::api_url, "--api-url", make_api},
-    BackendKind{"openai", true, &EngineOptions::base_url, "--base-url", make_openai},
+    BackendKind{"auto", true, true, false},    BackendKind{"local", true, false, false},
+    BackendKind{"api", false, true, false},    BackendKind{"openai", true, false, true},
+    BackendKind{"tfidf", false, false, false},
 };
+
+/// The kind of a name; of the settings' names, any that is not known stands for auto.
+const BackendKind& kind_of(std::string_view name) {
+  const auto* const found = std::ranges::find(kBackendKinds, name, &BackendKind::name);
+  return found != kBackendKinds.end() ? *found : kBackendKinds.front();
+}
 
 void set_log_level_named(const std::string& name) {
   if (name == "debug") {
@@ -81,53 +53,104 @@ void set_log_level_named(const std::string& name) {
   set_log_sink({});  // whoever asks for the log gets all of it
 }
 
-/// A warning with an error attached reports what the command is about to fail with, and its own
-/// last line says that better.
-void log_what_is_not_thrown(const LogRecord& record) {
-  if (!record.error) write_to_standard_error(record);
+/// Left out is what the command says itself, and better: a failure that it is about to end with,
+/// and a backend that is not the one that was asked for.
+void log_what_is_not_reported(const LogRecord& record) {
+  if (record.error || record.format.starts_with("The embedding model could not be loaded") ||
+      record.format.ends_with("falling back to TF-IDF")) {
+    return;
+  }
+  write_to_standard_error(record);
 }
 
 [[noreturn]] void throw_usage(const std::string& problem) {
   throw Failure(ExitStatus::usage, problem + "; see tovana-embed --help");
 }
 
+Config read_settings(const EngineOptions& options) {
+  std::optional<std::filesystem::path> file = options.settings;
+  if (!file) {
+    file = user_config_file();
+    std::error_code error;
+    if (!file || !std::filesystem::exists(*file, error)) return {};
+  }
+  try {
+    return load_config(*file);
+  } catch (const ValueError& error) {
+    throw Failure(ExitStatus::bad_data, error.what());
+  } catch (const RuntimeError& error) {
+    throw Failure(ExitStatus::no_input, error.what());
+  }
+}
+
+void check_options(const EngineOptions& options, const BackendKind& kind) {
+  const std::string subject = "the backend " + std::string(kind.name);
+  if (options.model && !kind.takes_model) throw_usage(subject + " has no --model");
+  if (options.api_url && !kind.takes_api_url) throw_usage(subject + " has no --api-url");
+  if (options.base_url && !kind.takes_base_url) throw_usage(subject + " has no --base-url");
+  if (options.no_wait && options.wait_s)
+    throw_usage("--no-wait and --wait-s contradict each other");
+}
+
+/// What the engine would refuse again and again.
+void check_url(const EngineConfiguration& config, const std::string& key) {
+  const std::string url = embedding::text_value(config, key).value_or("");
+  if (url.empty()) return;
+  try {
+    embedding::_http_url(url, key);
+  } catch (const ValueError& error) {
+    throw_usage(error.what());
+  }
+}
+
 }  // namespace
 
 void add_engine_options(CLI::App& command, EngineOptions& options) {
   const auto set_backend = [&options](const std::string& name) {
-    if (std::ranges::find(kBackendKinds, name, &BackendKind::name) == kBackendKinds.end()) {
+    if (kind_of(name).name != name) {
       throw CLI::ValidationError("--backend",
-                                 "takes tfidf, local, openai or api, not \"" + name + "\"");
+                                 "takes auto, local, api, openai or tfidf, not \"" + name + "\"");
     }
     options.backend = name;
   };
   command
       .add_option_function<std::string>("--backend", set_backend,
                                         "What makes the vectors:\n"
-                                        "tfidf   hashed word weights that need no model (the\n"
-                                        "        default)\n"
+                                        "auto    the best of local, api (with --api-url) and\n"
+                                        "        tfidf that is there (the default, unless the\n"
+                                        "        settings name another)\n"
                                         "local   a sentence-transformers model in this process\n"
-                                        "openai  an OpenAI-compatible endpoint, at --base-url\n"
                                         "api     a generic embedding API, at --api-url\n"
+                                        "openai  an OpenAI-compatible endpoint, at --base-url\n"
+                                        "tfidf   hashed word weights that need no model\n"
                                         "An endpoint's key is read from the environment:\n"
                                         "BRUNE_LLM_EMBEDDING_API_KEY, else BRUNE_LLM_API_KEY")
       ->type_name("NAME");
+  command
+      .add_option("--model", options.model,
+                  "local: a model's name on the hub, or a directory,\n"
+                  "./NAME (all-MiniLM-L6-v2); openai: the model that is\n"
+                  "asked for (text-embedding-3-small)")
+      ->option_text("NAME");
+  add_count(command, "--dimension", options.dimension,
+            "Numbers in a vector (tfidf: 256). Models and endpoints\n"
+            "have their own");
   command
       .add_option("--base-url", options.base_url, "openai: the URL that /embeddings is appended to")
       ->option_text("URL");
   command.add_option("--api-url", options.api_url, "api: the URL to post to")->option_text("URL");
   command
-      .add_option("--model", options.model,
-                  "local: a model's name on the hub, which has to be in the\n"
-                  "cache, or a directory, ./NAME (all-MiniLM-L6-v2); openai:\n"
-                  "the model that is asked for (text-embedding-3-small);\n"
-                  "api: what the vectors are named after (api)")
-      ->option_text("NAME");
-  add_count(command, "--dimension", options.dimension,
-            "Numbers in a vector (tfidf: 256). Models and endpoints\n"
-            "have their own");
+      .add_option("--settings", options.settings,
+                  "The daemon's settings, a TOML file\n"
+                  "($XDG_CONFIG_HOME/tovana/settings.toml, if it is there)")
+      ->option_text("FILE");
+  add_seconds(command, "--wait-s", options.wait_s,
+              "Wait at most S seconds for the model (as long as its\n"
+              "load goes on; one that fails ends the wait)");
+  command.add_flag("--no-wait", options.no_wait,
+                   "Do not wait for the model: the same as --wait-s 0");
   set_log_level(LogLevel::warning);
-  set_log_sink(log_what_is_not_thrown);
+  set_log_sink(log_what_is_not_reported);
   command
       .add_option_function<std::string>("--log-level", set_log_level_named,
                                         "Log messages on stderr from this level up: debug, info\n"
@@ -136,25 +159,27 @@ void add_engine_options(CLI::App& command, EngineOptions& options) {
       ->type_name("LEVEL");
 }
 
-std::unique_ptr<EmbeddingBackend> make_backend(const EngineOptions& options) {
-  const BackendKind& kind = *std::ranges::find(kBackendKinds, options.backend, &BackendKind::name);
-  const std::string subject = "--backend " + options.backend;
-  if (options.model && !kind.takes_model) throw_usage(subject + " has no --model");
-  for (const BackendKind& other : kBackendKinds) {
-    if (other.url == nullptr) continue;
-    const bool is_given = (options.*other.url).has_value();
-    if (other.url == kind.url && !is_given) {
-      throw_usage(subject + " needs " + std::string(kind.url_option));
-    }
-    if (other.url != kind.url && is_given) {
-      throw_usage(subject + " has no " + std::string(other.url_option));
-    }
+EngineConfiguration engine_configuration(const EngineOptions& options) {
+  Config settings = read_settings(options);
+  if (options.backend) settings.daemon.embedding_backend = *options.backend;
+  const BackendKind& kind = kind_of(settings.daemon.embedding_backend);
+  check_options(options, kind);
+  EngineConfiguration config = embedding::engine_config(settings);
+  if (options.base_url) config["base_url"] = *options.base_url;
+  if (options.api_url) config["api_url"] = *options.api_url;
+  if (options.model) config["model_name"] = *options.model;
+  if (options.dimension) config["dimension"] = *options.dimension;
+  if (config.contains("api_url")) {
+    if (const auto key = embedding::endpoint_key()) config["api_key"] = *key;
   }
-  try {
-    return kind.make(options);
-  } catch (const ValueError& error) {
-    throw_usage(error.what());
+  for (const char* const key : {"api_url", "base_url"}) check_url(config, key);
+  // Left to the engine, an endpoint that was asked for without its URL would become tfidf.
+  if (options.backend == "api" && !options.api_url) throw_usage("--backend api needs --api-url");
+  if (options.backend == "openai" &&
+      embedding::text_value(config, "base_url").value_or("").empty()) {
+    throw_usage("--backend openai needs --base-url");
   }
+  return config;
 }
 
 }  // namespace tovana::tool

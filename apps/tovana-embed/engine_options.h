@@ -1,30 +1,33 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 
 #include <CLI/CLI.hpp>
 
-#include "tovana/engines/embedding/backends/backend.h"
+#include "tovana/engines/embedding/engine/configuration.h"
 
 namespace tovana::tool {
 
-/// What every command is told about the backend that makes its vectors.
+/// What every command is told about the engine that makes its vectors.
 struct EngineOptions {
-  std::string backend = "tfidf";
+  std::optional<std::string> backend;  ///< Null: what the settings say.
   std::optional<std::string> model;
   std::optional<std::int64_t> dimension;
   std::optional<std::string> base_url;
   std::optional<std::string> api_url;
+  std::optional<std::string> settings;  ///< Null: the user's file, if there is one.
+  std::optional<double> wait_s;         ///< Null: for as long as the load goes on.
+  bool no_wait = false;
 };
 
 /// Adds the options to a command. The log options take effect while the command line is parsed.
 void add_engine_options(CLI::App& command, EngineOptions& options);
 
-/// The backend that the options ask for; the one place where the tool makes one. An endpoint's key
-/// comes from the environment. Throws Failure (usage) for options that make no backend.
-std::unique_ptr<embedding::EmbeddingBackend> make_backend(const EngineOptions& options);
+/// What the options and the settings ask for. An endpoint's key comes from the environment. Throws
+/// Failure: usage for options that do not go together or an URL that is none, no_input and bad_data
+/// for a settings file that cannot be read or is malformed.
+embedding::EngineConfiguration engine_configuration(const EngineOptions& options);
 
 }  // namespace tovana::tool

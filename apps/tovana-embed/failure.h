@@ -14,6 +14,7 @@ namespace tovana::tool {
 /// What the process says to its caller; the numbers are those of <sysexits.h>.
 enum class ExitStatus : int {
   success = EX_OK,
+  different = 1,  ///< The answer of migrate-check that asks for work; no failure.
   usage = EX_USAGE,
   bad_data = EX_DATAERR,
   no_input = EX_NOINPUT,

@@ -50,12 +50,25 @@ Interrupts::Interrupts(std::function<void()> discard_unfinished)
   std::thread([this, signals] { wait_for_signals(signals); }).detach();
 }
 
+void Interrupts::on_request(std::function<void()> action) const {
+  {
+    const LockGuard guard(_lock);
+    // Of a signal and an action that come at the same moment, the second one finds the first.
+    if (action) _action = std::move(action);
+    if (!_requested) return;
+    action = std::move(_action);
+    _action = nullptr;
+  }
+  if (action) action();
+}
+
 void Interrupts::wait_for_signals(const sigset_t& signals) {
   int received = 0;
   while (sigwait(&signals, &received) != 0) {
   }
   _requested = true;
   eventfd_write(_descriptor, 1);
+  on_request({});
   wait_for_another(signals, system_clock().now() + kGraceS);
   _discard_unfinished();
   // Nothing is flushed: the thread that holds a stream's lock may be the one that does not end.

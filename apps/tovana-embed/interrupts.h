@@ -4,6 +4,8 @@
 #include <csignal>
 #include <functional>
 
+#include "tovana/base/mutex.h"
+
 namespace tovana::tool {
 
 /// The user's wish to end the command: SIGINT, SIGTERM or SIGHUP, received by a thread of its own.
@@ -24,6 +26,11 @@ class Interrupts {
   Interrupts(const Interrupts&) = delete;
   Interrupts& operator=(const Interrupts&) = delete;
 
+  /// Has `action` called once, on the signal thread, with the first signal, or now when that has
+  /// come: to end a wait that looks at neither the flag nor the descriptor. It must not block. Any
+  /// thread may say so; a later action takes the place of an earlier one.
+  void on_request(std::function<void()> action) const;
+
   /// Any thread may ask.
   bool requested() const noexcept { return _requested; }
   /// Readable, for poll, from the first signal on. Never read from it.
@@ -35,6 +42,8 @@ class Interrupts {
   std::function<void()> _discard_unfinished;
   int _descriptor;
   std::atomic<bool> _requested = false;
+  mutable Mutex _lock;
+  mutable std::function<void()> _action TOVANA_GUARDED_BY(_lock);
 };
 
 }  // namespace tovana::tool

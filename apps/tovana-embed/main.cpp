@@ -12,6 +12,7 @@
 
 #include "command.h"
 #include "failure.h"
+#include "fetch_display.h"
 #include "interrupts.h"
 #include "output.h"
 #include "run_limits.h"
@@ -75,50 +76,55 @@ void describe(CLI::App& tool) {
       "tovana-embed COMMAND --help tells more.\n\n"
       "Exit status:\n"
       "  0    done\n"
+      "  1    migrate-check: the vectors have to be embedded again\n"
       "  64   the command line is wrong\n"
-      "  65   a line of --jsonl input is no object with a text\n"
+      "  65   the input, the settings or the database are malformed\n"
       "  66   the input cannot be read\n"
       "  69   the backend failed, or the deadline passed\n"
       "  70   the tool itself failed\n"
       "  74   the output cannot be written\n"
-      "  75   the backend is not ready: try again later\n"
+      "  75   the model is not ready: try again later\n"
       "  130  interrupted\n"
       "  141  the reader of the output went away (as a signal, SIGPIPE)");
 }
 
-void run(std::vector<std::string> arguments, const Interrupts& interrupts) {
+ExitStatus run(std::vector<std::string> arguments, const Interrupts& interrupts) {
   CLI::App tool("Turns texts into vectors, and finds texts by them.", "tovana-embed");
   describe(tool);
-  const std::vector<Command> commands = {add_embed_command(tool), add_search_command(tool)};
+  const std::vector<Command> commands = {add_embed_command(tool), add_search_command(tool),
+                                         add_status_command(tool), add_migrate_check_command(tool),
+                                         add_pull_command(tool)};
   try {
     check_no_terminator(arguments);
     std::ranges::reverse(arguments);  // the parser takes them from the back
     tool.parse(std::move(arguments));
   } catch (const CLI::CallForHelp&) {
-    return print(tool.help(), interrupts);
+    print(tool.help(), interrupts);
+    return ExitStatus::success;
   } catch (const CLI::CallForVersion& version) {
-    return print(std::string(version.what()) + "\n", interrupts);
+    print(std::string(version.what()) + "\n", interrupts);
+    return ExitStatus::success;
   } catch (const CLI::ParseError& error) {
     const auto chosen = tool.get_subcommands();
     if (chosen.empty()) {
       throw Failure(ExitStatus::usage,
-                    "there is no command in these arguments; give embed or search, "
+                    "there is no command in these arguments; give one, as embed, "
                     "see tovana-embed --help");
     }
     throw Failure(ExitStatus::usage, std::string(error.what()) + "; see tovana-embed " +
                                          chosen.front()->get_name() + " --help");
   }
-  for (const Command& command : commands) {
-    if (command.arguments->parsed()) return command.run(interrupts);
-  }
+  const auto parsed = std::ranges::find_if(
+      commands, [](const Command& command) { return command.arguments->parsed(); });
+  return parsed->run(interrupts);
 }
 
 ExitStatus run_reporting(std::vector<std::string> arguments) {
   try {
+    show_fetches();
     // Never deleted: its thread lives until the process ends.
     const auto* const interrupts = new Interrupts(discard_unfinished_output);
-    run(std::move(arguments), *interrupts);
-    return ExitStatus::success;
+    return run(std::move(arguments), *interrupts);
   } catch (const Interrupted&) {
     return ExitStatus::interrupted;
   } catch (const ClosedPipe&) {

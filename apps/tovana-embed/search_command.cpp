@@ -13,6 +13,7 @@
 #include "command.h"
 #include "embedding_call.h"
 #include "engine_options.h"
+#include "engine_session.h"
 #include "failure.h"
 #include "json_writer.h"
 #include "option_values.h"
@@ -25,7 +26,6 @@
 namespace tovana::tool {
 namespace {
 
-using embedding::EmbeddingBackend;
 using embedding::Vector;
 using Hit = storage::EmbeddingIndex::Neighbour;
 
@@ -37,19 +37,19 @@ struct SearchOptions {
   bool json = false;
 };
 
-Vector embed_query(EmbeddingBackend& backend, const std::string& query, const RunLimits& limits) {
+Vector embed_query(EngineSession& session, const std::string& query, const RunLimits& limits) {
   Vector vector;
-  embed_in_batches(backend, {query}, 1, limits,
+  embed_in_batches(session, {query}, 1, limits,
                    [&](std::size_t, const std::vector<Vector>& vectors) { vector = vectors[0]; });
   return vector;
 }
 
 /// The texts that have anything in common with the query, best first, at most `top`.
-std::vector<Hit> rank(EmbeddingBackend& backend, const std::vector<std::string>& texts,
+std::vector<Hit> rank(EngineSession& session, const std::vector<std::string>& texts,
                       const Vector& query, std::size_t top, const RunLimits& limits) {
   storage::EmbeddingIndex index(query.size());
   Progress progress(texts.size(), false);
-  embed_in_batches(backend, texts, kDefaultBatchSize, limits,
+  embed_in_batches(session, texts, kDefaultBatchSize, limits,
                    [&](std::size_t first, const std::vector<Vector>& vectors) {
                      for (std::size_t i = 0; i < vectors.size(); ++i) {
                        limits.check_interrupted();
@@ -94,21 +94,21 @@ void write_json_hit(Output& output, double score, std::size_t line, const std::s
   output.write("}\n");
 }
 
-void search(const SearchOptions& options, const Interrupts& interrupts) {
+ExitStatus search(const SearchOptions& options, const Interrupts& interrupts) {
   const RunLimits limits(interrupts);
   Output output("-", limits);
-  const auto backend = make_backend(options.engine);
+  EngineSession session(options.engine, interrupts);
   const InputTexts input = read_texts(options.input, limits);
   const InputTexts query = texts_of_arguments(options.query->results());
-  const Vector query_vector = embed_query(*backend, query.texts.front(), limits);
+  const Vector query_vector = embed_query(session, query.texts.front(), limits);
   if (std::ranges::all_of(query_vector, [](double value) { return value == 0; })) {
     report(
         "the query holds no searchable word, so nothing is like it; give words of two letters or "
         "more");
-    return;
+    return ExitStatus::success;
   }
   const std::vector<Hit> hits =
-      rank(*backend, input.texts, query_vector, static_cast<std::size_t>(options.top), limits);
+      rank(session, input.texts, query_vector, static_cast<std::size_t>(options.top), limits);
   if (hits.empty()) report("no text is like the query");
   for (const Hit& hit : hits) {
     const auto index = static_cast<std::size_t>(hit.id);
@@ -119,6 +119,7 @@ void search(const SearchOptions& options, const Interrupts& interrupts) {
     }
   }
   output.finish();
+  return ExitStatus::success;
 }
 
 }  // namespace
@@ -143,7 +144,8 @@ Examples:
   tovana-embed search 'read a file' --input names.txt --top 3
   git ls-files | tovana-embed search 'http client'
   tovana-embed search timeout --jsonl --json < records.jsonl)");
-  return {&command, [options](const Interrupts& interrupts) { search(*options, interrupts); }};
+  return {&command,
+          [options](const Interrupts& interrupts) { return search(*options, interrupts); }};
 }
 
 }  // namespace tovana::tool

@@ -94,6 +94,8 @@ TEST(TovanaEmbedEndpoint, AsksForWhatABackendNeedsAndNoMore) {
       {"--backend", "openai", "--api-url", "http://h", "--base-url", "http://h"},
       {"--backend", "api", "--api-url", "ftp://h"},
       {"--backend", "tfidf", "--model", "m"},
+      {"--backend", "api", "--api-url", "http://h", "--model", "m"},
+      {"--no-wait", "--wait-s", "1"},
       {"--base-url", "http://h"}};
   for (std::vector<std::string> arguments : wrong) {
     arguments.insert(arguments.begin(), {"embed", "a"});

@@ -27,7 +27,11 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
+/// The tool with the backend that needs nothing.
 std::vector<std::string> tool(std::vector<std::string> arguments) {
+  if (!arguments.empty() && (arguments[0] == "embed" || arguments[0] == "search")) {
+    arguments.insert(arguments.begin() + 1, {"--backend", "tfidf"});
+  }
   arguments.insert(arguments.begin(), TOVANA_EMBED_PATH);
   return arguments;
 }
@@ -354,7 +358,7 @@ TEST_F(TovanaEmbed, WrongUseIsToldApartFromWork) {
       {"search", "a", "--top", "0"}};
   for (const auto& arguments : wrong) expect_error(run(tool(arguments)), 64, "--help");
   expect_error(run(tool({"embed", "a", "--backend", "none"})), 64,
-               "takes tfidf, local, openai or api");
+               "takes auto, local, api, openai or tfidf");
 }
 
 }  // namespace

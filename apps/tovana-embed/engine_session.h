@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "engine_options.h"
+#include "run_limits.h"
+#include "tovana/engines/embedding/engine/engine.h"
+
+namespace tovana::tool {
+
+/// The engine of one command: it loads from the start, while the command still reads its input, and
+/// is closed when the user wants the command to end. Used by one thread.
+class EngineSession {
+ public:
+  /// Throws as `engine_configuration`; Failure (not_ready) when there is no thread to load with.
+  EngineSession(const EngineOptions& options, const Interrupts& interrupts);
+  ~EngineSession();
+  EngineSession(const EngineSession&) = delete;
+  EngineSession& operator=(const EngineSession&) = delete;
+
+  embedding::EmbeddingEngine& engine() const { return *_engine; }
+
+  /// The engine's backend, waited for as the options say, but not past the limits. The first time
+  /// it says on stderr when the backend is not the one that was asked for. Throws Interrupted, and
+  /// Failure (not_ready) with what is going on and what to do.
+  embedding::EmbeddingBackend& wait_ready(const RunLimits& limits);
+
+  /// What to do about a reason or a failure that the engine reports; may be empty.
+  std::string advice(const std::string& detail) const;
+
+ private:
+  const EngineOptions& _options;
+  const embedding::EngineConfiguration _config;
+  const std::shared_ptr<embedding::EmbeddingEngine> _engine;
+  std::shared_ptr<embedding::EmbeddingBackend> _backend;
+};
+
+}  // namespace tovana::tool

@@ -1,0 +1,75 @@
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "command.h"
+#include "engine_options.h"
+#include "engine_session.h"
+#include "output.h"
+
+namespace tovana::tool {
+namespace {
+
+using embedding::EmbeddingNotReadyError;
+using embedding::EmbeddingStatus;
+
+/// What loads at once is ready by then.
+constexpr double kGlanceS = 0.1;
+
+struct StatusOptions {
+  EngineOptions engine;
+  bool wait = false;
+  bool json = false;
+};
+
+std::string json_line(const EmbeddingStatus& status) {
+  nlohmann::ordered_json object;
+  for (const auto& [name, value] : status.to_dict()) {
+    std::visit([&object, &name = name](const auto& field) { object[name] = field; }, value);
+  }
+  return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+ExitStatus status(const StatusOptions& options, const Interrupts& interrupts) {
+  const RunLimits limits(interrupts);
+  Output output("-", limits);
+  EngineOptions engine_options = options.engine;
+  if (!options.wait && !engine_options.wait_s) engine_options.wait_s = kGlanceS;
+  EngineSession session(engine_options, interrupts);
+  std::optional<Failure> not_ready;
+  try {
+    session.wait_ready(limits);
+  } catch (const Failure& failure) {
+    not_ready = failure;
+  }
+  const EmbeddingStatus now = session.engine().status();
+  output.write(options.json ? json_line(now) : "The embedding model " + now.describe() + "\n");
+  output.finish();
+  return now.ready() ? ExitStatus::success : ExitStatus::not_ready;
+}
+
+}  // namespace
+
+Command add_status_command(CLI::App& tool) {
+  const auto options = std::make_shared<StatusOptions>();
+  CLI::App& command = *tool.add_subcommand("status", "Say whether the embedding model is ready");
+  command.add_flag("--wait", options->wait, "Wait until the model is ready or its load has failed");
+  command.add_flag("--json", options->json, "Print an object with the fields of the status");
+  add_engine_options(command, options->engine);
+  command.footer(
+      R"(Begins to load the model as every command does, and says how far that has come:
+after a tenth of a second, unless --wait or --wait-s says otherwise. The exit
+status is 0 when the model is ready, 75 when it is not.
+
+Examples:
+  tovana-embed status
+  tovana-embed status --wait --json --backend local)");
+  return {&command,
+          [options](const Interrupts& interrupts) { return status(*options, interrupts); }};
+}
+
+}  // namespace tovana::tool
