@@ -1,0 +1,59 @@
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "tovana/engines/embedding/engine/engine.h"
+
+/// What the engine itself costs: a call through it beside the same call of its backend, and a
+/// status. The backend does nothing, so that all there is to see is the way to it.
+namespace {
+
+using namespace tovana::embedding;
+
+class IdleBackend final : public EmbeddingBackend {
+ public:
+  const std::string& name() const noexcept override { return _name; }
+  std::int64_t dimension() const noexcept override { return 1; }
+  std::vector<Vector> embed(const std::vector<std::string>& texts) override {
+    return std::vector<Vector>(texts.size(), Vector(1));
+  }
+  void warm_up() override {}
+
+ private:
+  std::string _name = "local:all-MiniLM-L6-v2";
+};
+
+const std::string kText = "parse the configuration file of the daemon";
+
+EmbeddingEngine& engine() {
+  static auto& made = *new EmbeddingEngine({}, std::make_shared<IdleBackend>());
+  return made;
+}
+
+void backend_alone(benchmark::State& state) {
+  IdleBackend backend;
+  for (auto _ : state) benchmark::DoNotOptimize(backend.embed({kText}));
+}
+
+void embed_single(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(engine().embed_single(kText, {.wait = false}));
+}
+
+void status(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(engine().status());
+}
+
+void fallback_reason(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(engine().fallback_reason());
+}
+
+BENCHMARK(backend_alone)->ThreadRange(1, 8)->UseRealTime();
+BENCHMARK(embed_single)->ThreadRange(1, 8)->UseRealTime();
+BENCHMARK(status)->ThreadRange(1, 8)->UseRealTime();
+BENCHMARK(fallback_reason);
+
+}  // namespace
+
+BENCHMARK_MAIN();
