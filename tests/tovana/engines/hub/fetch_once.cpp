@@ -21,9 +21,8 @@ int main(int argc, char** argv) {
     }).detach();
   }
   try {
-    const CachedModel model =
-        fetch_model(parse_model_name(argv[3]), {.root = argv[2]}, {.hub = {.endpoint = argv[1]}});
-    std::printf("%s\n", model.directory.c_str());
+    tovana::set_log_level(tovana::LogLevel::warning);
+    fetch_model(parse_model_name(argv[3]), {.root = argv[2]}, {.hub = {.endpoint = argv[1]}});
     return 0;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());

@@ -4,20 +4,20 @@
 
 #include "tovana/engines/embedding/backends/model_library.h"
 #include "tovana/engines/hub/cached_model.h"
+#include "tovana/engines/hub/fetch_model.h"
 
 namespace tovana::embedding {
 namespace {
 
-/// The folder of a model that may be fetched. Where it has to be, that fails for now.
+/// The folder of a model, which is fetched if it may be and has to be.
 hub::CachedModel find_model(const std::string& model_name, bool local_files_only) {
   const hub::CacheSettings cache = hub::cache_settings();
+  const hub::ModelName name = hub::parse_model_name(model_name);
   try {
-    return hub::find_cached_model(hub::parse_model_name(model_name), cache);
+    return hub::find_cached_model(name, cache);
   } catch (const hub::ModelNotCachedError&) {
-    if (local_files_only) throw;
-    throw RuntimeError("cannot fetch the model " + model_name +
-                       ": fetching is not built in yet; copy the model into the cache at " +
-                       cache.root.string() + ", or name a directory that holds it");
+    if (local_files_only || cache.is_offline) throw;
+    return hub::fetch_model(name, cache, {.hub = hub::hub_settings()});
   }
 }
 
