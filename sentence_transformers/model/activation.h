@@ -5,9 +5,9 @@
 
 #include <ATen/core/Tensor.h>
 
-namespace tovana::sentence_transformers {
+#include "sentence_transformers/compute/kernels.h"
 
-enum class Activation { identity, gelu, gelu_tanh, relu, silu, tanh };
+namespace tovana::sentence_transformers {
 
 /// By the name that a config.json gives to `hidden_act`; none for an unknown one.
 std::optional<Activation> activation_from_hidden_act(std::string_view name) noexcept;

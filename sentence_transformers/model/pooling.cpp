@@ -7,8 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include <ATen/ops/empty.h>
-
 #include "sentence_transformers/model/settings.h"
 
 namespace tovana::sentence_transformers {
@@ -127,23 +125,19 @@ Pooling Pooling::read(const ModelDirectory& directory, std::int64_t width) {
   return {width, modes_of(settings), settings.flag("include_prompt").value_or(true)};
 }
 
-at::Tensor Pooling::operator()(const at::Tensor& tokens, const TokenBatch& batch,
-                               std::int64_t skipped) const {
-  at::Tensor result = at::empty({batch.texts(), dimension()});
-  const float* in = tokens.const_data_ptr<float>();
-  float* out = result.mutable_data_ptr<float>();
+void Pooling::operator()(const float* tokens, const TokenBatch& batch, std::int64_t skipped,
+                         float* out) const {
   const auto width = static_cast<std::size_t>(_width);
   for (const TokenBatch::Group& group : batch.groups()) {
     const auto length = static_cast<std::size_t>(group.length);
     const auto first = static_cast<std::size_t>(std::min(skipped, group.length - 1));
-    for (std::int64_t text = 0; text < group.texts; ++text, in += length * width) {
+    for (std::int64_t text = 0; text < group.texts; ++text, tokens += length * width) {
       for (const Mode mode : _modes) {
-        pool({.data = in, .width = width, .first = first, .length = length}, mode, out);
+        pool({.data = tokens, .width = width, .first = first, .length = length}, mode, out);
         out += width;
       }
     }
   }
-  return result;
 }
 
 }  // namespace tovana::sentence_transformers

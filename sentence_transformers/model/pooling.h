@@ -4,8 +4,6 @@
 #include <utility>
 #include <vector>
 
-#include <ATen/core/Tensor.h>
-
 #include "sentence_transformers/files/model_directory.h"
 #include "sentence_transformers/model/token_batch.h"
 
@@ -34,8 +32,8 @@ class Pooling {
 
   /// `[batch.rows() x width]` to `[batch.texts() x dimension]`. The first `skipped` tokens of each
   /// text do not count; its last one always does.
-  at::Tensor operator()(const at::Tensor& tokens, const TokenBatch& batch,
-                        std::int64_t skipped) const;
+  void operator()(const float* tokens, const TokenBatch& batch, std::int64_t skipped,
+                  float* out) const;
 
  private:
   Pooling(std::int64_t width, std::vector<Mode> modes, bool includes_prompt)

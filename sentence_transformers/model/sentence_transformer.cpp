@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include <ATen/ops/empty.h>
 #include <c10/core/InferenceMode.h>
 
 #include "sentence_transformers/model/settings.h"
@@ -13,10 +14,31 @@
 namespace tovana::sentence_transformers {
 namespace {
 
-/// What bounds the memory of a call: the matrices of a forward pass have about as many rows. The
-/// products run at full speed from some hundred rows on; with more than this, what one step writes
-/// is no longer in the cache for the next.
-constexpr std::int64_t kRowsPerBatch = 1024;
+/// How many batches are encoded before their texts' vectors are finished: what bounds the memory of
+/// a call.
+constexpr std::size_t kBatchesPerRound = 512;
+
+/// Cuts texts, in this order, into batches of about the same number of rows.
+std::vector<TokenBatch> make_batches(const std::vector<std::vector<std::int32_t>>& ids,
+                                     const std::vector<std::size_t>& order,
+                                     std::int64_t rows_per_batch) {
+  std::int64_t rows = 0;
+  for (const std::vector<std::int32_t>& text : ids) rows += std::ssize(text);
+  const std::int64_t count = (rows + rows_per_batch - 1) / rows_per_batch;
+  std::vector<TokenBatch> batches;
+  std::int64_t place = 0;
+  std::int64_t last = -1;
+  for (const std::size_t text : order) {
+    // A text goes where its middle would be if texts could be cut.
+    const std::int64_t length = std::ssize(ids[text]);
+    const std::int64_t batch = (2 * place + length) * count / (2 * rows);
+    if (batch != last) batches.emplace_back();
+    batches.back().add(ids[text]);
+    place += length;
+    last = batch;
+  }
+  return batches;
+}
 
 const std::string& transformer_path(const std::vector<ModuleEntry>& modules) {
   static const std::string kModelItself;
@@ -42,7 +64,7 @@ std::string find_prompt(const Settings& settings, const std::string& name) {
 }  // namespace
 
 std::unique_ptr<const SentenceTransformer> SentenceTransformer::load(
-    const ModelDirectory& directory, LinearKernel kernel) {
+    const ModelDirectory& directory, const Kernels* kernels) {
   const c10::InferenceMode inference;
   const std::vector<ModuleEntry> modules = read_module_list(directory);
   const ModelDirectory transformer = directory.subdirectory(transformer_path(modules));
@@ -53,16 +75,16 @@ std::unique_ptr<const SentenceTransformer> SentenceTransformer::load(
   }
   const TransformerConfig config = read_transformer_config(transformer);
   return std::unique_ptr<const SentenceTransformer>(
-      new SentenceTransformer(directory, modules, transformer, config, kernel));
+      new SentenceTransformer(directory, modules, transformer, config, kernels));
 }
 
 SentenceTransformer::SentenceTransformer(const ModelDirectory& directory,
                                          const std::vector<ModuleEntry>& modules,
                                          const ModelDirectory& transformer,
-                                         const TransformerConfig& config, LinearKernel kernel)
+                                         const TransformerConfig& config, const Kernels* kernels)
     : _max_length(config.max_length),
       _tokenizer(Tokenizer::load(transformer, {.lowercase_first = config.lowercases_first})),
-      _encoder(transformer, config, kernel),
+      _encoder(load_encoder(transformer, config, kernels)),
       _pooling(read_pooling(directory, modules, config.hidden)) {
   if (_tokenizer.largest_id() >= config.vocabulary) {
     throw ValueError(transformer.path().string() + ": the tokenizer gives ids up to " +
@@ -137,25 +159,32 @@ void SentenceTransformer::encode(std::span<const std::string_view> texts, bool n
   std::ranges::stable_sort(order, std::ranges::greater{},
                            [&ids](std::size_t text) { return ids[text].size(); });
 
-  const auto width = static_cast<std::size_t>(_dimension);
-  for (std::size_t first = 0; first < order.size();) {
-    TokenBatch batch;
-    std::size_t next = first;
-    do {
-      batch.add(ids[order[next]]);
-      ++next;
-    } while (next < order.size() &&
-             batch.rows() + static_cast<std::int64_t>(ids[order[next]].size()) <= kRowsPerBatch);
-    const at::Tensor rows = _encode(batch, normalize);
+  const std::vector<TokenBatch> batches = make_batches(ids, order, _encoder->rows_per_batch());
+  auto text = order.begin();
+  for (std::size_t first = 0; first < batches.size(); first += kBatchesPerRound) {
+    const std::size_t count = std::min(kBatchesPerRound, batches.size() - first);
+    const at::Tensor rows = _encode(std::span(batches).subspan(first, count), normalize);
+    const auto width = static_cast<std::size_t>(_dimension);
     const float* row = rows.const_data_ptr<float>();
-    for (; first < next; ++first, row += width) {
-      std::copy_n(row, width, vectors + order[first] * width);
+    for (std::int64_t i = 0; i < rows.size(0); ++i, ++text, row += width) {
+      std::copy_n(row, width, vectors + *text * width);
     }
   }
 }
 
-at::Tensor SentenceTransformer::_encode(const TokenBatch& batch, bool normalize) const {
-  at::Tensor rows = _pooling(_encoder(batch), batch, _skipped_tokens);
+at::Tensor SentenceTransformer::_encode(std::span<const TokenBatch> batches, bool normalize) const {
+  std::vector<std::int64_t> first_texts;
+  std::int64_t texts = 0;
+  for (const TokenBatch& batch : batches) {
+    first_texts.push_back(texts);
+    texts += batch.texts();
+  }
+  at::Tensor rows = at::empty({texts, _pooling.dimension()});
+  float* const pooled = rows.mutable_data_ptr<float>();
+  (*_encoder)(batches, [&](std::size_t batch, const float* states) {
+    _pooling(states, batches[batch], _skipped_tokens,
+             pooled + first_texts[batch] * _pooling.dimension());
+  });
   for (const SentenceModule& module : _modules) rows = apply_module(module, rows);
   rows = rows.narrow(1, 0, _dimension).contiguous();
   return normalize ? Normalize()(rows) : rows;

@@ -30,8 +30,8 @@ class SentenceTransformer {
   /// Loads a model from its folder. Blocks while the weights are read and arranged. Throws
   /// ValueError, naming file and fault, for a model that is damaged or of a kind that is not
   /// supported here; RuntimeError when the system would not let us read it.
-  static std::unique_ptr<const SentenceTransformer> load(
-      const ModelDirectory& directory, LinearKernel kernel = best_linear_kernel());
+  static std::unique_ptr<const SentenceTransformer> load(const ModelDirectory& directory,
+                                                         const Kernels* kernels = best_kernels());
 
   /// The floats of a vector.
   std::int64_t dimension() const noexcept { return _dimension; }
@@ -45,16 +45,16 @@ class SentenceTransformer {
  private:
   SentenceTransformer(const ModelDirectory& directory, const std::vector<ModuleEntry>& modules,
                       const ModelDirectory& transformer, const TransformerConfig& config,
-                      LinearKernel kernel);
+                      const Kernels* kernels);
 
   void _read_modules(const ModelDirectory& directory, const std::vector<ModuleEntry>& modules);
   void _read_settings(const ModelDirectory& directory);
   std::vector<std::int32_t> _tokenize(std::string_view text) const;
-  at::Tensor _encode(const TokenBatch& batch, bool normalize) const;
+  at::Tensor _encode(std::span<const TokenBatch> batches, bool normalize) const;
 
   std::size_t _max_length;
   Tokenizer _tokenizer;
-  Encoder _encoder;
+  std::unique_ptr<const Encoder> _encoder;
   Pooling _pooling;
   std::vector<SentenceModule> _modules;
   std::int64_t _dimension = 0;

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <algorithm>
-#include <bit>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -9,8 +7,7 @@
 namespace tovana::sentence_transformers {
 
 /// Texts that go through the encoder together: their tokens one behind the other, a row each in
-/// every matrix of the forward pass. No text is padded to the length of its neighbours: only the
-/// whole gets a few rows more, which mean nothing.
+/// every matrix of the forward pass. No text is padded to the length of its neighbours.
 class TokenBatch {
  public:
   /// Consecutive texts of the same length: attention, the one step that looks at a text as a whole,
@@ -33,17 +30,6 @@ class TokenBatch {
   }
 
   std::int64_t rows() const noexcept { return static_cast<std::int64_t>(_ids.size()); }
-  /// The rows of the matrices: `rows()`, rounded up by an eighth on average and a quarter at most,
-  /// or to a multiple of 4. oneDNN compiles its products anew for every number of rows, which takes
-  /// longer than the product itself, and keeps what it compiled, over 2 MB for each number: there
-  /// are only so many numbers this way.
-  std::int64_t padded_rows() const noexcept {
-    const auto power =
-        std::bit_floor(static_cast<std::uint64_t>(std::max<std::int64_t>(rows(), 2) - 1));
-    const auto step = static_cast<std::int64_t>(std::clamp<std::uint64_t>(power / 4, 4, 64));
-    return (rows() + step - 1) / step * step;
-  }
-
   std::int64_t texts() const noexcept { return _texts; }
   const std::vector<std::int32_t>& ids() const noexcept { return _ids; }
   const std::vector<Group>& groups() const noexcept { return _groups; }

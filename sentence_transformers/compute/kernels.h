@@ -1,0 +1,98 @@
+#pragma once
+
+#include <cstddef>
+#include <span>
+
+/// The arithmetic of an encoder, written for one kind of processor: what the native encoder is made
+/// of. Matrices are rows of floats; a stride is the distance from one row to the next, in floats.
+namespace tovana::sentence_transformers {
+
+enum class Activation { identity, gelu, gelu_tanh, relu, silu, tanh };
+
+/// out = in W^T + bias, or out += in W^T.
+///
+/// W lies in panels: `columns / panel` of them, one behind the other, each with `panel` columns of
+/// `depth` numbers, the numbers of one depth side by side. Columns that W does not have are zero.
+struct Product {
+  std::size_t rows;
+  const float* in;  ///< `[rows x depth]`
+  std::size_t in_stride;
+  const float* panels;
+  std::size_t depth;
+  std::size_t columns;  ///< A multiple of `Kernels::panel`.
+  const float* bias;    ///< `[columns]`, or null.
+  float* out;           ///< `[rows x columns]`
+  std::size_t out_stride;
+  bool adds;  ///< Whether to add to what is there; `bias` is null then.
+};
+
+/// One head of attention over one text: out = softmax(scale Q K^T + bias) V.
+struct Attention {
+  std::size_t length;  ///< Rows of each matrix.
+  std::size_t width;   ///< Columns of each.
+  const float* query;
+  const float* key;
+  const float* value;
+  std::size_t stride;  ///< Of these three.
+  float scale;
+  /// `distance_bias[key - query]` is added to a score, and `panel` numbers behind the last are
+  /// readable; null for none.
+  const float* distance_bias;
+  float* out;
+  std::size_t out_stride;
+  float* scratch;  ///< `Kernels::attention_scratch(length, width)` floats.
+};
+
+/// out = (in - mean) / sqrt(variance + eps) * weight + bias, of each row.
+struct Normalization {
+  std::size_t rows;
+  std::size_t width;
+  const float* in;
+  std::size_t in_stride;
+  const float* weight;
+  const float* bias;
+  float eps;
+  float* out;
+  std::size_t out_stride;
+};
+
+/// out = left + right; with a `right_stride` of 0, one row is added to each.
+struct Sum {
+  std::size_t rows;
+  std::size_t width;
+  const float* left;
+  std::size_t left_stride;
+  const float* right;
+  std::size_t right_stride;
+  float* out;
+  std::size_t out_stride;
+};
+
+/// Sums are taken in an order that only the sizes of one row decide: a row's result is the same to
+/// the bit whatever rows stand beside it. No operation allocates or throws.
+struct Kernels {
+  const char* name;
+  std::size_t panel;
+  void (*multiply)(const Product&);
+  void (*attend)(const Attention&);
+  void (*normalize)(const Normalization&);
+  void (*add)(const Sum&);
+  /// The activation of each of `count` numbers, in place.
+  void (*activate)(Activation activation, float* numbers, std::size_t count);
+  std::size_t (*attention_scratch)(std::size_t length, std::size_t width);
+
+  std::size_t padded(std::size_t columns) const { return (columns + panel - 1) / panel * panel; }
+};
+
+/// Those that this processor can run, the fastest first; none on a processor that nobody has
+/// written any for.
+std::span<const Kernels* const> supported_kernels();
+
+/// The fastest of them, or null.
+const Kernels* best_kernels();
+
+// One for each file that is compiled for another instruction set.
+extern const Kernels kAvx2Kernels;
+extern const Kernels kAvx512Kernels;
+
+}  // namespace tovana::sentence_transformers

@@ -1,0 +1,65 @@
+#include "sentence_transformers/compute/packed_matrix.h"
+
+#include <algorithm>
+
+#include "sentence_transformers/compute/float_block.h"
+
+namespace tovana::sentence_transformers {
+
+std::size_t PackedMatrix::size(const Kernels& kernels, std::size_t depth, std::size_t columns) {
+  const std::size_t padded = kernels.padded(columns);
+  return FloatSlices::size(padded * depth) + FloatSlices::size(padded);
+}
+
+PackedMatrix::PackedMatrix(const Kernels& kernels, std::size_t depth, std::size_t columns,
+                           float* memory)
+    : _kernels(&kernels), _depth(depth), _columns(columns) {
+  FloatSlices slices(memory);
+  const std::size_t padded = kernels.padded(columns);
+  _panels = slices.take(padded * depth);
+  _bias = slices.take(padded);
+  std::fill(_bias, _bias + padded, 0.0F);
+  if (columns == padded) return;
+  const std::size_t last_panel = (padded - kernels.panel) * depth;
+  std::fill(_panels + last_panel, _panels + padded * depth, 0.0F);
+}
+
+void PackedMatrix::set_columns(std::size_t first, std::size_t count, const float* rows,
+                               std::size_t stride, const float* bias) {
+  const std::size_t panel = _kernels->panel;
+  for (std::size_t column = first; column < first + count; ++column, rows += stride) {
+    float* const to = _panels + column / panel * panel * _depth + column % panel;
+    for (std::size_t i = 0; i < _depth; ++i) to[i * panel] = rows[i];
+  }
+  if (bias != nullptr) std::copy_n(bias, count, _bias + first);
+}
+
+void PackedMatrix::multiply(std::size_t rows, const float* in, std::size_t in_stride,
+                            float* out) const {
+  _kernels->multiply({.rows = rows,
+                      .in = in,
+                      .in_stride = in_stride,
+                      .panels = _panels,
+                      .depth = _depth,
+                      .columns = padded_columns(),
+                      .bias = _bias,
+                      .out = out,
+                      .out_stride = padded_columns(),
+                      .adds = false});
+}
+
+void PackedMatrix::multiply_unbiased(std::size_t rows, const float* in, std::size_t in_stride,
+                                     float* out, bool adds) const {
+  _kernels->multiply({.rows = rows,
+                      .in = in,
+                      .in_stride = in_stride,
+                      .panels = _panels,
+                      .depth = _depth,
+                      .columns = padded_columns(),
+                      .bias = nullptr,
+                      .out = out,
+                      .out_stride = padded_columns(),
+                      .adds = adds});
+}
+
+}  // namespace tovana::sentence_transformers

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+
+#include "sentence_transformers/compute/kernels.h"
+
+namespace tovana::sentence_transformers {
+
+/// A weight matrix and its bias, arranged for one set of kernels, in memory of somebody else's. It
+/// is filled once and then only read.
+class PackedMatrix {
+ public:
+  PackedMatrix() = default;
+
+  /// The floats that a matrix takes.
+  static std::size_t size(const Kernels& kernels, std::size_t depth, std::size_t columns);
+
+  /// An empty one of that size in `memory`; every column has to be set.
+  PackedMatrix(const Kernels& kernels, std::size_t depth, std::size_t columns, float* memory);
+
+  /// Sets `count` columns from `first` on: from rows of `depth` floats, which are `stride` apart,
+  /// and as many numbers of bias, or none.
+  void set_columns(std::size_t first, std::size_t count, const float* rows, std::size_t stride,
+                   const float* bias);
+
+  std::size_t columns() const noexcept { return _columns; }
+  /// The columns that a product writes.
+  std::size_t padded_columns() const noexcept { return _kernels->padded(_columns); }
+
+  /// out = in W^T + b, of `[rows x depth]` to `[rows x padded_columns()]`.
+  void multiply(std::size_t rows, const float* in, std::size_t in_stride, float* out) const;
+
+  /// out = in W^T, or out += in W^T if it `adds`; without the bias.
+  void multiply_unbiased(std::size_t rows, const float* in, std::size_t in_stride, float* out,
+                         bool adds) const;
+
+ private:
+  const Kernels* _kernels = nullptr;
+  std::size_t _depth = 0;
+  std::size_t _columns = 0;
+  float* _panels = nullptr;
+  float* _bias = nullptr;
+};
+
+}  // namespace tovana::sentence_transformers

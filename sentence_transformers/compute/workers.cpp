@@ -1,0 +1,211 @@
+#include "sentence_transformers/compute/workers.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <exception>
+#include <list>
+#include <memory>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "tovana/base/background_thread.h"
+#include "tovana/base/mutex.h"
+
+namespace tovana::sentence_transformers {
+namespace {
+
+void pause() noexcept {
+#if defined(__x86_64__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield");
+#endif
+}
+
+/// About 20 microseconds: longer than a thread is late at the end of a step, shorter than what
+/// sleeping and waking cost.
+constexpr int kSpins = 500;
+
+/// What threads share about one call of `run_steps`. The work itself may be gone when a helper
+/// still looks at this, which is why there is nothing to look at but numbers once it is done.
+class Job {
+ public:
+  Job(SteppedWork& work, std::size_t steps, std::size_t parts)
+      : _work(work), _steps(steps), _parts(parts), _unfinished(parts) {}
+
+  /// Takes parts and runs them until there are none left or `is_unwanted()`, asked after each part.
+  /// Returns whether all is done.
+  template <typename Question>
+  bool take_part(const Question& is_unwanted) {
+    for (std::uint64_t ticket = _next.load(std::memory_order_acquire);;) {
+      const std::size_t step = ticket >> 32U;
+      const std::size_t part = ticket & kPartMask;
+      if (step == _steps) return true;
+      if (part == _parts) {
+        ticket = _wait_for_change(ticket);
+      } else if (_next.compare_exchange_weak(ticket, ticket + 1, std::memory_order_acquire)) {
+        _run(step, part);
+        if (is_unwanted()) return false;
+        ticket = _next.load(std::memory_order_acquire);
+      }
+    }
+  }
+
+  /// For the caller, when all is done.
+  void rethrow() const {
+    if (_failure) std::rethrow_exception(_failure);
+  }
+
+ private:
+  static constexpr std::uint64_t kPartMask = 0xFFFFFFFF;
+
+  void _run(std::size_t step, std::size_t part) {
+    _guarded([&] { _work.run(step, part); });
+    if (_unfinished.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    // The last one of this step: nobody else does anything before the next one is opened.
+    _guarded([&] { _work.finish(step); });
+    _unfinished.store(_parts, std::memory_order_relaxed);
+    const bool is_over = _has_failed.load(std::memory_order_relaxed);
+    _next.store(static_cast<std::uint64_t>(is_over ? _steps : step + 1) << 32U,
+                std::memory_order_release);
+    _next.notify_all();
+  }
+
+  template <typename Body>
+  void _guarded(const Body& body) noexcept {
+    if (_has_failed.load(std::memory_order_relaxed)) return;
+    try {
+      body();
+    } catch (...) {
+      if (!_has_failed.exchange(true)) _failure = std::current_exception();
+    }
+  }
+
+  std::uint64_t _wait_for_change(std::uint64_t ticket) const {
+    for (int spin = 0; spin < kSpins; ++spin) {
+      const std::uint64_t now = _next.load(std::memory_order_acquire);
+      if (now != ticket) return now;
+      pause();
+    }
+    _next.wait(ticket, std::memory_order_acquire);
+    return _next.load(std::memory_order_acquire);
+  }
+
+  SteppedWork& _work;
+  const std::size_t _steps;
+  const std::size_t _parts;
+  std::atomic<std::uint64_t> _next =
+      0;  ///< The step in the upper half, its next part in the lower.
+  std::atomic<std::size_t> _unfinished;  ///< Parts of the open step.
+  std::atomic<bool> _has_failed = false;
+  std::exception_ptr _failure;  ///< Written by whoever set the former, read when all is done.
+};
+
+/// The helpers and what they may help with. Never destroyed: they outlive whatever ends first.
+class Workers {
+ public:
+  static Workers& instance() {
+    static auto* const workers = new Workers;
+    return *workers;
+  }
+
+  void run(SteppedWork& work, std::size_t steps, std::size_t parts, std::size_t threads) {
+    const auto job = std::make_shared<Job>(work, steps, parts);
+    const std::size_t helpers = std::min({threads - 1, parts - 1, _processors - 1});
+    const auto entry = _offer(job, helpers);
+    job->take_part([] { return false; });
+    _withdraw(entry);
+    job->rethrow();
+  }
+
+ private:
+  struct Offer {
+    std::shared_ptr<Job> job;
+    std::size_t helpers;  ///< How many more may join.
+  };
+  using Offers = std::list<Offer>;
+
+  Workers() : _processors(std::max(1U, std::thread::hardware_concurrency())) {}
+
+  Offers::iterator _offer(std::shared_ptr<Job> job, std::size_t helpers) TOVANA_EXCLUDES(_lock) {
+    const LockGuard guard(_lock);
+    ++_computing;
+    _offers.push_back({std::move(job), helpers});
+    for (std::size_t idle = _idle; idle < helpers && _helpers < _processors - 1; ++idle) {
+      if (!_start_helper()) break;
+      ++_helpers;
+    }
+    const std::size_t wanted =
+        _computing < _processors ? std::min(helpers, _processors - _computing) : 0;
+    for (std::size_t i = 0; i < wanted; ++i) _changed.native().notify_one();
+    return std::prev(_offers.end());
+  }
+
+  void _withdraw(Offers::iterator offer) TOVANA_EXCLUDES(_lock) {
+    const LockGuard guard(_lock);
+    _offers.erase(offer);
+    --_computing;
+    if (!_offers.empty()) _changed.notify_all();
+  }
+
+  /// False when the system gives us no thread: then there is one less to help.
+  bool _start_helper() {
+    try {
+      start_background_thread("tovana-encode", [this] { _help(); });
+      return true;
+    } catch (const std::system_error&) {
+      return false;
+    }
+  }
+
+  [[noreturn]] void _help() TOVANA_EXCLUDES(_lock) {
+    _lock.lock();
+    while (true) {
+      const auto offer = _find_offer();
+      if (offer == _offers.end()) {
+        ++_idle;
+        _changed.wait(_lock);
+        --_idle;
+        continue;
+      }
+      --offer->helpers;
+      ++_computing;
+      const std::shared_ptr<Job> job = offer->job;
+      _lock.unlock();
+      const bool is_done = job->take_part(
+          [this] { return _computing.load(std::memory_order_relaxed) > _processors; });
+      _lock.lock();
+      --_computing;
+      if (!is_done) _offer_again(job);
+    }
+  }
+
+  Offers::iterator _find_offer() TOVANA_REQUIRES(_lock) {
+    if (_computing >= _processors) return _offers.end();
+    return std::ranges::find_if(_offers, [](const Offer& offer) { return offer.helpers > 0; });
+  }
+
+  void _offer_again(const std::shared_ptr<Job>& job) TOVANA_REQUIRES(_lock) {
+    const auto offer = std::ranges::find(_offers, job, &Offer::job);
+    if (offer != _offers.end()) ++offer->helpers;
+  }
+
+  const std::size_t _processors;
+  Mutex _lock;
+  ConditionVariable _changed;
+  Offers _offers TOVANA_GUARDED_BY(_lock);  ///< One for each call under way.
+  std::size_t _helpers TOVANA_GUARDED_BY(_lock) = 0;
+  std::size_t _idle TOVANA_GUARDED_BY(_lock) = 0;  ///< Helpers that sleep.
+  std::atomic<std::size_t> _computing = 0;         ///< Threads that do; written under the lock.
+};
+
+}  // namespace
+
+void run_steps(SteppedWork& work, std::size_t steps, std::size_t parts, std::size_t threads) {
+  if (steps == 0 || parts == 0) return;
+  Workers::instance().run(work, steps, parts, std::max<std::size_t>(threads, 1));
+}
+
+}  // namespace tovana::sentence_transformers

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+
+namespace tovana::sentence_transformers {
+
+/// Work in steps, one after the other, each of so many parts that may run in any order and at the
+/// same time.
+class SteppedWork {
+ public:
+  SteppedWork() = default;
+  SteppedWork(const SteppedWork&) = delete;
+  SteppedWork& operator=(const SteppedWork&) = delete;
+  virtual ~SteppedWork() = default;
+
+  /// Runs a part of a step, on any thread. Every part of the step before has been run, and
+  /// `finish` has for that step.
+  virtual void run(std::size_t step, std::size_t part) = 0;
+
+  /// Called once for each step, when all its parts have been run.
+  virtual void finish(std::size_t step) = 0;
+};
+
+/// Does the work on this thread and at most `threads - 1` helpers; returns when it is done. Throws
+/// the first exception that a part or a `finish` threw; what had not begun by then is not run.
+///
+/// Nobody waits for a thread that has yet to begin: a part belongs to whoever takes it first, so
+/// that a helper which the system does not let run costs nothing. It costs as much as a part takes
+/// if it is stopped in the middle of one.
+///
+/// Helpers are the process's: threads that sleep when there is nothing to do, and are never more
+/// than the processors but one. They help as long as no more threads compute, those that call this
+/// included, than there are processors; with more callers than that, each works by itself.
+///
+/// Threads: any number may call this at once. Safe while the process exits.
+void run_steps(SteppedWork& work, std::size_t steps, std::size_t parts, std::size_t threads);
+
+}  // namespace tovana::sentence_transformers
