@@ -39,7 +39,9 @@ std::string FakeHub::url() const {
   return url.substr(0, url.size() - 1);
 }
 
-std::string FakeHub::id_of(const File& file) { return hash(file, file.is_large ? 64 : 40); }
+std::string FakeHub::id_of(const File& file) {
+  return file.id.empty() ? hash(file, file.is_large ? 64 : 40) : file.id;
+}
 
 std::string FakeHub::entry(std::string_view path, std::string_view id, std::uint64_t size,
                            bool is_large) {
@@ -79,9 +81,10 @@ void FakeHub::answer(Connection& connection) {
   const std::string cache = "/api/resolve-cache/models/" + repo_id + "/" + commit + "/";
   if (path == info || path == info + "/revision/main") return send_info(connection);
   if (path.starts_with(info + "/revision/")) return refuse(connection, 404, "RevisionNotFound");
-  if (path == info + "/tree/" + commit) {
+  if (path == info + "/tree/" + commit || path == info + "/tree/main") {
     return send_listing(connection, std::string_view(target).substr(path.size()));
   }
+  if (path.starts_with(info + "/tree/")) return refuse(connection, 404, "EntryNotFound");
   if (path.starts_with(cache) && files.contains(path.substr(cache.size()))) {
     const File& file = files.at(path.substr(cache.size()));
     return send_content(connection, file.content,

@@ -20,6 +20,7 @@ class FakeHub {
   struct File {
     std::string content;
     bool is_large = false;  ///< Kept as LFS files are: named by SHA-256, served by the other host.
+    std::string id = {};    ///< The hash, if it is not to be worked out for each request.
   };
   using Connection = HttpServer::Connection;
 

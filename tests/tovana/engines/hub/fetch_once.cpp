@@ -22,7 +22,9 @@ int main(int argc, char** argv) {
   }
   try {
     tovana::set_log_level(tovana::LogLevel::warning);
-    fetch_model(parse_model_name(argv[3]), {.root = argv[2]}, {.hub = {.endpoint = argv[1]}});
+    FetchOptions options;
+    options.hub.endpoint = argv[1];
+    fetch_model(parse_model_name(argv[3]), {.root = argv[2]}, options);
     return 0;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());
