@@ -100,7 +100,7 @@ inline Vector tanh(Vector x) {
 inline Vector relu(Vector x) { return larger(Vector{}, x); }
 
 /// How far ahead of the sums a panel is fetched, in floats.
-constexpr std::size_t kAhead = 32 * kPanel;
+constexpr std::size_t kAhead = 64 * kPanel;
 
 /// `kRows` rows of a product with one panel, all sums in registers.
 template <std::size_t kRows>

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <list>
@@ -24,9 +25,19 @@ void pause() noexcept {
 #endif
 }
 
-/// About 20 microseconds: longer than a thread is late at the end of a step, shorter than what
+using SteadyClock = std::chrono::steady_clock;
+
+/// Some 40 microseconds: longer than a thread is late at the end of a step, shorter than what
 /// sleeping and waking cost.
-constexpr int kSpins = 500;
+constexpr int kSpins = 2000;
+
+/// A wait for others' parts that is longer than this, and than what two parts take, means that the
+/// system has stopped a helper in the middle of one: it has other things for that processor to do.
+constexpr SteadyClock::duration kLongWait = std::chrono::microseconds(200);
+
+/// For so long after that, work with many steps is done by its caller alone, rather than have every
+/// step wait for the processors to be free at the same time.
+constexpr SteadyClock::duration kTimeAlone = std::chrono::milliseconds(50);
 
 /// What threads share about one call of `run_steps`. The work itself may be gone when a helper
 /// still looks at this, which is why there is nothing to look at but numbers once it is done.
@@ -35,19 +46,30 @@ class Job {
   Job(SteppedWork& work, std::size_t steps, std::size_t parts)
       : _work(work), _steps(steps), _parts(parts), _unfinished(parts) {}
 
+  struct Outcome {
+    bool is_done;     ///< Otherwise this thread has left early.
+    bool has_waited;  ///< For a helper that was stopped.
+  };
+
   /// Takes parts and runs them until there are none left or `is_unwanted()`, asked after each part.
-  /// Returns whether all is done.
   template <typename Question>
-  bool take_part(const Question& is_unwanted) {
+  Outcome take_part(const Question& is_unwanted) {
+    SteadyClock::duration part_time = {};
+    SteadyClock::duration wait_time = {};
     for (std::uint64_t ticket = _next.load(std::memory_order_acquire);;) {
       const std::size_t step = ticket >> 32U;
       const std::size_t part = ticket & kPartMask;
-      if (step == _steps) return true;
+      const auto begin = SteadyClock::now();
+      if (step == _steps) {
+        return {.is_done = true, .has_waited = wait_time > std::max(kLongWait, 2 * part_time)};
+      }
       if (part == _parts) {
         ticket = _wait_for_change(ticket);
+        wait_time = std::max(wait_time, SteadyClock::now() - begin);
       } else if (_next.compare_exchange_weak(ticket, ticket + 1, std::memory_order_acquire)) {
         _run(step, part);
-        if (is_unwanted()) return false;
+        part_time = std::max(part_time, SteadyClock::now() - begin);
+        if (is_unwanted()) return {.is_done = false, .has_waited = false};
         ticket = _next.load(std::memory_order_acquire);
       }
     }
@@ -113,9 +135,13 @@ class Workers {
 
   void run(SteppedWork& work, std::size_t steps, std::size_t parts, std::size_t threads) {
     const auto job = std::make_shared<Job>(work, steps, parts);
-    const std::size_t helpers = std::min({threads - 1, parts - 1, _processors - 1});
+    std::size_t helpers = std::min({threads - 1, parts - 1, _processors - 1});
+    if (steps > 1 && SteadyClock::now().time_since_epoch() < _alone_until.load()) helpers = 0;
     const auto entry = _offer(job, helpers);
-    job->take_part([] { return false; });
+    const Job::Outcome outcome = job->take_part([] { return false; });
+    if (steps > 1 && outcome.has_waited) {
+      _alone_until = SteadyClock::now().time_since_epoch() + kTimeAlone;
+    }
     _withdraw(entry);
     job->rethrow();
   }
@@ -174,11 +200,11 @@ class Workers {
       ++_computing;
       const std::shared_ptr<Job> job = offer->job;
       _lock.unlock();
-      const bool is_done = job->take_part(
+      const Job::Outcome outcome = job->take_part(
           [this] { return _computing.load(std::memory_order_relaxed) > _processors; });
       _lock.lock();
       --_computing;
-      if (!is_done) _offer_again(job);
+      if (!outcome.is_done) _offer_again(job);
     }
   }
 
@@ -197,8 +223,9 @@ class Workers {
   ConditionVariable _changed;
   Offers _offers TOVANA_GUARDED_BY(_lock);  ///< One for each call under way.
   std::size_t _helpers TOVANA_GUARDED_BY(_lock) = 0;
-  std::size_t _idle TOVANA_GUARDED_BY(_lock) = 0;  ///< Helpers that sleep.
-  std::atomic<std::size_t> _computing = 0;         ///< Threads that do; written under the lock.
+  std::size_t _idle TOVANA_GUARDED_BY(_lock) = 0;        ///< Helpers that sleep.
+  std::atomic<SteadyClock::duration> _alone_until = {};  ///< Since the clock's beginning.
+  std::atomic<std::size_t> _computing = 0;  ///< Threads that do; written under the lock.
 };
 
 }  // namespace
