@@ -1,3 +1,4 @@
+#include <latch>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,6 +28,17 @@ class IdleBackend final : public EmbeddingBackend {
 
 const std::string kText = "parse the configuration file of the daemon";
 
+/// Loads for as long as the process lives.
+class EndlessRuntime final : public ModelRuntime {
+ public:
+  TorchRuntime* loaded_torch() noexcept override { return nullptr; }
+  void load_library() override { std::latch(1).wait(); }
+  std::unique_ptr<const SentenceTransformer> sentence_transformer(const std::string&,
+                                                                  bool) override {
+    return nullptr;
+  }
+};
+
 EmbeddingEngine& engine() {
   static auto& made = *new EmbeddingEngine({}, std::make_shared<IdleBackend>());
   return made;
@@ -49,9 +61,18 @@ void fallback_reason(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(engine().fallback_reason());
 }
 
+void status_while_loading(benchmark::State& state) {
+  static EndlessRuntime runtime;
+  static auto& loading = *new EmbeddingEngine({{"backend", "local"}}, nullptr,
+                                              {.surroundings = {.runtime = &runtime}});
+  loading.warm_up_async();
+  for (auto _ : state) benchmark::DoNotOptimize(loading.status());
+}
+
 BENCHMARK(backend_alone)->ThreadRange(1, 8)->UseRealTime();
 BENCHMARK(embed_single)->ThreadRange(1, 8)->UseRealTime();
 BENCHMARK(status)->ThreadRange(1, 8)->UseRealTime();
+BENCHMARK(status_while_loading);
 BENCHMARK(fallback_reason);
 
 }  // namespace

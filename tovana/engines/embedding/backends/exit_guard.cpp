@@ -1,13 +1,17 @@
 #include "tovana/engines/embedding/backends/exit_guard.h"
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <thread>
 
 #include <unistd.h>
 
+#include "tovana/base/background_thread.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::embedding {
@@ -21,6 +25,8 @@ constinit std::atomic<int> loading_calls = 0;
 /// Threads that are being protected. Registering a thread-local destructor takes the lock that
 /// dlopen holds, for minutes if need be, so neither begins while the other is under way.
 constinit std::atomic<int> registrations = 0;
+/// Whether a thread keeps the handler on top.
+constinit std::atomic<bool> is_kept_on_top = false;
 
 void cut_exit_short(int status, void* /*unused*/) {
   const std::uint64_t before = calls.fetch_or(kExiting);
@@ -49,6 +55,31 @@ class ThreadGuard {
   void touch() const noexcept {}
 };
 
+/// Keeps the handler on top while a load goes on, for the exit of threads that are not protected:
+/// that may still destroy what the library has registered since the last round, but no more.
+void keep_handler_on_top() noexcept {
+  std::chrono::microseconds pause(100);
+  constexpr std::chrono::microseconds kLongestPause(2000);  // a round costs 32 bytes for ever
+  do {
+    while (loading_calls > 0) {
+      put_handler_on_top();
+      std::this_thread::sleep_for(pause);
+      pause = std::min(pause * 101 / 100, kLongestPause);
+    }
+    is_kept_on_top = false;
+    // A load that began just before found the thread still there and relies on it.
+  } while (loading_calls > 0 && !is_kept_on_top.exchange(true));
+}
+
+void start_keeping_handler_on_top() noexcept {
+  if (is_kept_on_top.exchange(true)) return;
+  try {
+    start_background_thread("tovana-exit", keep_handler_on_top);
+  } catch (const std::exception&) {  // protected threads do without
+    is_kept_on_top = false;
+  }
+}
+
 /// Static initialisation runs on the main thread, unless the component itself is opened at run
 /// time. It is the thread that ends most processes, often one that never embeds.
 [[maybe_unused]] const bool main_thread_is_protected = (protect_exit_of_this_thread(), true);
@@ -72,6 +103,7 @@ CallInFlight::CallInFlight(Kind kind) : _kind(kind) {
   if (_kind == Kind::loading) {
     ++loading_calls;
     while (registrations != 0) std::this_thread::yield();
+    start_keeping_handler_on_top();
   }
   if ((calls.fetch_add(1) & kExiting) != 0) {
     --calls;

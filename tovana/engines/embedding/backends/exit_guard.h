@@ -15,10 +15,10 @@ namespace tovana::embedding {
 
 /// Makes an `exit` that this thread calls, or that follows its return from main, safe from now on.
 /// The main thread is protected from the start; every operation of a local backend, and of an
-/// engine that may start a load, does it for its caller. Another thread that may end the process
-/// calls it itself: unprotected, its exit is safe while others encode, but not while others load.
-/// The main thread does so, too, where it was not the one that loaded a shared library with this
-/// component.
+/// engine that may start a load, does it for its caller. Another thread that may end the process,
+/// or the main thread where it was not the one that loaded a shared library with this component,
+/// calls it itself. Unprotected, its exit is safe while others encode; while others load it may
+/// destroy the statics that came to life in the last two milliseconds.
 ///
 /// Never waits for a load: while one is under way it does nothing, and a later call makes up for
 /// that. Once done it costs a look at a thread-local variable.

@@ -10,8 +10,8 @@
 
 /// A process may exit with its own status while an engine loads, waits to load again, or embeds.
 /// Usage: exit_during_load RUNS [MODEL]; each run is a child process that exits at a moment of its
-/// own, from its main thread and from another one in turn. Without a model the load is a slow fake,
-/// which fails in every third run.
+/// own, from its main thread and from one that comes when the load has begun, in turn. Without a
+/// model the load is a slow fake, which fails in every third run.
 namespace {
 
 using namespace tovana;
@@ -30,7 +30,7 @@ EmbeddingEngine& fake_engine(unsigned seed) {
 }
 
 void exit_during_load(EmbeddingEngine& engine, std::chrono::microseconds span, unsigned seed) {
-  set_log_level(LogLevel::warning);
+  set_log_sink([](const LogRecord&) {});
   const auto embed = [&engine] {
     for (;;) {
       try {
