@@ -1,10 +1,13 @@
 #include "sentence_transformers/files/file_memory.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 #include <sys/mman.h>
+#include <unistd.h>
 
+#include "tovana/base/huge_pages.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::sentence_transformers {
@@ -23,7 +26,9 @@ std::span<std::byte> map(const FileHandle& file) {
 
 // Done before the other constructor's body, so that the destructor gives back what that has begun.
 FileMemory::FileMemory(FileAccess access, std::size_t size) : _access(access) {
-  if (access == FileAccess::read) _bytes = {new std::byte[size], size};
+  if (access != FileAccess::read) return;
+  _bytes = {new std::byte[size], size};
+  prefer_huge_pages(_bytes.data(), size);
 }
 
 FileMemory::FileMemory(const FileHandle& file, FileAccess access)
@@ -34,6 +39,17 @@ FileMemory::FileMemory(const FileHandle& file, FileAccess access)
   } else {
     file.read_all(_bytes);
   }
+}
+
+void FileMemory::discard(std::span<const std::byte> part) const noexcept {
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  // Only whole pages: their neighbours are still wanted.
+  const auto address = reinterpret_cast<std::uintptr_t>(part.data());
+  const std::size_t ahead = (page - address % page) % page;
+  if (part.size() < ahead + page) return;
+  std::byte* const begin = _bytes.data() + (part.data() - _bytes.data()) + ahead;
+  // A hint, and memory that is not given back is only memory.
+  static_cast<void>(madvise(begin, (part.size() - ahead) / page * page, MADV_DONTNEED));
 }
 
 FileMemory& FileMemory::operator=(FileMemory&& other) noexcept {

@@ -29,6 +29,9 @@ class FileMemory {
 
   std::span<const std::byte> bytes() const noexcept { return _bytes; }
 
+  /// Gives the system back what it can of the memory of `part`, which is not to be looked at again.
+  void discard(std::span<const std::byte> part) const noexcept;
+
  private:
   FileMemory(FileAccess access, std::size_t size);
 

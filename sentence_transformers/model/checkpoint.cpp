@@ -87,6 +87,11 @@ at::Tensor Checkpoint::tensor(const std::string& name,
   return result;
 }
 
+void Checkpoint::discard(const std::string& name) const noexcept {
+  const auto found = _tensors.find(name);
+  if (found != _tensors.end()) _weights.discard(*found->second);
+}
+
 void Checkpoint::refuse(const std::string& fault) const { throw ValueError(_file + ": " + fault); }
 
 }  // namespace tovana::sentence_transformers

@@ -30,6 +30,10 @@ class Checkpoint {
   /// file, when it is absent, has another shape, or has no floating-point type that is supported.
   at::Tensor tensor(const std::string& name, std::initializer_list<std::int64_t> shape) const;
 
+  /// Gives back the memory of a tensor that has been copied. Neither it nor what `tensor` has
+  /// returned for it may be read after that.
+  void discard(const std::string& name) const noexcept;
+
   /// Fails with "file: fault".
   [[noreturn]] void refuse(const std::string& fault) const;
 

@@ -170,6 +170,10 @@ NativeEncoder::Layer NativeEncoder::_load_layer(std::size_t index, float* memory
     output.set_from_columns(shard.output, first_inner);
     layer.shards.push_back(shard);
   }
+  for (const std::string* name : {&names.query, &names.key, &names.value, &names.attention_output,
+                                  &names.intermediate, &names.output}) {
+    _checkpoint.discard(*name + ".weight");
+  }
   return layer;
 }
 

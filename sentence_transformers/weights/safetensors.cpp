@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <new>
 #include <optional>
@@ -232,6 +233,14 @@ SafetensorsFile SafetensorsFile::open(const FileHandle& file, FileAccess access)
     return SafetensorsFile(std::move(memory), std::move(tensors));
   } catch (const ValueError& error) {
     throw ValueError(file.path() + ": no valid safetensors file: " + error.what());
+  }
+}
+
+void SafetensorsFile::discard(const TensorView& tensor) const noexcept {
+  const std::byte* const begin = _memory.bytes().data();
+  const std::byte* const end = begin + _memory.bytes().size();
+  if (std::less_equal<>()(begin, tensor.data.data()) && std::less<>()(tensor.data.data(), end)) {
+    _memory.discard(tensor.data);
   }
 }
 

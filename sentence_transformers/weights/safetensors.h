@@ -30,6 +30,10 @@ class SafetensorsFile {
   const TensorMap& tensors() const noexcept { return _tensors; }
   const TensorView* find(std::string_view name) const noexcept;
 
+  /// Gives back the memory of one of its tensors, which is not to be looked at again. Nothing for a
+  /// tensor of another file.
+  void discard(const TensorView& tensor) const noexcept;
+
  private:
   SafetensorsFile(FileMemory memory, TensorMap tensors) noexcept;
 

@@ -88,6 +88,10 @@ Weights Weights::load(const ModelDirectory& directory) {
   return Weights(std::move(files), std::move(tensors));
 }
 
+void Weights::discard(const TensorView& tensor) const noexcept {
+  for (const SafetensorsFile& file : _files) file.discard(tensor);
+}
+
 const TensorView* Weights::find(std::string_view name) const noexcept {
   const auto found = _tensors.find(name);
   return found == _tensors.end() ? nullptr : &found->second;

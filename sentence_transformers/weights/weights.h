@@ -26,6 +26,9 @@ class Weights {
   /// Null when there is no such tensor.
   const TensorView* find(std::string_view name) const noexcept;
 
+  /// Gives back the memory of a tensor, which nobody is to look at again.
+  void discard(const TensorView& tensor) const noexcept;
+
  private:
   Weights(std::vector<SafetensorsFile> files, TensorMap tensors) noexcept;
 
