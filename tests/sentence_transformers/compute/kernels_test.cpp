@@ -1,0 +1,188 @@
+// Every set of kernels that this processor runs, against the same arithmetic in double precision.
+
+#include "sentence_transformers/compute/kernels.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "sentence_transformers/compute/float_block.h"
+#include "sentence_transformers/compute/packed_matrix.h"
+
+namespace tovana::sentence_transformers {
+namespace {
+
+using Numbers = std::vector<float>;
+
+Numbers random_numbers(std::size_t count, float scale = 1) {
+  static std::mt19937 random(11);
+  std::normal_distribution<float> distribution(0, scale);
+  Numbers numbers(count);
+  for (float& number : numbers) number = distribution(random);
+  return numbers;
+}
+
+void expect_near(const float* actual, const std::vector<double>& expected, double tolerance) {
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    ASSERT_NEAR(static_cast<double>(actual[i]), expected[i], tolerance) << "number " << i;
+  }
+}
+
+class KernelsTest : public testing::TestWithParam<const Kernels*> {
+ protected:
+  const Kernels& kernels() const { return *GetParam(); }
+};
+
+TEST_P(KernelsTest, ProductsOfEveryHeight) {
+  // Columns that end within a panel, and set in two goes, one of which begins within one.
+  const std::size_t depth = 37;
+  const std::size_t columns = 71;
+  const Numbers weight = random_numbers(columns * depth);
+  const Numbers bias = random_numbers(columns);
+  FloatBlock memory(PackedMatrix::size(kernels(), depth, columns));
+  PackedMatrix matrix(kernels(), depth, columns, memory.data());
+  matrix.set_columns(0, 21, weight.data(), depth, bias.data());
+  matrix.set_columns(21, columns - 21, weight.data() + 21 * depth, depth, bias.data() + 21);
+  const std::size_t stride = matrix.padded_columns();
+  for (std::size_t rows = 1; rows <= 31; ++rows) {
+    const std::size_t in_stride = depth + 3;
+    const Numbers in = random_numbers(rows * in_stride);
+    std::vector<double> sums(rows * stride);
+    for (std::size_t i = 0; i < sums.size(); ++i) {
+      for (std::size_t k = 0; i % stride < columns && k < depth; ++k) {
+        sums[i] += static_cast<double>(in[i / stride * in_stride + k]) *
+                   static_cast<double>(weight[i % stride * depth + k]);
+      }
+    }
+    Numbers out(rows * stride, 99);
+    matrix.multiply_unbiased(rows, in.data(), in_stride, out.data(), false);
+    expect_near(out.data(), sums, 1e-5);
+    matrix.multiply_unbiased(rows, in.data(), in_stride, out.data(), true);
+    for (double& sum : sums) sum *= 2;
+    expect_near(out.data(), sums, 2e-5);
+    matrix.multiply(rows, in.data(), in_stride, out.data());
+    for (std::size_t i = 0; i < sums.size(); ++i) {
+      sums[i] = sums[i] / 2 + (i % stride < columns ? static_cast<double>(bias[i % stride]) : 0.0);
+    }
+    expect_near(out.data(), sums, 1e-5);
+  }
+}
+
+TEST_P(KernelsTest, AttentionOverTextsOfAnyLength) {
+  for (const std::size_t width : {8U, 33U}) {
+    for (const std::size_t length : {1U, 2U, 13U, 32U, 45U}) {
+      const Numbers rows = random_numbers(length * 3 * width, 2);
+      const Numbers bias = random_numbers(2 * length + kernels().panel);
+      for (const bool is_biased : {false, true}) {
+        Numbers scratch(kernels().attention_scratch(length, width), std::nanf(""));
+        Numbers out(length * width, 99);
+        kernels().attend({.length = length,
+                          .width = width,
+                          .query = rows.data(),
+                          .key = rows.data() + width,
+                          .value = rows.data() + 2 * width,
+                          .stride = 3 * width,
+                          .scale = 0.4F,
+                          .distance_bias = is_biased ? bias.data() + length - 1 : nullptr,
+                          .out = out.data(),
+                          .out_stride = width,
+                          .scratch = scratch.data()});
+        std::vector<double> expected(length * width);
+        for (std::size_t query = 0; query < length; ++query) {
+          const auto at = [&](std::size_t row, std::size_t i) {
+            return static_cast<double>(rows[row * 3 * width + i]);
+          };
+          std::vector<double> powers(length);
+          double sum = 0;
+          for (std::size_t key = 0; key < length; ++key) {
+            double score = is_biased ? static_cast<double>(bias[length - 1 + key - query]) : 0.0;
+            for (std::size_t i = 0; i < width; ++i)
+              score += 0.4 * at(query, i) * at(key, width + i);
+            sum += powers[key] = std::exp(score);
+          }
+          for (std::size_t key = 0; key < length; ++key) {
+            for (std::size_t i = 0; i < width; ++i) {
+              expected[query * width + i] += powers[key] / sum * at(key, 2 * width + i);
+            }
+          }
+        }
+        expect_near(out.data(), expected, 1e-5);
+      }
+    }
+  }
+}
+
+TEST_P(KernelsTest, RowsAreNormalizedAndAdded) {
+  const std::size_t width = 45;
+  const Numbers in = random_numbers(2 * width, 3);
+  const Numbers weight = random_numbers(width);
+  const Numbers bias = random_numbers(width);
+  std::vector<double> expected;
+  for (std::size_t row = 0; row < 2; ++row) {
+    double mean = 0;
+    double variance = 0;
+    for (std::size_t i = 0; i < width; ++i) mean += in[row * width + i] / double{width};
+    for (std::size_t i = 0; i < width; ++i) {
+      variance += std::pow(in[row * width + i] - mean, 2) / double{width};
+    }
+    for (std::size_t i = 0; i < width; ++i) {
+      expected.push_back((in[row * width + i] - mean) / std::sqrt(variance + 0.5) * weight[i] +
+                         bias[i]);
+    }
+  }
+  Numbers out(2 * width);
+  kernels().normalize({.rows = 2,
+                       .width = width,
+                       .in = in.data(),
+                       .in_stride = width,
+                       .weight = weight.data(),
+                       .bias = bias.data(),
+                       .eps = 0.5F,
+                       .out = out.data(),
+                       .out_stride = width});
+  expect_near(out.data(), expected, 1e-5);
+  kernels().add({.rows = 2,
+                 .width = width,
+                 .left = in.data(),
+                 .left_stride = width,
+                 .right = bias.data(),
+                 .right_stride = 0,
+                 .out = out.data(),
+                 .out_stride = width});
+  for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(out[i], in[i] + bias[i % width]);
+}
+
+TEST_P(KernelsTest, ActivationsAreTheirDefinitions) {
+  Numbers in;
+  for (float x = -14; x <= 14; x += 0.003F) in.push_back(x);
+  const auto check = [&](Activation activation, double (*exact)(double)) {
+    Numbers out = in;
+    kernels().activate(activation, out.data(), out.size());
+    for (std::size_t i = 0; i < in.size(); ++i) {
+      const double expected = exact(static_cast<double>(in[i]));
+      ASSERT_NEAR(static_cast<double>(out[i]), expected, 1.5e-7 + 1.5e-7 * std::abs(expected))
+          << "of " << in[i];
+    }
+  };
+  check(Activation::identity, [](double x) { return x; });
+  check(Activation::gelu, [](double x) { return x * std::erfc(-x / std::sqrt(2.0)) / 2; });
+  check(Activation::gelu_tanh, [](double x) {
+    return x * (1 + std::tanh(std::sqrt(2 / std::acos(-1.0)) * (x + 0.044715 * x * x * x))) / 2;
+  });
+  check(Activation::relu, [](double x) { return std::max(x, 0.0); });
+  check(Activation::silu, [](double x) { return x / (1 + std::exp(-x)); });
+  check(Activation::tanh, [](double x) { return std::tanh(x); });
+}
+
+INSTANTIATE_TEST_SUITE_P(All, KernelsTest,
+                         testing::ValuesIn(supported_kernels().begin(), supported_kernels().end()),
+                         [](const auto& kernels) { return std::string(kernels.param->name); });
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(KernelsTest);
+
+}  // namespace
+}  // namespace tovana::sentence_transformers

@@ -1,0 +1,111 @@
+#include "sentence_transformers/compute/workers.h"
+
+#include <atomic>
+#include <barrier>
+#include <cstddef>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tovana/base/mutex.h"
+
+namespace tovana::sentence_transformers {
+namespace {
+
+/// Adds up numbers in a way that only the right order of steps gets right, without a lock: what a
+/// part writes is its own, and what it reads was written in the step before.
+class Recurrence final : public SteppedWork {
+ public:
+  Recurrence(std::size_t parts, std::size_t failing_step) : _now(parts, 1), _failing(failing_step) {
+    _before = _now;
+  }
+
+  void run(std::size_t step, std::size_t part) override {
+    if (step == _failing && part == 1) throw std::runtime_error("part 1 fails");
+    std::size_t sum = step;
+    for (const std::size_t number : _before) sum = (sum * 31 + number) % 1'000'003;
+    _now[part] = sum + part;
+    ++runs;
+  }
+  void finish(std::size_t step) override {
+    EXPECT_LE(step, _failing);
+    _before = _now;
+  }
+
+  const std::vector<std::size_t>& result() const { return _before; }
+  std::atomic<std::size_t> runs = 0;
+
+ private:
+  std::vector<std::size_t> _before;
+  std::vector<std::size_t> _now;
+  const std::size_t _failing;
+};
+
+constexpr std::size_t kSteps = 40;
+constexpr std::size_t kParts = 5;
+constexpr std::size_t kNever = kSteps;
+
+std::vector<std::size_t> result_on(std::size_t threads) {
+  Recurrence work(kParts, kNever);
+  run_steps(work, kSteps, kParts, threads);
+  EXPECT_EQ(work.runs, kSteps * kParts);
+  return work.result();
+}
+
+TEST(WorkersTest, StepsFollowOneAnotherOnAnyNumberOfThreads) {
+  const std::vector<std::size_t> alone = result_on(1);
+  for (unsigned round = 0; round < 50; ++round) ASSERT_EQ(result_on(2 + round % 4U), alone);
+
+  // More callers than processors, each with work of its own.
+  std::vector<std::jthread> callers;
+  for (int caller = 0; caller < 6; ++caller) {
+    callers.emplace_back([&alone] {
+      for (int round = 0; round < 20; ++round) ASSERT_EQ(result_on(3), alone);
+    });
+  }
+}
+
+TEST(WorkersTest, TheFirstFailureEndsTheWork) {
+  for (int round = 0; round < 20; ++round) {
+    Recurrence work(kParts, 7);
+    EXPECT_THROW(run_steps(work, kSteps, kParts, 2), std::runtime_error);
+    EXPECT_LT(work.runs, 8 * kParts);
+  }
+  EXPECT_EQ(result_on(2), result_on(1));  // It has left nothing behind.
+
+  Recurrence nothing(0, kNever);
+  run_steps(nothing, kSteps, 0, 2);
+}
+
+/// Two parts that each wait for the other to have begun.
+class Meeting final : public SteppedWork {
+ public:
+  void run(std::size_t, std::size_t) override {
+    _begun.arrive_and_wait();
+    const LockGuard guard(_lock);
+    _threads.insert(std::this_thread::get_id());
+  }
+  void finish(std::size_t) override {}
+
+  std::size_t threads() const { return _threads.size(); }
+
+ private:
+  std::barrier<> _begun{2};
+  Mutex _lock;
+  std::set<std::thread::id> _threads;
+};
+
+TEST(WorkersTest, AHelperTakesAPart) {
+  if (std::thread::hardware_concurrency() < 2) GTEST_SKIP() << "no processor for a helper";
+  for (int round = 0; round < 3; ++round) {
+    Meeting work;
+    run_steps(work, 1, 2, 2);
+    EXPECT_EQ(work.threads(), 2U);
+  }
+}
+
+}  // namespace
+}  // namespace tovana::sentence_transformers
