@@ -1,7 +1,10 @@
 #!/usr/bin/env python3
-"""Makes tables of what model_peer.py has measured.
+"""Makes tables and a picture of what model_peer.py has measured.
 
-    model_report.py RESULTS
+    model_report.py RESULTS [DOCUMENT PICTURE]
+
+Prints the tables; or puts them into the Markdown document, between its two comments that name this script,
+and writes the picture, an SVG file.
 """
 
 import json
@@ -9,23 +12,13 @@ import statistics
 import sys
 from pathlib import Path
 
-OURS = "tovana"
-SETS = {
-    "query": "one query",
-    "batch32": "a batch",
-    "mixed256": "very different lengths",
-    "long16": "long texts",
-}
+from model_picture import OURS, picture, shown
+from model_texts import set_title
 
 
 def table(head, rows):
     lines = [head, ["---"] * len(head), *rows]
     return "\n".join(f"| {' | '.join(line)} |" for line in lines)
-
-
-def number(value):
-    """Three digits of it, or all before the point."""
-    return f"{value:,.0f}" if value >= 100 else f"{value:.{1 if value >= 10 else 2}f}"
 
 
 def times_table(results):
@@ -34,33 +27,33 @@ def times_table(results):
     rows = []
     for name, times in results["sets"].items():
         figures = {side: (min(times[side]) * 1e3, statistics.median(times[side]) * 1e3) for side in sides}
-        size = results["sizes"][name]
-        row = [f"{SETS[name]}: {size['texts']:,} of {size['tokens']:,} tokens"]
+        row = [set_title(name, **results["sizes"][name])]
         for side in sides:
-            cell = " / ".join(map(number, figures[side]))
+            cell = " / ".join(map(shown, figures[side]))
             if side != OURS:
                 cell += f" ({figures[side][0] / figures[OURS][0]:.2f} x)"
             row.append(cell)
         rows.append(row)
-    return table(["texts, in all", *sides], rows)
+    return table(["ms a call", *sides], rows)
 
 
 def busy_table(results):
     rows = [
-        [side, number(idle * 1e3), number(busy * 1e3), f"{busy / idle:.1f}"]
+        [side, shown(idle * 1e3), shown(busy * 1e3), f"{busy / idle:.1f}"]
         for side, (idle, busy) in results["busy"].items()
     ]
     return table(["a query", "idle, ms", "busy, ms", "busy / idle"], rows)
 
 
 def together_table(results):
-    rows = [[side, *map(number, rates)] for side, rates in results["together"].items()]
-    return table(["queries a second", *(f"{count} threads" for count in results["callers"])], rows)
+    rows = [[side, *map(shown, rates)] for side, rates in results["together"].items()]
+    heads = [f"{count} threads" if count > 1 else "1 thread" for count in results["callers"]]
+    return table(["queries a second", *heads], rows)
 
 
 def start_table(results):
     rows = [
-        [side, number(min(seconds)), number(statistics.median(seconds)), number(max(memory) / 1e6)]
+        [side, shown(min(seconds)), shown(statistics.median(seconds)), shown(max(memory) / 1e6)]
         for side, (seconds, memory) in results["start"].items()
     ]
     return table(["to the first vector", "s, minimum", "s, median", "peak memory, MB"], rows)
@@ -78,12 +71,29 @@ def summary(results):
     return f"{results['machine']}; {results['threads']} threads each, {results['rounds']} rounds; {versions}."
 
 
+def report(results):
+    return "\n\n".join([summary(results), *(make(results) for part, make in TABLES.items() if part in results)])
+
+
+def put_into(document, text):
+    begin, end = (f"<!-- model_report.py: {place} -->" for place in ("begin", "end"))
+    head, found_begin, rest = document.partition(begin)
+    _, found_end, tail = rest.partition(end)
+    if not found_begin or not found_end:
+        sys.exit(f"model_report.py: the document has no lines '{begin}' and '{end}'")
+    return f"{head}{begin}\n{text}\n{end}{tail}"
+
+
 def main():
+    if len(sys.argv) not in (2, 4):
+        sys.exit("usage: model_report.py RESULTS [DOCUMENT PICTURE]")
     results = json.loads(Path(sys.argv[1]).read_text(encoding="utf-8"))
-    print(summary(results), end="\n\n")
-    for part in TABLES:
-        if part in results:
-            print_part(results, part)
+    if len(sys.argv) == 2:
+        print(report(results))
+        return
+    document, drawing = map(Path, sys.argv[2:])
+    document.write_text(put_into(document.read_text(encoding="utf-8"), report(results)), encoding="utf-8")
+    drawing.write_text(picture(results), encoding="utf-8")
 
 
 if __name__ == "__main__":

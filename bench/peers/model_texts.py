@@ -1,5 +1,17 @@
 """The texts that the local model is compared on: real descriptions, chosen by their number of tokens."""
 
+TITLES = {
+    "query": "A query",
+    "batch32": "A batch",
+    "mixed256": "Texts of very different lengths",
+    "long16": "Long texts",
+}
+
+
+def set_title(name, texts, tokens):
+    count = f"{texts:,} texts, " if texts > 1 else ""
+    return f"{TITLES[name]}: {count}{tokens:,} tokens"
+
 
 class Corpus:
     """Descriptions, and how many tokens each is to a model."""

@@ -1,0 +1,68 @@
+"""Draws what model_peer.py has measured: a panel of bars for each set of texts (the median
+time of a call), for the start and for the memory."""
+
+import statistics
+from html import escape
+
+from model_texts import set_title
+
+OURS = "tovana"
+WIDTH, COLUMNS = 860, 2
+PANEL_HEAD, ROW, PANEL_GAP, LABELS, FIGURES = 34, 24, 18, 166, 76
+
+# A page shows the picture on its own ground, light or dark.
+STYLE = """
+  text { font: 13px system-ui, sans-serif; fill: #1f2328 }
+  .title { font-weight: 600 }
+  .peer { fill: #8c959f }
+  .ours { fill: #0a7f62 }
+  @media (prefers-color-scheme: dark) {
+    text { fill: #e6edf3 }
+    .peer { fill: #6e7681 }
+    .ours { fill: #2fbf97 }
+  }
+"""
+
+
+def shown(value):
+    """Three digits of a number, or all before the point."""
+    return f"{value:,.0f}" if value >= 100 else f"{value:.{1 if value >= 10 else 2}f}"
+
+
+def panels(results):
+    """Title, unit, and for each side its figure; less is better in all."""
+    for name, times in results.get("sets", {}).items():
+        title = set_title(name, **results["sizes"][name])
+        yield title, "ms", {side: statistics.median(column) * 1e3 for side, column in times.items()}
+    if "start" in results:
+        starts = results["start"].items()
+        yield "Process start to the first vector", "s", {side: statistics.median(start[0]) for side, start in starts}
+        yield "Peak memory at that moment", "MB", {side: max(start[1]) / 1e6 for side, start in starts}
+
+
+def bars(left, top, width, title, unit, figures):
+    yield f'<text class="title" x="{left}" y="{top + 20}">{escape(title)}</text>'
+    largest = max(figures.values())
+    for number, (side, figure) in enumerate(figures.items()):
+        y = top + PANEL_HEAD + number * ROW
+        length = max(2, figure / largest * (width - LABELS - FIGURES))
+        kind = "ours" if side == OURS else "peer"
+        yield f'<text x="{left + LABELS - 8}" y="{y + 13}" text-anchor="end">{escape(side)}</text>'
+        yield f'<rect class="{kind}" x="{left + LABELS}" y="{y}" width="{length:.1f}" height="17" rx="2"/>'
+        yield f'<text x="{left + LABELS + length + 6:.1f}" y="{y + 13}">{shown(figure)} {unit}</text>'
+
+
+def picture(results):
+    drawn = list(panels(results))
+    width = (WIDTH - PANEL_GAP * (COLUMNS - 1)) / COLUMNS
+    height = PANEL_HEAD + ROW * max(len(figures) for _, _, figures in drawn) + PANEL_GAP
+    total = height * -(-len(drawn) // COLUMNS)
+    lines = [
+        f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {total}" role="img">',
+        "<title>The local model and its peers; shorter bars are better</title>",
+        f"<style>{STYLE}</style>",
+    ]
+    for number, panel in enumerate(drawn):
+        row, column = divmod(number, COLUMNS)
+        lines += bars(column * (width + PANEL_GAP), row * height, width, *panel)
+    return "\n".join([*lines, "</svg>", ""])
