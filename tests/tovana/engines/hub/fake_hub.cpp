@@ -13,9 +13,9 @@ bool is_head(const Connection& connection) { return connection.head().starts_wit
 
 void respond(Connection& connection, int status, std::string_view body,
              const std::string& headers) {
-  std::string whole = response(status, body, headers);
-  if (is_head(connection)) whole.resize(whole.size() - body.size());
-  connection.send(whole);
+  connection.send("HTTP/1.1 " + std::to_string(status) + " Played\r\nContent-Length: " +
+                  std::to_string(body.size()) + "\r\n" + headers + "\r\n");
+  if (!is_head(connection)) connection.send(body);
 }
 
 void refuse(Connection& connection, int status, const std::string& code) {
