@@ -97,9 +97,6 @@ void CurlExchange::configure(const std::string& ca_file) {
     case Method::get:
       set(easy, CURLOPT_HTTPGET, 1L);
       break;
-    case Method::head:
-      set(easy, CURLOPT_NOBODY, 1L);
-      break;
     case Method::post:
       // Given as a whole, libcurl can send it again when a kept-alive connection turns out dead.
       set(easy, CURLOPT_POST, 1L);

@@ -11,7 +11,7 @@
 /// is the caller's policy and no concern of a transport.
 namespace tovana::http {
 
-enum class Method { get, head, post };
+enum class Method { get, post };
 
 struct Request {
   Method method = Method::get;
