@@ -49,7 +49,7 @@ struct NativeEncoder::Workspace {
 class NativeEncoder::Load final : public SteppedWork {
  public:
   explicit Load(NativeEncoder& encoder) : _encoder(encoder), _size(encoder._layer_size()) {
-    const std::size_t layers = static_cast<std::size_t>(encoder._config.layers);
+    const auto layers = static_cast<std::size_t>(encoder._config.layers);
     encoder._memory = FloatBlock(layers * _size);
     encoder._layers.resize(layers);
   }

@@ -20,11 +20,12 @@ namespace tovana::sentence_transformers {
 /// gives up to rounding. Weights of half precision are raised to float32 when they are loaded, and
 /// everything is computed in float32.
 ///
-/// The same text gives the same vector up to rounding (some 1e-7 on unit vectors), not to the bit:
-/// what it is encoded together with and the number of threads decide how sums are split.
+/// On kernels of our own the encoder gives the same text the same states to the bit. libtorch's
+/// operators, and a Dense module, split their sums by what a text is encoded together with and by
+/// the number of threads: there it is the same vector up to rounding, some 1e-7 on unit vectors.
 ///
-/// Threads: immutable; any number may encode at once. Each computes on itself and on as many
-/// intra-op threads of its own as libtorch's setting for it says.
+/// Threads: immutable; any number may encode at once. Each computes on itself and on at most as
+/// many more as libtorch's setting for it says.
 class SentenceTransformer {
  public:
   /// Loads a model from its folder. Blocks while the weights are read and arranged. Throws
