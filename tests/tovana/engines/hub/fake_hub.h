@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -38,6 +39,9 @@ class FakeHub {
   /// With a context the hub speaks TLS; the other host never does. The members may be changed as
   /// long as nobody asks.
   explicit FakeHub(std::shared_ptr<SSL_CTX> tls = nullptr);
+
+  /// The files of a folder become the repository's; safetensors are large.
+  void add_folder(const std::filesystem::path& folder);
 
   std::string url() const;
   const HttpServer& hub() const { return _hub; }
