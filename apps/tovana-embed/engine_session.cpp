@@ -62,6 +62,9 @@ std::string EngineSession::advice(const std::string& detail) const {
   const std::string backend = embedding::text_value(_config, "backend").value_or("auto");
   if (backend == "tfidf" || backend == "api" || backend == "openai")
     return "see tovana-embed --help";
+  if (detail.starts_with("ValueError: ")) {
+    return "give another --model, or --backend tfidf, which needs none";
+  }
   return "tovana-embed pull " +
          embedding::text_value(_config, "model_name").value_or(kDefaultModel) +
          " fetches a model that is not cached, --backend tfidf needs none";

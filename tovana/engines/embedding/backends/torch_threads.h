@@ -30,7 +30,8 @@ std::int64_t embed_threads(const Environment* environment = nullptr);
 /// keeps its setting per thread, beside a default that a thread copies the first time it computes,
 /// and sets both at once. So the default is read before anything is bounded, and every bound gives
 /// that back. A thread that starts to compute during another's bound copies the bound; its own next
-/// bound gives it the default.
+/// bound gives it the default. The model library's own kernels share one pool of threads in the
+/// process, of which a call takes as many as torch's setting allows it.
 ///
 /// Threads: several may be in bounds at the same time and do not disturb one another.
 class TorchThreads {
