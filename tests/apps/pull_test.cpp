@@ -97,6 +97,7 @@ TEST_F(TovanaEmbedPull, AnInterruptEndsItAndTheNextGoesOn) {
   half_sent.get_future().wait();
   process.signal(SIGINT);
   EXPECT_EQ(process.finish().status, 130);
+  hub.settle();
   hub.store_fault = nullptr;
   EXPECT_EQ(run(command({"tiny"})).status, 0);
   EXPECT_THAT(hub.store().requests().back(), HasSubstr("Range: bytes="));

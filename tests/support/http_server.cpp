@@ -87,6 +87,11 @@ std::size_t HttpServer::connections() const {
   return _connections.size();
 }
 
+void HttpServer::settle() const {
+  const LockGuard lock(_mutex);
+  while (_running_scripts > 0) _script_ended.wait(_mutex);
+}
+
 std::vector<std::string> HttpServer::requests() const {
   const LockGuard lock(_mutex);
   return _requests;
@@ -115,9 +120,13 @@ void HttpServer::serve(Connection& connection) {
     {
       const LockGuard lock(_mutex);
       _requests.push_back(connection._head);
+      ++_running_scripts;
     }
     _script(connection);
     connection.body();
+    const LockGuard lock(_mutex);
+    --_running_scripts;
+    _script_ended.notify_all();
   }
   connection.close();
 }

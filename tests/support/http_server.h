@@ -37,6 +37,8 @@ class HttpServer {
   int port() const { return _port; }
 
   std::size_t connections() const;
+  /// Returns once no script is running: what they use may be changed.
+  void settle() const;
   /// The heads of all requests, in order of arrival.
   std::vector<std::string> requests() const;
 
@@ -50,6 +52,8 @@ class HttpServer {
   int _port;
   mutable Mutex _mutex;
   bool _is_stopping TOVANA_GUARDED_BY(_mutex) = false;
+  int _running_scripts TOVANA_GUARDED_BY(_mutex) = 0;
+  mutable ConditionVariable _script_ended;
   std::vector<std::string> _requests TOVANA_GUARDED_BY(_mutex);
   std::list<Connection> _connections TOVANA_GUARDED_BY(_mutex);
   std::thread _acceptor;

@@ -36,14 +36,19 @@ class FakeHub {
   Fault hub_fault = nullptr;
   Fault store_fault = nullptr;
 
-  /// With a context the hub speaks TLS; the other host never does. The members may be changed as
-  /// long as nobody asks.
+  /// With a context the hub speaks TLS; the other host never does. The members may be changed
+  /// before the first request, and after `settle` until the next.
   explicit FakeHub(std::shared_ptr<SSL_CTX> tls = nullptr);
 
   /// The files of a folder become the repository's; safetensors are large.
   void add_folder(const std::filesystem::path& folder);
 
   std::string url() const;
+  /// Returns once no request is being answered.
+  void settle() const {
+    _hub.settle();
+    _store.settle();
+  }
   const HttpServer& hub() const { return _hub; }
   const HttpServer& store() const { return _store; }
 
