@@ -60,13 +60,13 @@ EmbeddingStatus BackendLoader::_status_locked() const {
     case State::loading:
       return {.state = "loading",
               .detail = _fallback_reason,
-              .loading_s = seconds(_clock.now() - *_loading_since)};
+              .loading_s = seconds(_clock.now() - _loading_since)};
     case State::ready:
       return {.state = "ready", .backend = _backend->name(), .detail = _fallback_reason};
     case State::unavailable:
       return {.state = "unavailable",
               .detail = _failure,
-              .retry_in_s = seconds(std::max(0.0, *_retry_at - _clock.now()))};
+              .retry_in_s = seconds(std::max(0.0, _retry_at - _clock.now()))};
     case State::closed:
       break;
   }
@@ -84,7 +84,6 @@ void BackendLoader::warm_up_async() {
   } catch (...) {
     // The lock has been held all the while, so nobody has seen the load that never began.
     _state = State::idle;
-    _loading_since.reset();
     throw;
   }
 }
@@ -149,9 +148,6 @@ void BackendLoader::_load() {
         if (_state == State::closed) return;
         _backend = backend;
         _state = State::ready;
-        _failure.reset();
-        _loading_since.reset();
-        _retry_at.reset();
         _changed.notify_all();
       }
       log().info("Embedding backend ready: %s (%.1f s)", backend->name(), _clock.now() - started);
@@ -171,16 +167,14 @@ bool BackendLoader::_retry_after(const std::string& failure, double delay) {
   if (_state == State::closed) return false;
   _state = State::unavailable;
   _failure = failure;
-  const double retry_at = _clock.now() + delay;
-  _retry_at = retry_at;
+  _retry_at = _clock.now() + delay;
   _changed.notify_all();
-  while (_state != State::closed && _clock.now() < retry_at) {
-    _clock.wait_until(_changed, _lock, retry_at);
+  while (_state != State::closed && _clock.now() < _retry_at) {
+    _clock.wait_until(_changed, _lock, _retry_at);
   }
   if (_state == State::closed) return false;
   _state = State::loading;
   _loading_since = _clock.now();
-  _retry_at.reset();
   _changed.notify_all();
   return true;
 }

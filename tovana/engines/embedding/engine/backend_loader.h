@@ -100,12 +100,11 @@ class BackendLoader : public std::enable_shared_from_this<BackendLoader> {
   /// Not null exactly in state ready.
   std::shared_ptr<EmbeddingBackend> _backend TOVANA_GUARDED_BY(_lock);
   std::optional<std::string> _fallback_reason TOVANA_GUARDED_BY(_lock);
-  /// The last attempt's failure, set in state unavailable.
-  std::optional<std::string> _failure TOVANA_GUARDED_BY(_lock);
-  /// Points of the clock: when the attempt began (set in state loading), and when the next one does
-  /// (in state unavailable).
-  std::optional<double> _loading_since TOVANA_GUARDED_BY(_lock);
-  std::optional<double> _retry_at TOVANA_GUARDED_BY(_lock);
+  /// The last attempt's failure, and when the next one begins; for state unavailable.
+  std::string _failure TOVANA_GUARDED_BY(_lock);
+  double _retry_at TOVANA_GUARDED_BY(_lock) = 0;
+  /// When the attempt began; for state loading.
+  double _loading_since TOVANA_GUARDED_BY(_lock) = 0;
 };
 
 }  // namespace tovana::embedding
