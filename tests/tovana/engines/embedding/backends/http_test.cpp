@@ -1,281 +1,220 @@
 #include "tovana/engines/embedding/backends/http.h"
 
-#include <functional>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
+#include "tests/support/failure_text.h"
+#include "tests/support/log_recorder.h"
 #include "tovana/base/clock.h"
-#include "tovana/base/logging.h"
 
 namespace tovana::embedding {
 namespace {
 
-using Texts = std::vector<std::string>;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
 using Vectors = std::vector<Vector>;
 
-/// Answers each request with the next of a list of responses, and remembers what it was sent.
-class ScriptedTransport final : public http::Transport {
- public:
-  struct Response {
-    int status = 200;
-    std::string body = {};
-  };
-  struct Sent {
-    std::string url;
-    http::Headers headers;
-    std::string body;
-  };
-
+class HTTPBackendTest : public ::testing::Test, public http::Transport {
+ protected:
+  /// Answers with the next response, and remembers "URL BODY AUTHORIZATION".
   http::Outcome send(const http::Request& request, http::ResponseSink& sink) override {
-    sent.push_back({request.url, request.headers, std::string(request.body)});
+    const auto key = request.headers.find("Authorization");
+    sent.push_back(request.url + " " + std::string(request.body) +
+                   (key == request.headers.end() ? "" : " " + key->second));
+    const auto& [status, body] = responses.at(sent.size() - 1);
     http::Outcome outcome;
-    outcome.head.status = responses.at(sent.size() - 1).status;
+    outcome.head.status = status;
     sink.head(outcome.head);
-    sink.body(responses.at(sent.size() - 1).body);
+    sink.body(body);
     return outcome;
   }
 
-  std::vector<Response> responses;
-  std::vector<Sent> sent;
-};
+  void reply(std::string body) { responses.emplace_back(200, std::move(body)); }
+  void fail(int status) { responses.emplace_back(status, ""); }
 
-class HTTPBackendTest : public testing::Test {
- protected:
-  HTTPBackendTest() {
-    set_log_sink([this](const LogRecord& record) { _records.push_back(record); });
-  }
-  ~HTTPBackendTest() override { set_log_sink({}); }
-
-  void reply(std::string body) { _transport.responses.push_back({200, std::move(body)}); }
-  void fail(int status) { _transport.responses.push_back({status, ""}); }
-
-  APIEmbeddingBackend api(std::optional<std::string> key = std::nullopt) {
-    return APIEmbeddingBackend({.api_url = "http://127.0.0.1/embed/",
+  APIEmbeddingBackend api(std::optional<std::string> key = std::nullopt,
+                          std::string url = "http://127.0.0.1/embed/", std::int64_t attempts = 3) {
+    return APIEmbeddingBackend({.api_url = url,
                                 .api_key = key,
-                                .transport = &_transport,
-                                .wait = _wait});
+                                .max_attempts = attempts,
+                                .transport = this,
+                                .wait = wait});
   }
   OpenAIEmbeddingBackend openai(std::string base_url = "https://host/v1") {
     return OpenAIEmbeddingBackend(
-        {.base_url = base_url, .api_key = "k", .transport = &_transport, .wait = _wait});
+        {.base_url = base_url, .api_key = "k", .transport = this, .wait = wait});
   }
 
-  /// What a call fails with, as kind and message; empty when it does not.
-  static std::string failure(const std::function<void()>& call) {
-    try {
-      call();
-    } catch (const std::exception& error) {
-      return failure_text(error);
-    }
-    return {};
-  }
-
-  ScriptedTransport _transport;
-  std::vector<double> _waits;
-  http::Wait _wait = [this](double seconds, const http::StopTest& should_stop, Clock&) {
-    _waits.push_back(seconds);
+  std::vector<std::pair<int, std::string>> responses;
+  std::vector<std::string> sent;
+  std::vector<double> waits;
+  http::Wait wait = [this](double seconds, const http::StopTest& should_stop, Clock&) {
+    waits.push_back(seconds);
     return should_stop && should_stop() ? http::WaitEnding::stopped : http::WaitEnding::elapsed;
   };
-  std::vector<LogRecord> _records;
+  testing::LogRecorder log;
 };
 
 TEST_F(HTTPBackendTest, SendsEachDialectsBodyToItsUrl) {
   reply(R"({"embeddings": [[1, 2], [3, 4]]})");
   reply(R"({"embeddings": []})");
   EXPECT_EQ(api().embed({"a \"quoted\" text", "\xC3\xA9\xFF"}), (Vectors{{1, 2}, {3, 4}}));
-  EXPECT_EQ(api("").embed({}), Vectors{});  // this dialect asks for nothing, too
+  EXPECT_THAT(api("").embed({}), IsEmpty());  // this dialect asks for nothing, too
   for (const char* base_url : {"https://host/v1", "https://host/v1///"}) {
     reply(R"({"data": [{"embedding": [5]}]})");
     EXPECT_EQ(openai(base_url).embed({"x"}), (Vectors{{5}}));
   }
-  EXPECT_EQ(openai().embed({}, {.should_stop = [] { return true; }}), Vectors{});
-
-  ASSERT_EQ(_transport.sent.size(), 4U);
-  EXPECT_EQ(_transport.sent[0].url, "http://127.0.0.1/embed/");
-  EXPECT_EQ(_transport.sent[0].body, "{\"texts\":[\"a \\\"quoted\\\" text\",\"\u00E9\uFFFD\"]}");
-  EXPECT_FALSE(_transport.sent[0].headers.contains("authorization"));
-  EXPECT_EQ(_transport.sent[1].body, R"({"texts":[]})");
-  EXPECT_FALSE(_transport.sent[1].headers.contains("authorization"));
-  for (const std::size_t call : {2U, 3U}) {
-    EXPECT_EQ(_transport.sent[call].url, "https://host/v1/embeddings");
-    EXPECT_EQ(_transport.sent[call].body, R"({"input":["x"],"model":"text-embedding-3-small"})");
-    EXPECT_EQ(_transport.sent[call].headers.at("Authorization"), "Bearer k");
-  }
+  EXPECT_THAT(openai().embed({}, {.should_stop = [] { return true; }}), IsEmpty());
+  const std::string asked_twice =
+      R"(https://host/v1/embeddings {"input":["x"],"model":"text-embedding-3-small"} Bearer k)";
+  EXPECT_THAT(sent,
+              ElementsAre("http://127.0.0.1/embed/ "
+                          "{\"texts\":[\"a \\\"quoted\\\" text\",\"\u00E9\uFFFD\"]}",
+                          R"(http://127.0.0.1/embed/ {"texts":[]})", asked_twice, asked_twice));
 }
 
 TEST_F(HTTPBackendTest, ReadsRepliesInTheOrderOfTheirIndexes) {
-  // Each item's embedding is its expected place.
-  for (
-      const char* data :
-      {R"([{"index": 1, "embedding": [1]}, {"index": 0, "embedding": [0]}])",
-       R"([{"embedding": [0]}, {"embedding": [1]}])",
-       R"([{"index": 2, "embedding": [2]}, {"embedding": [0]}, {"index": 0, "embedding": [1]}])",
-       R"([{"index": 0.5, "embedding": [1]}, {"index": true, "embedding": [2]},
-               {"index": -3, "embedding": [0]}, {"index": 1, "embedding": [3]}])",
-       R"([{"index": 9007199254740993, "embedding": [1]}, {"index": 9007199254740992.0, "embedding": [0]},
-               {"index": 18446744073709551615, "embedding": [2]}])",
-       R"([{"index": "b", "embedding": [1]}, {"index": "a", "embedding": [0]}])",
-       R"([{"index": null, "embedding": [0]}])",
-       R"([{"index": 5, "embedding": [9], "index": 0, "embedding": [0]}, {"index": 1, "embedding": [1]}])"}) {
-    SCOPED_TRACE(data);
-    reply(std::string(R"({"data": [{"embedding": []}], "object": "list", "data": )") + data + "}");
-    const auto count = static_cast<std::size_t>(nlohmann::json::parse(data).size());
-    const Vectors vectors = openai().embed(Texts(count, "text"));
-    ASSERT_EQ(vectors.size(), count);
-    for (std::size_t text = 0; text < count; ++text)
-      EXPECT_EQ(vectors[text], (Vector{double(text)}));
+  // Items as INDEX:PLACE, an index that is missing as "-".
+  for (const std::string items :
+       {"1:1 0:0", "2:2 -:0 0:1", "0.5:1 true:2 -3:0 1:3", "\"b\":1 \"a\":0", "null:0",
+        "9007199254740993:1 9007199254740992.0:0 18446744073709551615:2"}) {
+    std::istringstream words(items);
+    std::string data;
+    Vectors expected;
+    for (std::string item; words >> item;) {
+      const std::size_t colon = item.find(':');
+      const std::string index = item.substr(0, colon);
+      data += (data.empty() ? "{" : ",{") + (index == "-" ? "" : "\"index\":" + index + ",") +
+              "\"embedding\":[" + item.substr(colon + 1) + "]}";
+      expected.push_back({static_cast<double>(expected.size())});
+    }
+    reply("{\"object\":\"list\",\"data\":[" + data + "]}");
+    EXPECT_EQ(openai().embed(std::vector<std::string>(expected.size(), "text")), expected) << items;
   }
 }
 
 TEST_F(HTTPBackendTest, RefusesRepliesWithoutUsableVectors) {
-  struct Case {
-    bool is_openai;
-    const char* reply;
-    std::string failure;
-  };
-  const std::string no_embeddings =
-      "RuntimeError: API response missing 'embeddings' key, got keys: ";
-  const std::string no_data = "RuntimeError: Embedding response missing 'data' key, got: ";
-  const Case cases[] = {
-      {false, "[[1], [2]]", no_embeddings + "list"},
-      {false, R"({"error": 1, "detail": {}, "error": 2})", no_embeddings + "['error', 'detail']"},
-      {false, "{}", no_embeddings + "[]"},
-      {false, "7", no_embeddings + "int"},
-      {false, "7e0", no_embeddings + "float"},
-      {true, "null", no_data + "NoneType"},
-      {true, "false", no_data + "bool"},
-      {true, "\"text\"", no_data + "str"},
-      {false, R"({"embeddings": null})",
-       "RuntimeError: API returned NoneType embeddings for 2 texts"},
-      {true, R"({"data": {}})", "RuntimeError: API returned dict embeddings for 2 texts"},
-      {false, R"({"embeddings": [[1], [2], [3]]})",
-       "RuntimeError: API returned 3 embeddings for 2 texts"},
-      {true, R"({"data": [{"embedding": [1]}]})",
-       "RuntimeError: API returned 1 embeddings for 2 texts"},
-      {true, R"({"data": [{"embedding": [1]}, {"index": 1}]})",
-       "RuntimeError: Embedding response item 1 has no 'embedding', got: ['index']"},
-      {true, R"({"data": [[1], [2]]})",
-       "RuntimeError: Embedding response item 0 has no 'embedding', got: list"},
-      {true, R"({"data": [{"embedding": [1]}, {"index": null, "embedding": [2]}]})",
-       "RuntimeError: Embedding response item 1 has an 'index' that cannot be ordered: NoneType"},
-      {true, R"({"data": [{"embedding": [1]}, {"index": "1", "embedding": [2]}]})",
-       "RuntimeError: Embedding response item 1 has an 'index' that cannot be ordered against the "
-       "others': some are strings, some are numbers"},
-      {false, R"({"embeddings": [[1, 2], [3, "4"]]})",
-       "RuntimeError: API returned an unusable embedding for text 1 (counted from 0): expected a "
-       "number at position 1 of an array, got a string"},
-      {true, R"({"data": [{"embedding": "AACAPw=="}, {"embedding": [1]}]})",
-       "RuntimeError: API returned an unusable embedding for text 0 (counted from 0): expected an "
-       "array of numbers, got a string"},
-  };
-  for (const auto& [is_openai, body, expected] : cases) {
-    SCOPED_TRACE(body);
+  const auto refuse = [&](auto backend, const std::string& body, const std::string& problem) {
     reply(body);
-    OpenAIEmbeddingBackend openai_backend = openai();
-    APIEmbeddingBackend api_backend = api();
-    _HTTPEmbeddingBackend& backend =
-        is_openai ? static_cast<_HTTPEmbeddingBackend&>(openai_backend) : api_backend;
     const std::int64_t dimension = backend.dimension();
-    EXPECT_EQ(failure([&] { backend.embed({"a", "b"}); }), expected);
+    EXPECT_EQ(failure_of([&] { backend.embed({"a", "b"}); }), "RuntimeError: " + problem) << body;
     EXPECT_EQ(backend.dimension(), dimension);
+  };
+  for (const auto& [body, type] :
+       {std::pair{"[[1], [2]]", "list"},
+        {"{}", "[]"},
+        {"7", "int"},
+        {"7e0", "float"},
+        {"null", "NoneType"},
+        {"false", "bool"},
+        {"\"text\"", "str"},
+        {R"({"error": 1, "detail": {}, "error": 2})", "['error', 'detail']"}}) {
+    refuse(api(), body, std::string("API response missing 'embeddings' key, got keys: ") + type);
+    refuse(openai(), body, std::string("Embedding response missing 'data' key, got: ") + type);
   }
-  EXPECT_TRUE(_records.empty());
+  const std::pair<std::string, std::string> api_cases[] = {
+      {"null", "API returned NoneType embeddings for 2 texts"},
+      {"[[1], [2], [3]]", "API returned 3 embeddings for 2 texts"},
+      {R"([[1, 2], [3, "4"]])",
+       "API returned an unusable embedding for text 1 (counted from 0): expected a number at "
+       "position 1 of an array, got a string"},
+  };
+  for (const auto& [vectors, problem] : api_cases) {
+    refuse(api(), "{\"embeddings\":" + vectors + "}", problem);
+  }
+  const std::string item = "Embedding response item ";
+  const std::pair<std::string, std::string> openai_cases[] = {
+      {"{}", "API returned dict embeddings for 2 texts"},
+      {R"([{"embedding": [1]}])", "API returned 1 embeddings for 2 texts"},
+      {R"([{"embedding": [1]}, {"index": 1}])", item + "1 has no 'embedding', got: ['index']"},
+      {"[[1], [2]]", item + "0 has no 'embedding', got: list"},
+      {R"([{"embedding": [1]}, {"index": null, "embedding": [2]}])",
+       item + "1 has an 'index' that cannot be ordered: NoneType"},
+      {R"([{"embedding": [1]}, {"index": "1", "embedding": [2]}])",
+       item + "1 has an 'index' that cannot be ordered against the others': some are strings, some "
+              "are numbers"},
+  };
+  for (const auto& [data, problem] : openai_cases)
+    refuse(openai(), "{\"data\":" + data + "}", problem);
+  EXPECT_THAT(log.take_lines(), IsEmpty());
 }
 
 TEST_F(HTTPBackendTest, LearnsItsDimensionOnlyInTheDialectThatDoes) {
-  OpenAIEmbeddingBackend openai_backend = openai();
-  EXPECT_EQ(openai_backend.name(), "openai:text-embedding-3-small");
-  EXPECT_EQ(openai_backend.dimension(), 1536);
+  OpenAIEmbeddingBackend learning = openai();
+  EXPECT_EQ(learning.dimension(), 1536);
   reply(R"({"data": [{"embedding": [1, 2, 3]}, {"embedding": [1]}]})");  // unequal ones pass
-  EXPECT_EQ(openai_backend.embed({"a", "b"}), (Vectors{{1, 2, 3}, {1}}));
-  EXPECT_EQ(openai_backend.dimension(), 3);
+  EXPECT_EQ(learning.embed({"a", "b"}), (Vectors{{1, 2, 3}, {1}}));
+  EXPECT_EQ(learning.dimension(), 3);
 
-  APIEmbeddingBackend api_backend = api();
-  EXPECT_EQ(api_backend.name(), "api:api");
+  APIEmbeddingBackend fixed = api();
   reply(R"({"embeddings": [[1, 2, 3]]})");
-  api_backend.embed({"a"});
-  EXPECT_EQ(api_backend.dimension(), 384);
+  fixed.embed({"a"});
+  EXPECT_EQ(fixed.dimension(), 384);
 }
 
 TEST_F(HTTPBackendTest, ReportsAFailedCallOnceAndGoesOn) {
-  const std::string key = "sk-secret";
-  APIEmbeddingBackend backend({.api_url = "http://user:pw@127.0.0.1/embed?token=t",
-                               .api_key = key,
-                               .transport = &_transport,
-                               .wait = _wait});
+  APIEmbeddingBackend backend = api("sk-secret", "http://user:pw@127.0.0.1/embed?token=t");
+  const std::string url = "http://***@127.0.0.1/embed?token=***";
+  const std::string failure = "API embedding call to " + url + " failed after 3 attempts: HTTP 503";
   for (int attempt = 0; attempt < 3; ++attempt) fail(503);
-  const std::string message = failure([&] { backend.embed({"a", "b"}); });
-  EXPECT_EQ(message,
-            "RuntimeError: API embedding failed: API embedding call to "
-            "http://***@127.0.0.1/embed?token=*** failed after 3 attempts: HTTP 503");
-  EXPECT_THAT(_waits, testing::ElementsAre(0.5, 1.0));
-  ASSERT_EQ(_records.size(), 1U);
-  EXPECT_EQ(_records[0].logger, "engines.embedding");
-  EXPECT_EQ(_records[0].level, LogLevel::warning);
-  EXPECT_EQ(_records[0].format, "%s HTTP/transport call failed (url=%s, texts=%d): %s");
-  ASSERT_EQ(_records[0].arguments.size(), 4U);
-  EXPECT_EQ(_records[0].arguments[0], LogArgument("API embedding"));
-  EXPECT_EQ(_records[0].arguments[1], LogArgument("http://***@127.0.0.1/embed?token=***"));
-  EXPECT_EQ(_records[0].arguments[2], LogArgument(std::int64_t{2}));
-  EXPECT_EQ(_records[0].error->kind, "HttpFailure");
-  EXPECT_THAT(_records[0].message() + _records[0].error->message,
-              testing::Not(testing::HasSubstr(key)));
+  EXPECT_EQ(failure_of([&] {
+              backend.embed({"a", "b"});
+            }),
+            "RuntimeError: API embedding failed: " + failure);
+  EXPECT_THAT(waits, ElementsAre(0.5, 1.0));
+  EXPECT_EQ(log.records().at(0).error->kind, "HttpFailure");
+  EXPECT_THAT(log.take_lines(),
+              ElementsAre("warning API embedding HTTP/transport call failed (url=" + url +
+                          ", texts=2): " + failure));
 
   fail(404);
-  EXPECT_THAT(failure([&] { backend.embed({"a"}); }), testing::HasSubstr("failed: HTTP 404"));
-  EXPECT_THAT(failure([&] { backend.embed({"a"}, {.deadline = system_clock().now() - 1}); }),
-              testing::StartsWith("RuntimeError: API embedding failed: "));
-  EXPECT_EQ(_transport.sent.size(), 4U);  // the 404 was not tried again, the late call not sent
-  EXPECT_EQ(_records.size(), 3U);
+  EXPECT_THAT(failure_of([&] { backend.embed({"a"}); }), ::testing::HasSubstr("failed: HTTP 404"));
+  EXPECT_THAT(failure_of([&] { backend.embed({"a"}, {.deadline = system_clock().now() - 1}); }),
+              ::testing::StartsWith("RuntimeError: API embedding failed: "));
+  EXPECT_THAT(sent, SizeIs(4));  // the 404 was not tried again, the late call not sent
+  EXPECT_THAT(log.take_lines(), SizeIs(2));
 
   fail(429);
   reply(R"({"embeddings": [[1]]})");
   EXPECT_EQ(backend.embed({"a"}), (Vectors{{1}}));
-  EXPECT_EQ(_records.size(), 3U);
+  EXPECT_THAT(log.take_lines(), IsEmpty());
 }
 
 TEST_F(HTTPBackendTest, StopsWithoutAWarning) {
   OpenAIEmbeddingBackend backend = openai();
-  int asked = 0;
-  const auto stop_at = [&](int ask) {
-    asked = 0;
-    return EmbedLimits{.should_stop = [&asked, ask] { return ++asked == ask; }};
-  };
-  EXPECT_EQ(failure([&] { backend.embed({"a"}, stop_at(1)); }),
-            "EmbeddingStopped: OpenAI embedding stopped before attempt 1 of 3");
-  EXPECT_TRUE(_transport.sent.empty());
   fail(500);
-  EXPECT_EQ(failure([&] { backend.embed({"a"}, stop_at(2)); }),
-            "EmbeddingStopped: OpenAI embedding stopped before attempt 2 of 3");
-  EXPECT_EQ(_transport.sent.size(), 1U);
-  EXPECT_TRUE(_records.empty());
+  for (const int stop : {1, 2}) {
+    int asked = 0;
+    EXPECT_EQ(
+        failure_of([&] { backend.embed({"a"}, {.should_stop = [&] { return ++asked == stop; }}); }),
+        "EmbeddingStopped: OpenAI embedding stopped before attempt " + std::to_string(stop) +
+            " of 3");
+    EXPECT_THAT(sent, SizeIs(stop - 1));
+  }
+  EXPECT_THAT(log.take_lines(), IsEmpty());
 }
 
 TEST_F(HTTPBackendTest, TakesOneAttemptAtLeast) {
   for (const std::int64_t attempts : {0, -5, 1}) {
     fail(500);
-    APIEmbeddingBackend backend(
-        {.api_url = "http://h", .max_attempts = attempts, .transport = &_transport, .wait = _wait});
-    EXPECT_NE(failure([&] { backend.embed({"a"}); }), "");
+    EXPECT_THROW(api({}, "http://h", attempts).embed({"a"}), RuntimeError);
   }
-  EXPECT_EQ(_transport.sent.size(), 3U);
-  EXPECT_TRUE(_waits.empty());
+  EXPECT_THAT(sent, SizeIs(3));
+  EXPECT_THAT(waits, IsEmpty());
 }
 
 TEST_F(HTTPBackendTest, RefusesUrlsOfOtherSchemes) {
-  for (const char* url : {"HTTP://h", " http://h", "h/v1", "ftp://h", "http:/h", ""}) {
-    EXPECT_EQ(
-        failure([&] { APIEmbeddingBackend({.api_url = url}); }),
-        "ValueError: api_url must start with http:// or https://, got: '" + std::string(url) + "'");
-    EXPECT_EQ(failure([&] { OpenAIEmbeddingBackend({.base_url = url}); }),
-              "ValueError: base_url must start with http:// or https://, got: '" +
-                  std::string(url) + "'");
+  for (const std::string url : {"HTTP://h", " http://h", "h/v1", "ftp://h", "http:/h", ""}) {
+    const std::string problem = "_url must start with http:// or https://, got: '" + url + "'";
+    EXPECT_EQ(failure_of([&] { api({}, url); }), "ValueError: api" + problem);
+    EXPECT_EQ(failure_of([&] { openai(url); }), "ValueError: base" + problem);
   }
 }
 

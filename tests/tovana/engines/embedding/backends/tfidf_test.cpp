@@ -6,6 +6,7 @@
 #include <limits>
 #include <map>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -20,16 +21,14 @@ namespace {
 using namespace std::string_literals;
 using Texts = std::vector<std::string>;
 
-Texts tokens(const std::string& text) { return TFIDFEmbeddingBackend()._tokenize(text); }
-
-/// The elements of a vector that are not zero, by index.
-std::map<std::size_t, double> elements(const Vector& vector) {
-  std::map<std::size_t, double> result;
-  for (std::size_t i = 0; i < vector.size(); ++i) {
-    if (vector[i] != 0) result[i] = vector[i];
-  }
-  return result;
+Texts split(const std::string& text, char separator = ' ') {
+  Texts pieces;
+  std::istringstream stream(text);
+  for (std::string piece; std::getline(stream, piece, separator);) pieces.push_back(piece);
+  return pieces;
 }
+
+Texts tokens(const std::string& text) { return TFIDFEmbeddingBackend()._tokenize(text); }
 
 void expect_same(const std::vector<Vector>& vectors, const std::vector<Vector>& expected,
                  double tolerance) {
@@ -44,35 +43,12 @@ void expect_same(const std::vector<Vector>& vectors, const std::vector<Vector>& 
 
 /// Words of several scripts, code and broken UTF-8, glued by whatever may end a word or not.
 std::string random_text(std::mt19937& random, std::size_t pieces) {
-  static const Texts kPieces = {"get",
-                                "User",
-                                "HTTP",
-                                "v2",
-                                "x",
-                                "connections",
-                                "ation",
-                                "Settings",
-                                "caf\u00E9s",
-                                "\u0130",
-                                "\u0391\u03A3",
-                                "\u03B1\u03A3",
-                                "\u01C5",
-                                "\u00DF",
-                                "\u4F60\u597D",
-                                "\U0001F600",
-                                "\u2160\u2170",
-                                "\u043F\u0440\u0438\u0432\u0435\u0442ing",
-                                "e\u0301",
-                                "\u00AA",
-                                "\xFF",
-                                "\xE2\x82",
-                                "\xED\xA0\x80",
-                                "\0"s,
-                                "1",
-                                "="};
-  static const Texts kGlue = {"",   "",       " ",      "_",      "-",    ".",      "/",
-                              ":",  "::",     ":::",    "\\",     "(",    "]",      ";",
-                              "\n", "\u00A0", "\u2028", "\u0085", "\x1F", "\u3000", "\u200B"};
+  static const Texts kPieces = split(
+      "get User HTTP v2 x connections ation Settings caf\u00E9s \u0130 \u0391\u03A3 \u03B1\u03A3 "
+      "\u01C5 \u00DF \u4F60\u597D \U0001F600 \u2160\u2170 \u043F\u0440\u0438\u0432\u0435\u0442ing "
+      "e\u0301 \u00AA \xFF \xE2\x82 \xED\xA0\x80 \0 1 ="s);
+  static const Texts kGlue =
+      split(",, ,_,-,.,/,:,::,:::,\\,(,],;,\n,\u00A0,\u2028,\u0085,\x1F,\u3000,\u200B", ',');
   std::string text;
   for (; pieces > 0; --pieces) {
     text += kPieces[random() % kPieces.size()];
@@ -81,88 +57,56 @@ std::string random_text(std::mt19937& random, std::size_t pieces) {
   return text;
 }
 
-TEST(Tokenizer, SplitsCodeAsItsReadersDo) {
-  EXPECT_EQ(tokens("parseHTTPResponse_v2"), (Texts{"parse", "httpresponse", "v2"}));
-  EXPECT_EQ(tokens("getUserName"), (Texts{"get", "user", "name"}));
-  EXPECT_EQ(tokens("iPhone v2Name parseHTTP"), (Texts{"phone", "v2name", "parse", "http"}));
-  EXPECT_EQ(tokens("std::swap(a,b)"), (Texts{"std", "swap"}));
-  EXPECT_EQ(tokens("x+y=z"), (Texts{"x+y=z"}));
-  EXPECT_EQ(tokens("Parsing connections, quickly!"), (Texts{"pars", "connection", "quickly!"}));
-  EXPECT_EQ(tokens("a.b::c(d)"), Texts{});
-  EXPECT_EQ(tokens("ab:::cd a:b :: :"), (Texts{"ab", ":cd", "a:b"}));
-  EXPECT_EQ(tokens("[one]{two};three\\four/five-six"),
-            (Texts{"one", "two", "three", "four", "five", "six"}));
+TEST(TFIDF, SplitsCodeAsItsReadersDoInAnyScript) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"parseHTTPResponse_v2", "parse httpresponse v2"},
+      {"iPhone v2Name getUserName", "phone v2name get user name"},
+      {"std::swap(a,b) x+y=z", "std swap x+y=z"},
+      {"Parsing connections, quickly!", "pars connection quickly!"},
+      {"ab:::cd a:b :: : a.b::c(d)", "ab :cd a:b"},
+      {"[one]{two};three\\four/five-six", "one two three four five six"},
+      {"\u00E9t\u00E9\u00C9tat", "\u00E9t\u00E9 \u00E9tat"},
+      {"\u00E9 \u00E9\u00E9", "\u00E9\u00E9"},  // two bytes are one character
+      {"one\u00A0two\u3000three\x1Fzz", "one two three\x1Fzz"},
+      {"\u0391\u03A3_b1 \u0391\u03A3.b1", "\u03B1\u03C2 b1 \u03B1\u03C3 b1"},
+      {"bad\xFF\xE2\x82tail", "bad\uFFFD\uFFFDtail"},
+  };
+  for (const auto& [text, expected] : cases) EXPECT_EQ(tokens(text), split(expected));
 }
 
-TEST(Tokenizer, ReadsCaseSpaceAndLengthInUnicode) {
-  EXPECT_EQ(tokens("\u00E9t\u00E9\u00C9tat"), (Texts{"\u00E9t\u00E9", "\u00E9tat"}));
-  EXPECT_EQ(tokens("\u00E9 \u00E9\u00E9"), (Texts{"\u00E9\u00E9"}));  // two bytes are one character
-  EXPECT_EQ(tokens("one\u00A0two\u3000three\x1F"s + "four"),
-            (Texts{"one", "two", "three\x1F"s + "four"}));
-  EXPECT_EQ(tokens("\u0391\u03A3_b1 \u0391\u03A3.b1"),
-            (Texts{"\u03B1\u03C2", "b1", "\u03B1\u03C3", "b1"}));
-  EXPECT_EQ(tokens("bad\xFF\xE2\x82tail"), (Texts{"bad\uFFFD\uFFFDtail"}));
-}
-
-TEST(Stemmer, CutsTheFirstSuffixThatLeavesThreeCharacters) {
-  const std::map<std::string, std::string> stems = {
-      {"creation", "cre"},
-      {"nation", "nat"},
-      {"ation", "ation"},
-      {"cookies", "cook"},
-      {"tables", "tabl"},
-      {"runs", "runs"},
-      {"getting", "get"},
-      {"apply", "app"},
-      {"settings", "setting"},
-      {"ties", "ties"},
-      {"caf\u00E9", "caf\u00E9"},
-      {"\u00E9\u00E9ing", "\u00E9\u00E9ing"},
-      {"\u00E9\u00E9\u00E9s", "\u00E9\u00E9\u00E9s"},
-      {"\u00E9\u00E9\u00E9\u00E9s", "\u00E9\u00E9\u00E9\u00E9"},
-      {"", ""}};
-  for (const auto& [word, stem] : stems) {
-    EXPECT_EQ(TFIDFEmbeddingBackend::_stem(word), stem) << word;
+TEST(TFIDF, CutsTheFirstSuffixThatLeavesThreeCharacters) {
+  for (const std::string& each :
+       split("creation/cre nation/nat ation/ation cookies/cook tables/tabl runs/runs getting/get "
+             "apply/app settings/setting ties/ties caf\u00E9/caf\u00E9 "
+             "\u00E9\u00E9ing/\u00E9\u00E9ing "
+             "\u00E9\u00E9\u00E9s/\u00E9\u00E9\u00E9s "
+             "\u00E9\u00E9\u00E9\u00E9s/\u00E9\u00E9\u00E9\u00E9")) {
+    const std::size_t slash = each.find('/');
+    EXPECT_EQ(TFIDFEmbeddingBackend::_stem(each.substr(0, slash)), each.substr(slash + 1));
   }
+  EXPECT_EQ(TFIDFEmbeddingBackend::_stem(""), "");
 }
 
 TEST(TFIDF, GivesTheKnownVectorsToTheLastDigit) {
-  struct Case {
-    Texts texts;
-    std::vector<std::map<std::size_t, double>> vectors;
-  };
-  constexpr double kThird = 0.5773502691896258;
-  constexpr double kHalf = 0.7071067811865475;
-  const Case cases[] = {
-      {{"getUserName"}, {{{181, -kThird}, {238, kThird}, {176, kThird}}}},
+  using Elements = std::map<std::size_t, double>;  // those that are not zero
+  const std::pair<Texts, std::vector<Elements>> cases[] = {
+      {{"getUserName"},
+       {{{181, -0.5773502691896258}, {238, 0.5773502691896258}, {176, 0.5773502691896258}}}},
       {{"getUserName", "get user"},
        {{{181, -0.5015489070943787}, {238, 0.5015489070943787}, {176, 0.7049094889309326}},
-        {{181, -kHalf}, {238, kHalf}}}},
-      {{"get get user"}, {{{181, -0.8610369959439764}, {238, 0.5085423203783267}}}},
+        {{181, -0.7071067811865475}, {238, 0.7071067811865475}}}},
       {{"GET user Get"}, {{{181, -0.8610369959439764}, {238, 0.5085423203783267}}}},
       {{"a.b::c(d)", "", " \n", "_"}, {{}, {}, {}, {}}},
+      {{}, {}},
   };
-  TFIDFEmbeddingBackend backend;
-  for (const auto& [texts, expected] : cases) {
-    const std::vector<Vector> vectors = backend.embed(texts);
-    ASSERT_EQ(vectors.size(), texts.size());
-    for (std::size_t text = 0; text < texts.size(); ++text) {
-      SCOPED_TRACE(texts[text]);
-      ASSERT_EQ(vectors[text].size(), 256U);
-      const auto found = elements(vectors[text]);
-      ASSERT_EQ(found.size(), expected[text].size());
-      for (const auto& [index, element] : expected[text]) {
-        EXPECT_NEAR(found.at(index), element, 1e-15);
-      }
+  for (const auto& [texts, vectors] : cases) {
+    std::vector<Vector> expected;
+    for (const Elements& elements : vectors) {
+      expected.emplace_back(256);
+      for (const auto& [index, element] : elements) expected.back()[index] = element;
     }
+    expect_same(TFIDFEmbeddingBackend().embed(texts), expected, 1e-15);
   }
-  EXPECT_TRUE(backend.embed({}).empty());
-}
-
-TEST(TFIDF, LeavesAVectorAloneWhoseTermsCancel) {
-  // In one dimension every term shares the element: "get" is negative, "user" positive.
-  EXPECT_EQ(TFIDFEmbeddingBackend(1).embed({"get user"}), (std::vector<Vector>{{0.0}}));
-  EXPECT_EQ(TFIDFEmbeddingBackend(1).embed({"get user name"}), (std::vector<Vector>{{1.0}}));
 }
 
 TEST(TFIDF, SurvivesAnyDimension) {
@@ -170,6 +114,8 @@ TEST(TFIDF, SurvivesAnyDimension) {
   for (const std::int64_t dimension : {0L, -1L, std::numeric_limits<std::int64_t>::min()}) {
     EXPECT_EQ(TFIDFEmbeddingBackend(dimension).embed(texts), std::vector<Vector>(3));
   }
+  // In one dimension every term shares the element: "get" and "user" cancel.
+  EXPECT_EQ(TFIDFEmbeddingBackend(1).embed({"get user"}), std::vector<Vector>{{0.0}});
   for (const std::int64_t dimension : {1, 2, 63, 64, 65, 1000, 100003}) {
     SCOPED_TRACE(dimension);
     expect_same(TFIDFEmbeddingBackend(dimension).embed(texts), plain::embed(texts, dimension), 0);
@@ -182,8 +128,9 @@ TEST(TFIDF, EqualsAPlainReadingOnTheCorpus) {
   const char* const path = std::getenv("TOVANA_TEST_CORPUS");
   ASSERT_NE(path, nullptr) << "run through ctest, which extracts the corpus";
   std::ifstream file(path);
-  Texts texts;
-  for (std::string line; std::getline(file, line);) texts.push_back(line);
+  std::stringstream content;
+  content << file.rdbuf();
+  const Texts texts = split(content.str(), '\n');
   ASSERT_GT(texts.size(), 5000U) << path;
   TFIDFEmbeddingBackend backend;
   const std::vector<Vector> vectors = backend.embed(texts);

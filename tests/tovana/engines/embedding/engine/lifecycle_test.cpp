@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <functional>
 #include <future>
-#include <latch>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -20,15 +19,15 @@ namespace tovana::embedding {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::EndsWith;
 
 /// The backend's name, or what the engine says instead of it.
 std::string outcome(const std::function<std::shared_ptr<EmbeddingBackend>()>& ask) {
   try {
     return ask()->name();
-  } catch (const EmbeddingNotReadyError& error) {
-    EXPECT_EQ(std::string(error.what()), "The embedding model " + error.status().describe());
-    return error.status().describe();
+  } catch (const TryAgainLaterError& error) {
+    const auto& status = dynamic_cast<const EmbeddingNotReadyError&>(error).status();
+    EXPECT_EQ(std::string(error.what()), "The embedding model " + status.describe());
+    return status.describe();
   }
 }
 
@@ -46,22 +45,21 @@ class LifecycleTest : public ::testing::Test {
 
   /// What a caller gets who waits, on a thread of its own, and is known to wait already.
   std::future<std::string> waiter(double timeout) {
-    std::future<std::string> result =
-        std::async(std::launch::async, [this, timeout] { return now(timeout); });
+    auto result = std::async(std::launch::async, [this, timeout] { return now(timeout); });
     _load.clock.await_waiter(_load.clock.now() + timeout);
     return result;
   }
 
   /// Lets the attempt under way fail, and returns once the loader waits to try again.
-  void fail_attempt(const std::string& message, double delay) {
-    _load.fail(message);
+  void fail_attempt(double delay) {
+    _load.fail("no disk");
     _load.clock.await_waiter(_load.clock.now() + delay);
   }
 
+  /// What the engine logged, without the backend's lines.
   std::vector<std::string> engine_lines() {
     std::vector<std::string> lines = _log.take_lines();
-    std::erase_if(
-        lines, [](const std::string& line) { return line.find("mbedding") == std::string::npos; });
+    std::erase_if(lines, [](const auto& line) { return line.find("mbedding") == line.npos; });
     return lines;
   }
 
@@ -70,17 +68,12 @@ class LifecycleTest : public ::testing::Test {
   std::unique_ptr<EmbeddingEngine> _engine = _load.engine();
 };
 
-constexpr const char* kFailure =
-    "could not be loaded (RuntimeError: no disk); the next attempt is in ";
-
 TEST_F(LifecycleTest, LoadsOnceWhoeverAsksAndHandsTheBackendToAll) {
   EXPECT_EQ(_engine->status(), EmbeddingStatus{.state = "idle"});
-  EXPECT_EQ(now(0), "is still loading (0 s so far)");  // and has started it
+  EXPECT_EQ(now(), "is still loading (0 s so far)");  // and has started it
   std::vector<std::jthread> callers;
   for (int i = 0; i < 8; ++i) callers.emplace_back([&] { _engine->warm_up_async(); });
   callers.clear();
-  EXPECT_EQ(_load.threads_started(), 1U);
-
   _load.await_attempts(1);
   auto impatient = waiter(5);
   auto patient = waiter(60);
@@ -93,63 +86,59 @@ TEST_F(LifecycleTest, LoadsOnceWhoeverAsksAndHandsTheBackendToAll) {
   EXPECT_EQ(patient.get(), "local:m");
   EXPECT_EQ(_engine->status(), (EmbeddingStatus{.state = "ready", .backend = "local:m"}));
   EXPECT_EQ(now(-5), "local:m");
-  EXPECT_EQ(_engine->backend_name(), "local:m");
-  EXPECT_EQ(_engine->dimension(), 384);
+  EXPECT_EQ(_engine->backend_name() + std::to_string(_engine->dimension()), "local:m384");
   _load.join();
   EXPECT_THAT(engine_lines(), ElementsAre("info Embedding backend ready: local:m (12.2 s)"));
 
   _engine->close();
   _engine->close();
-  EXPECT_EQ(now(0), "local:m");
+  EXPECT_EQ(now(), "local:m");
   EXPECT_EQ(_load.threads_started(), 1U);
 }
 
 TEST_F(LifecycleTest, FailuresAreToldAtOnceAndTriedAgainAfterGrowingWaits) {
+  const std::string failure =
+      "could not be loaded (RuntimeError: no disk); the next attempt is in ";
   _engine->warm_up_async();
   auto waiting = waiter(60);
-  fail_attempt("no disk", 30);
-  EXPECT_EQ(waiting.get(), kFailure + std::string("30 s"));
+  fail_attempt(30);
+  EXPECT_EQ(waiting.get(), failure + "30 s");
   _load.clock.advance(12.25);
   EXPECT_EQ(_engine->status(),
             (EmbeddingStatus{
                 .state = "unavailable", .detail = "RuntimeError: no disk", .retry_in_s = 17.8}));
-  EXPECT_EQ(now(60), kFailure + std::string("18 s"));  // nobody waits through a failure
+  EXPECT_EQ(now(60), failure + "18 s");  // nobody waits through a failure
   _engine->warm_up_async();
   EXPECT_EQ(_load.threads_started(), 1U);
 
   _load.clock.advance(17.75);
-  for (const double delay : {60.0, 120.0, 240.0, 480.0, 600.0, 600.0}) {
-    fail_attempt("no disk", delay);
-    _load.clock.advance(delay);
+  std::vector<std::string> lines;
+  for (const int delay : {30, 60, 120, 240, 480, 600, 600}) {
+    if (delay > 30) {
+      fail_attempt(delay);
+      _load.clock.advance(delay);
+    }
+    lines.push_back("warning The embedding model could not be loaded (attempt " +
+                    std::to_string(lines.size() + 1) + "), trying again in " +
+                    std::to_string(delay) + " s: RuntimeError: no disk");
   }
   _load.await_attempts(8);
   _load.clock.advance(1.25);
-  EXPECT_EQ(_engine->status().loading_s, 1.2);
-  EXPECT_EQ(_engine->status().detail, std::nullopt);
+  EXPECT_EQ(_engine->status(), (EmbeddingStatus{.state = "loading", .loading_s = 1.2}));
   _load.succeed();
   _load.join();
-  EXPECT_EQ(now(0), "local:m");
-  const std::string failed = "warning The embedding model could not be loaded (attempt ";
-  EXPECT_THAT(engine_lines(),
-              ElementsAre(failed + "1), trying again in 30 s: RuntimeError: no disk",
-                          failed + "2), trying again in 60 s: RuntimeError: no disk",
-                          failed + "3), trying again in 120 s: RuntimeError: no disk",
-                          failed + "4), trying again in 240 s: RuntimeError: no disk",
-                          failed + "5), trying again in 480 s: RuntimeError: no disk",
-                          failed + "6), trying again in 600 s: RuntimeError: no disk",
-                          failed + "7), trying again in 600 s: RuntimeError: no disk",
-                          "info Embedding backend ready: local:m (1.2 s)"));
+  EXPECT_EQ(now(), "local:m");
+  lines.emplace_back("info Embedding backend ready: local:m (1.2 s)");
+  EXPECT_EQ(engine_lines(), lines);
 }
 
 TEST_F(LifecycleTest, CloseEndsEverythingButAnAttemptUnderWay) {
   constexpr const char* kClosed = "was shut down before it was loaded";
-  {
-    const auto idle = _load.engine();
-    idle->close();
-    idle->warm_up_async();
-    EXPECT_EQ(outcome([&] { return idle->backend(); }), kClosed);
-    EXPECT_EQ(_load.threads_started(), 0U);
-  }
+  _engine->close();
+  _engine->warm_up_async();
+  EXPECT_EQ(outcome([&] { return _engine->backend(); }), kClosed);
+  EXPECT_EQ(_load.threads_started(), 0U);
+
   int attempts = 0;
   for (const bool succeeds : {true, false}) {
     _engine = _load.engine();
@@ -165,7 +154,7 @@ TEST_F(LifecycleTest, CloseEndsEverythingButAnAttemptUnderWay) {
   }
   _engine = _load.engine();
   _engine->warm_up_async();
-  fail_attempt("no disk", 30);
+  fail_attempt(30);
   _engine->close();
   _load.join();  // without any time having passed
   EXPECT_EQ(now(60), kClosed);
@@ -180,7 +169,7 @@ TEST_F(LifecycleTest, LoaderOutlivesTheEngine) {
 
   _engine = _load.engine();
   _engine->warm_up_async();
-  fail_attempt("no disk", 30);
+  fail_attempt(30);
   _engine.reset();  // while it waits
   _load.join();
 }
@@ -235,13 +224,12 @@ TEST_F(LifecycleTest, NoLockIsHeldWhileLoadingLoggingOrEmbedding) {
   _load.runtime.on_encode = call_back;
   set_log_sink([&](const LogRecord&) { call_back(); });
   engine->warm_up_async();
-  fail_attempt("no disk", 30);
+  fail_attempt(30);
   _load.clock.advance(30);
   _load.succeed();
   _load.join();
-  EXPECT_EQ(engine->embed_single("text").size(), 2U);
-  EXPECT_EQ(engine->embed({"text"}, {.should_stop = [&] { return call_back(), false; }}).size(),
-            1U);
+  engine->embed_single("text");
+  engine->embed({"text"}, {.should_stop = [&] { return call_back(), false; }});
   // Twice the library in each attempt; the model, not cached, not fetched, then cached; four log
   // lines (not cached, failed, loaded, ready); twice an encode and once the stop test.
   EXPECT_EQ(calls, 4 + 3 + 4 + 2 + 1);

@@ -6,35 +6,24 @@ namespace tovana::embedding {
 namespace {
 
 TEST(EngineConfigTest, TranslatesTheSettings) {
+  const auto translate = [](Config config, Environment environment) {
+    return engine_config(config, &environment);
+  };
   const Environment both = {{"BRUNE_LLM_EMBEDDING_API_KEY", " "}, {"BRUNE_LLM_API_KEY", "k2"}};
   const Environment second = {{"BRUNE_LLM_EMBEDDING_API_KEY", ""}, {"BRUNE_LLM_API_KEY", "k2"}};
-  const struct {
-    Config config;
-    Environment environment;
-    EngineConfiguration result;
-  } cases[] = {
-      {{.daemon = {"auto"}, .generation = {"http://x", "m"}}, both, {}},
-      {{.daemon = {"Auto"}, .generation = {}}, both, {{"backend", "Auto"}}},
-      {{.daemon = {"api"}, .generation = {"http://x", "m"}}, both, {{"backend", "api"}}},
-      {{.daemon = {"openai"}, .generation = {"http://x", "m"}},
-       both,
-       {{"backend", "openai"}, {"base_url", "http://x"}, {"api_key", " "}, {"model_name", "m"}}},
-      {{.daemon = {"openai"}, .generation = {"", ""}},
-       second,
-       {{"backend", "openai"},
-        {"base_url", ""},
-        {"api_key", "k2"},
-        {"model_name", "text-embedding-3-small"}}},
-      {{.daemon = {"openai"}, .generation = {}},
-       {},
-       {{"backend", "openai"},
-        {"base_url", nullptr},
-        {"api_key", nullptr},
-        {"model_name", "text-embedding-3-small"}}},
-  };
-  for (const auto& [config, environment, result] : cases) {
-    EXPECT_EQ(engine_config(config, &environment), result) << config.daemon.embedding_backend;
-  }
+  using Result = EngineConfiguration;
+  EXPECT_EQ(translate({{"auto"}, {"http://x", "m"}}, both), Result());
+  EXPECT_EQ(translate({{"api"}, {"http://x", "m"}}, both), (Result{{"backend", "api"}}));
+
+  Result openai = {
+      {"backend", "openai"}, {"base_url", "http://x"}, {"api_key", " "}, {"model_name", "m"}};
+  EXPECT_EQ(translate({{"openai"}, {"http://x", "m"}}, both), openai);
+  openai["base_url"] = "";
+  openai["api_key"] = "k2";
+  openai["model_name"] = "text-embedding-3-small";
+  EXPECT_EQ(translate({{"openai"}, {"", ""}}, second), openai);
+  openai["base_url"] = openai["api_key"] = nullptr;
+  EXPECT_EQ(translate({{"openai"}, {}}, {}), openai);
 }
 
 }  // namespace

@@ -10,26 +10,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tovana/exceptions/exceptions.h"
+#include "tests/support/failure_text.h"
 
 namespace tovana::embedding {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using ::testing::Pair;
 
-constexpr const char* kStranger = "this embedding engine was not handed out by the factory";
-
-template <class Call>
-std::string value_error_of(Call&& call) {
-  try {
-    std::forward<Call>(call)();
-  } catch (const ValueError& error) {
-    return error.what();
-  }
-  return "none";
-}
+constexpr const char* kStranger =
+    "ValueError: this embedding engine was not handed out by the factory";
 
 TEST(SharedEnginesTest, EqualConfigurationsShareAnEngineUntilItsLastHold) {
   SharedEngines factory;
@@ -56,7 +46,7 @@ TEST(SharedEnginesTest, EqualConfigurationsShareAnEngineUntilItsLastHold) {
   const auto next = factory.acquire();
   EXPECT_NE(next, engine);
   for (const auto& stranger : {engine, std::make_shared<EmbeddingEngine>()}) {
-    EXPECT_EQ(value_error_of([&] { factory.release(stranger); }), kStranger);
+    EXPECT_EQ(failure_of([&] { factory.release(stranger); }), kStranger);
   }
   EXPECT_EQ(next->status().state, "idle");
 }
@@ -108,7 +98,7 @@ TEST(SharedEnginesTest, FailuresLeaveTheTableInOrder) {
   can_make = true;
   const auto engine = factory.acquire();
   EXPECT_THROW(factory.release(engine), RuntimeError);
-  EXPECT_EQ(value_error_of([&] { factory.release(engine); }), kStranger);
+  EXPECT_EQ(failure_of([&] { factory.release(engine); }), kStranger);
 }
 
 }  // namespace
