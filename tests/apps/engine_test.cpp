@@ -33,12 +33,9 @@ class TovanaEmbedEngine : public ::testing::Test {
   /// `library` is what the model library is: none, one whose load never ends, or one that is gone.
   std::vector<std::string> command(const std::string& library,
                                    const std::vector<std::string>& arguments) const {
-    std::vector<std::string> command = {"/usr/bin/env", "-i",
-                                        "XDG_CONFIG_HOME=" + path("configuration")};
-    if (library != "none") command.push_back("TOVANA_MODEL_LIBRARY=" + path(library));
-    command.push_back(path("tovana-embed"));
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return command;
+    std::vector<std::string> environment = {"XDG_CONFIG_HOME=" + path("configuration")};
+    if (library != "none") environment.push_back("TOVANA_MODEL_LIBRARY=" + path(library));
+    return tool(environment, arguments, path("tovana-embed"));
   }
 
   void expect(const std::string& library, const std::vector<std::string>& arguments, int status,
@@ -46,10 +43,9 @@ class TovanaEmbedEngine : public ::testing::Test {
     const ProcessResult result = run(command(library, arguments));
     EXPECT_EQ(result.status, status) << result.errors;
     EXPECT_EQ(result.output, output);
-    EXPECT_THAT(result.errors, errors.empty()
-                                   ? ::testing::Matcher<const std::string&>("")
-                                   : ::testing::Matcher<const std::string&>(
-                                         AllOf(StartsWith("tovana-embed: "), HasSubstr(errors))));
+    EXPECT_THAT(result.errors, StartsWith(errors.empty() ? "" : "tovana-embed: "));
+    EXPECT_THAT(result.errors, HasSubstr(errors));
+    EXPECT_EQ(result.errors.empty(), errors.empty()) << result.errors;
   }
 
   TempFolder _folder;

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -146,6 +147,23 @@ int Subprocess::wait() {
   int status = 0;
   require(waitpid(std::exchange(_id, -1), &status, 0) >= 0, "waitpid");
   return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+std::vector<std::string> split(const std::string& text, char separator) {
+  std::vector<std::string> parts;
+  std::istringstream stream(text);
+  for (std::string part; std::getline(stream, part, separator);) parts.push_back(part);
+  return parts;
+}
+
+std::vector<std::string> tool(const std::vector<std::string>& environment,
+                              const std::vector<std::string>& arguments,
+                              const std::string& executable) {
+  std::vector<std::string> command = {"/usr/bin/env", "-i"};
+  command.insert(command.end(), environment.begin(), environment.end());
+  command.push_back(executable);
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return command;
 }
 
 ProcessResult run(const std::vector<std::string>& command, std::string_view input,

@@ -68,6 +68,14 @@ class Subprocess {
   Descriptor _input, _output, _errors;
 };
 
+/// The parts of a text that single characters separate: the words of a command line, or lines.
+std::vector<std::string> split(const std::string& text, char separator = ' ');
+
+/// The tool in an environment of nothing but the given variables, "NAME=VALUE".
+std::vector<std::string> tool(const std::vector<std::string>& environment,
+                              const std::vector<std::string>& arguments,
+                              const std::string& executable = TOVANA_EMBED_PATH);
+
 /// How much a pipe holds at most before a write to it blocks.
 inline constexpr std::size_t kPipeCapacity = 65536;
 

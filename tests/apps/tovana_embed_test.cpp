@@ -26,31 +26,18 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 /// The tool with the backend that needs nothing.
-std::vector<std::string> tool(std::vector<std::string> arguments) {
+std::vector<std::string> tfidf_tool(std::vector<std::string> arguments) {
   if (!arguments.empty() && (arguments[0] == "embed" || arguments[0] == "search")) {
     arguments.insert(arguments.begin() + 1, {"--backend", "tfidf"});
   }
-  arguments.insert(arguments.begin(), TOVANA_EMBED_PATH);
-  return arguments;
+  return tool({}, arguments);
 }
 
-std::vector<std::string> lines_of(const std::string& text) {
-  std::istringstream stream(text);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
+std::vector<std::string> lines_of(const std::string& text) { return split(text, '\n'); }
 
 std::vector<Vector> vectors_of(const std::vector<std::string>& texts,
                                std::int64_t dimension = 256) {
   return embedding::TFIDFEmbeddingBackend(dimension).embed(texts);
-}
-
-/// Texts whose vectors fill the tool's buffer and a pipe many times over.
-std::string much_input() {
-  std::string input;
-  for (int i = 0; i < 5000; ++i) input += "text\n";
-  return input;
 }
 
 /// What every error has to be: nothing among the results, one line, and that line of ours.
@@ -93,7 +80,7 @@ TEST_F(TovanaEmbed, EmbedPrintsEveryTextAndItsExactVectorInOrder) {
     input += texts[i];
   }
   texts[0] = "plain";
-  const ProcessResult result = run(tool({"embed"}), input);
+  const ProcessResult result = run(tfidf_tool({"embed"}), input);
 
   ASSERT_EQ(result.status, 0) << result.errors;
   EXPECT_EQ(result.errors, "");
@@ -110,26 +97,24 @@ TEST_F(TovanaEmbed, EmbedPrintsEveryTextAndItsExactVectorInOrder) {
 
 // The command line's parser splits lists, drops "{}" and "++", and knows commands and options.
 TEST_F(TovanaEmbed, EmbedTakesArgumentsAsTheyAre) {
-  const std::vector<std::string> texts = {"[a,b]", "{}",  "",   "search",
-                                          "-5",    "--x", "++", "two\nlines"};
-  std::vector<std::string> arguments = {"embed", "--dimension", "2"};
-  for (const std::string& text : texts) {
-    if (text == "--x") arguments.emplace_back("--");
-    arguments.push_back(text);
-  }
-  const ProcessResult result = run(tool(arguments));
+  const std::vector<std::string> texts = {"[a,b]", "{}", "", "search", "-5", "two\nlines"};
+  std::vector<std::string> arguments = split("embed --dimension 2");
+  arguments.insert(arguments.end(), texts.begin(), texts.end());
+  arguments.insert(arguments.end(), {"--", "--x", "++"});
+  const ProcessResult result = run(tfidf_tool(arguments));
   ASSERT_EQ(result.status, 0) << result.errors;
   std::vector<std::string> printed;
   for (const std::string& line : lines_of(result.output)) {
     printed.push_back(nlohmann::json::parse(line).at("text"));
   }
-  EXPECT_EQ(printed, texts);
+  arguments.erase(arguments.end() - 3);  // the "--"
+  EXPECT_EQ(printed, std::vector(arguments.begin() + 3, arguments.end()));
 }
 
 // A conversion of the other members would round numbers, sort names or drop what comes twice.
 TEST_F(TovanaEmbed, JsonLinesKeepTheirOtherMembers) {
   const ProcessResult result =
-      run(tool({"embed", "--jsonl", "--dimension", "1"}),
+      run(tfidf_tool({"embed", "--jsonl", "--dimension", "1"}),
           R"({"z":1.10,"text":"a\u0000\"b\ud834\udcb3","vector":[9], "a":12345678901234567890123})"
           "\r\n  \n"
           R"( {"te\u0078t" : "", "k":{"text":7,"q":["}]\"",{}]},"k":[],"":null} )");
@@ -142,15 +127,13 @@ TEST_F(TovanaEmbed, JsonLinesKeepTheirOtherMembers) {
 }
 
 TEST_F(TovanaEmbed, BrokenJsonLinesAreNamed) {
-  const std::string huge(1'000'000, 'x');
   for (const std::string& line :
-       {std::string(R"({"text":"a")"), std::string(R"({"text":"a"} x)"), std::string("[1]"),
-        std::string("7"), std::string(R"({"txt":"a"})"), std::string(R"({"text":7})"),
-        std::string(R"({"text":null})"), std::string(R"({"text":{"text":"a"}})"),
-        std::string(R"({"text":["a"]})"), std::string(R"({"a":{"text":"a"}})"),
-        "{\"text\":\"" + huge}) {
-    const ProcessResult result =
-        run(tool({"embed", "--jsonl"}), "{\"text\":\"fine\"}\n\n" + line + "\n{\"text\":\"fine\"}");
+       split(R"({"text":"a"|{"text":"a"} x|[1]|7|{"txt":"a"}|{"text":7}|{"text":null}|)"
+             R"({"text":{"text":"a"}}|{"text":["a"]}|{"a":{"text":"a"}}|{"text":")" +
+                 std::string(1'000'000, 'x'),
+             '|')) {
+    const ProcessResult result = run(tfidf_tool({"embed", "--jsonl"}),
+                                     "{\"text\":\"fine\"}\n\n" + line + "\n{\"text\":\"fine\"}");
     expect_error(result, 65, "standard input, line 3: ");
     EXPECT_LT(result.errors.size(), 500U) << "quotes the line at length";
   }
@@ -158,7 +141,7 @@ TEST_F(TovanaEmbed, BrokenJsonLinesAreNamed) {
 
 TEST_F(TovanaEmbed, IllFormedUtf8IsRepairedWithOneWarning) {
   const ProcessResult result =
-      run(tool({"embed", "--dimension", "1"}), "a\nb \xFF\xC3 c\n\xED\xA0\x80\nd");
+      run(tfidf_tool({"embed", "--dimension", "1"}), "a\nb \xFF\xC3 c\n\xED\xA0\x80\nd");
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(result.errors, HasSubstr("2 lines (the first is line 2) are not UTF-8"));
   EXPECT_EQ(lines_of(result.errors).size(), 1U);
@@ -174,7 +157,7 @@ TEST_F(TovanaEmbed, NpyHoldsTheArrayInNumPysLayout) {
       expected.append(reinterpret_cast<const char*>(vector.data()), vector.size() * sizeof(double));
     }
     const std::string array =
-        run(tool({"embed", "--format", "npy", "--dimension", "5"}), input).output;
+        run(tfidf_tool({"embed", "--format", "npy", "--dimension", "5"}), input).output;
     ASSERT_THAT(array, StartsWith(std::string("\x93NUMPY\x01\0", 8)));
     const std::size_t start =
         10 + static_cast<unsigned char>(array[8]) + 256U * static_cast<unsigned char>(array[9]);
@@ -191,7 +174,7 @@ TEST_F(TovanaEmbed, OutputFileIsReplacedWholeOrNotAtAll) {
   write_file(path("real"), "before");
   std::filesystem::create_symlink("real", path("link"));
   const std::vector<std::string> command =
-      tool({"embed", "--jsonl", "--dimension", "1", "--output", path("link")});
+      tfidf_tool({"embed", "--jsonl", "--dimension", "1", "--output", path("link")});
 
   expect_error(run(command, "{\"text\":\"\"}\n{"), 65, "line 2");
   EXPECT_EQ(contents("real"), "before");
@@ -210,24 +193,24 @@ TEST_F(TovanaEmbed, OutputFileIsReplacedWholeOrNotAtAll) {
 // The input stays open: a tool that reads it before it looks at the output does not end.
 TEST_F(TovanaEmbed, UnwritableOutputEndsTheRunBeforeItsInputIsRead) {
   for (const std::string& output : {path("none/file"), path(""), std::string()}) {
-    Subprocess process(tool({"embed", "--output", output}));
+    Subprocess process(tfidf_tool({"embed", "--output", output}));
     expect_error(process.finish(), 74, "cannot write " + output);
   }
 }
 
 TEST_F(TovanaEmbed, FullDiskIsAnError) {
   const std::string full = "/dev/full";
-  EXPECT_EQ(run(tool({"embed", "a"}), "", {.output_path = full.c_str()}).status, 74);
-  EXPECT_EQ(run(tool({"search", "word"}), "word", {.output_path = full.c_str()}).status, 74);
-  EXPECT_EQ(run(tool({"--help"}), "", {.output_path = full.c_str()}).status, 74);
-  expect_error(run(tool({"embed", "a", "--output", full})), 74, "make room");
+  EXPECT_EQ(run(tfidf_tool({"embed", "a"}), "", {.output_path = full.c_str()}).status, 74);
+  EXPECT_EQ(run(tfidf_tool({"search", "word"}), "word", {.output_path = full.c_str()}).status, 74);
+  EXPECT_EQ(run(tfidf_tool({"--help"}), "", {.output_path = full.c_str()}).status, 74);
+  expect_error(run(tfidf_tool({"embed", "a", "--output", full})), 74, "make room");
   EXPECT_TRUE(std::filesystem::is_character_file(full)) << "replaced by a file";
 }
 
 // The input is read (more than a pipe holds has gone), and its end never comes.
 TEST_F(TovanaEmbed, InterruptWhileReadingLeavesNothingBehind) {
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-    Subprocess process(tool({"embed", "--output", path("out")}));
+    Subprocess process(tfidf_tool({"embed", "--output", path("out")}));
     ASSERT_TRUE(process.feed(std::string(2 * kPipeCapacity, 'x')));
     ASSERT_EQ(count_files(), 1) << "the unfinished file";
     process.signal(number);
@@ -242,18 +225,18 @@ TEST_F(TovanaEmbed, InterruptWhileReadingLeavesNothingBehind) {
 // else after a second. Where the reader has gone, it ends by itself, quietly.
 TEST_F(TovanaEmbed, AWriterThatNobodyReadsFromEnds) {
   const auto let_it_write = [](Subprocess& process) {
-    ASSERT_TRUE(process.feed(much_input()));
+    for (int i = 0; i < 5000; ++i) ASSERT_TRUE(process.feed("text\n"));
     process.close_input();
     process.read_output(1);
   };
   for (const bool twice : {true, false}) {
-    Subprocess process(tool({"embed"}));
+    Subprocess process(tfidf_tool({"embed"}));
     let_it_write(process);
     process.signal(SIGINT);
     if (twice) process.signal(SIGTERM);
     EXPECT_EQ(process.wait(), 130);
   }
-  Subprocess process(tool({"embed"}));
+  Subprocess process(tfidf_tool({"embed"}));
   let_it_write(process);
   process.close_output();
   const ProcessResult result = process.finish();
@@ -262,7 +245,7 @@ TEST_F(TovanaEmbed, AWriterThatNobodyReadsFromEnds) {
 }
 
 TEST_F(TovanaEmbed, IgnoredInterruptStaysIgnored) {
-  Subprocess process(tool({"embed", "--dimension", "1"}), {.ignore_sigint = true});
+  Subprocess process(tfidf_tool({"embed", "--dimension", "1"}), {.ignore_sigint = true});
   ASSERT_TRUE(process.feed(std::string(2 * kPipeCapacity, 'x')));
   process.signal(SIGINT);
   process.close_input();
@@ -284,52 +267,43 @@ TEST_F(TovanaEmbed, SearchPrintsTheTextsLikeTheQueryBestFirst) {
           << std::inner_product(query.begin(), query.end(), vector.begin(), 0.0);
     expected += score.str() + "\t" + (index == 3 ? "read\tfile \\x1b[31m" : texts[index]) + "\n";
   }
-  EXPECT_EQ(run(tool({"search", "readFile", "--top", "3"}), input).output, expected);
+  EXPECT_EQ(run(tfidf_tool({"search", "readFile", "--top", "3"}), input).output, expected);
 
   const ProcessResult json =
-      run(tool({"search", "socket", "--jsonl", "--json"}),
+      run(tfidf_tool({"search", "socket", "--jsonl", "--json"}),
           "{\"text\":\"file\"}\n\n{\"text\":\"socket\\n\\u0000\",\"vector\":[]}\n");
   EXPECT_EQ(json.output, "{\"score\":1,\"line\":3,\"text\":\"socket\\n\\u0000\"}\n");
   EXPECT_EQ(json.errors, "");
 
   for (const char* unlike : {"", " ,; ", "zebra"}) {
-    const ProcessResult nothing = run(tool({"search", unlike}), input);
+    const ProcessResult nothing = run(tfidf_tool({"search", unlike}), input);
     EXPECT_EQ(nothing.status, 0);
     EXPECT_EQ(nothing.output, "");
     EXPECT_EQ(lines_of(nothing.errors).size(), 1U) << nothing.errors;
   }
-  EXPECT_EQ(run(tool({"search", "word"}), "").status, 0) << "empty input";
+  EXPECT_EQ(run(tfidf_tool({"search", "word"}), "").status, 0) << "empty input";
 }
 
 TEST_F(TovanaEmbed, TellsInOneLineWhatIsWrong) {
-  const std::vector<std::vector<std::string>> wrong = {
-      {},
-      {"imbed"},
-      {"embed", "--no-such-option"},
-      {"embed", "a", "--input", "file"},
-      {"embed", "a", "--jsonl"},
-      {"embed", "a", "--dimension", "0"},
-      {"embed", "a", "--dimension", "12 "},
-      {"embed", "a", "--dimension", "99999999999999999999"},
-      {"embed", "a", "--batch-size", "0"},
-      {"embed", "a", "--format", "csv"},
-      {"embed", "a", "--deadline", "-1"},
-      {"embed", "a", "--deadline", "nan"},
-      {"embed", "a", "--log-level", "loud"},
-      {"search"},
-      {"search", "a", "b"},
-      {"search", "a", "--top", "0"}};
-  for (const auto& arguments : wrong) expect_error(run(tool(arguments)), 64, "--help");
-  expect_error(run(tool({"embed", "a", "++", "b"})), 64, "embed -- ++");
-  expect_error(run(tool({"embed", "a", "--backend", "none"})), 64,
+  const std::string wrong =
+      "|imbed|embed --no-such-option|embed a --input file|embed a --jsonl|embed a --dimension 0|"
+      "embed a --dimension 99999999999999999999|embed a --batch-size 0|"
+      "embed a --format csv|embed a --deadline -1|embed a --deadline nan|"
+      "embed a --log-level loud|search|search a b|search a --top 0";
+  for (const std::string& arguments : split(wrong, '|')) {
+    expect_error(run(tfidf_tool(split(arguments))), 64, "--help");
+  }
+  expect_error(run(tfidf_tool({"embed", "a", "--dimension", "12 "})), 64, "--help");
+  expect_error(run(tfidf_tool({"embed", "a", "++", "b"})), 64, "embed -- ++");
+  expect_error(run(tfidf_tool({"embed", "a", "--backend", "none"})), 64,
                "takes auto, local, api, openai or tfidf");
 
-  expect_error(run(tool({"embed", "--input", path("none")})), 66, path("none"));
-  expect_error(run(tool({"search", "a", "--input", path("")})), 66, "directory");
-  expect_error(run(tool({"embed", "--input", path("a\nb")})), 66, "a\\nb");
+  expect_error(run(tfidf_tool({"embed", "--input", path("none")})), 66, path("none"));
+  expect_error(run(tfidf_tool({"search", "a", "--input", path("")})), 66, "directory");
+  expect_error(run(tfidf_tool({"embed", "--input", path("a\nb")})), 66, "a\\nb");
 
-  expect_error(run(tool({"embed", "a", "--deadline", "0"})), 69, "deadline of 0 s");
-  Subprocess waits_for_input(tool({"embed", "--deadline", "0.05"}));
+  expect_error(run(tfidf_tool({"embed", "a", "--deadline", "0"})), 69, "deadline of 0 s");
+  Subprocess waits_for_input(tfidf_tool({"embed", "--deadline", "0.05"}));
   expect_error(waits_for_input.finish(), 69, "deadline of 0.05 s");
 }
 
