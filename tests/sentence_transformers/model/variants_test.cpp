@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <regex>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -85,17 +87,13 @@ TEST(VariantsTest, OldNamesOfTensorsAndModulesAreKnown) {
   const ModelCopy model;
   const Floats expected = encode(model);
   model.edit_tensors([](json& header) {
-    json renamed;
-    for (const auto& [name, tensor] : header.items()) {
-      std::string old = name == "__metadata__" ? name : "bert." + name;
-      for (const auto& [now, before] : {std::pair("LayerNorm.weight", "LayerNorm.gamma"),
-                                        std::pair("LayerNorm.bias", "LayerNorm.beta")}) {
-        const std::size_t at = old.find(now);
-        if (at != std::string::npos) old.replace(at, std::string::npos, before);
-      }
-      renamed[old] = tensor;
+    std::string text = header.dump();
+    for (const auto& [now, before] : {std::pair("LayerNorm\\.weight", "LayerNorm.gamma"),
+                                      {"LayerNorm\\.bias", "LayerNorm.beta"},
+                                      {"\"(embeddings|encoder|pooler)\\.", "\"bert.$1."}}) {
+      text = std::regex_replace(text, std::regex(now), before);
     }
-    header = renamed;
+    header = json::parse(text);
   });
   model.write(
       "modules.json",
