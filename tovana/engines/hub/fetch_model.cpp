@@ -219,7 +219,8 @@ class Fetch {
       if (std::ranges::none_of(absent, is_same) &&
           !holds_content(_cache.blob(file.listed.id), file.listed)) {
         _progress.expect(file);
-        size += file.listed.size;
+        size += file.listed.size -
+                std::min(file.listed.size, unfinished_bytes(_cache.blob(file.listed.id)));
         absent.push_back(file);
       }
       _to_place.push_back(std::move(file));

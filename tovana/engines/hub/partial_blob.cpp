@@ -53,6 +53,7 @@ std::vector<fs::path> incomplete_files(const fs::path& blob) {
   }
   std::ranges::sort(found, std::greater<>());
   std::vector<fs::path> paths;
+  paths.reserve(found.size());
   for (auto& [size, path] : found) paths.push_back(std::move(path));
   return paths;
 }
@@ -134,6 +135,13 @@ void PartialBlob::_cut_to(std::uint64_t size) {
   if (::ftruncate(descriptor, offset) != 0 || ::lseek(descriptor, offset, SEEK_SET) < 0) {
     throw_not_writable(_partial.path);
   }
+}
+
+std::uint64_t unfinished_bytes(const fs::path& blob) {
+  const std::vector<fs::path> files = incomplete_files(blob);
+  std::error_code error;
+  const std::uintmax_t size = files.empty() ? 0 : fs::file_size(files.front(), error);
+  return error ? 0 : size;
 }
 
 bool holds_content(const fs::path& path, const ListedFile& file) {

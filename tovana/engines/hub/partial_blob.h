@@ -54,6 +54,9 @@ class PartialBlob {
   bool _is_finished = false;
 };
 
+/// How much an earlier fetch has left behind of a blob.
+std::uint64_t unfinished_bytes(const std::filesystem::path& blob);
+
 /// Whether a file, which may be a link, holds what `file` says. Reads all of it, if its length is
 /// right.
 bool holds_content(const std::filesystem::path& path, const ListedFile& file);
