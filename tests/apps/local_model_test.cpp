@@ -2,7 +2,6 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -31,21 +30,12 @@ TEST(TovanaEmbedLocalModel, FetchesTheModelOnceAndPrintsPythonsVectors) {
   FakeHub hub;
   hub.repo_id = "sentence-transformers/all-MiniLM-L6-v2";
   hub.add_folder(TOVANA_MINILM_DIR);
-  const auto embed = [&](const std::vector<std::string>& arguments, const std::string& input) {
-    std::vector<std::string> command = {"/usr/bin/env",
-                                        "-i",
-                                        "HF_ENDPOINT=" + hub.url(),
-                                        "HF_HUB_CACHE=" + cache.path().string(),
-                                        TOVANA_EMBED_PATH,
-                                        "embed",
-                                        "--backend",
-                                        "local",
-                                        "--model",
-                                        "all-MiniLM-L6-v2"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return run(command, input);
+  const auto embed = [&](const std::string& arguments, const std::string& input) {
+    return run(tool({"HF_ENDPOINT=" + hub.url(), "HF_HUB_CACHE=" + cache.path().string()},
+                    split("embed --backend local --model all-MiniLM-L6-v2 " + arguments)),
+               input);
   };
-  const ProcessResult fetched = embed({"a"}, "");
+  const ProcessResult fetched = embed("a", "");
   EXPECT_EQ(fetched.status, 0) << fetched.errors;
   EXPECT_NE(fetched.errors.find("  model.safetensors: 90.9 MB\n"), std::string::npos)
       << fetched.errors;
@@ -61,24 +51,23 @@ TEST(TovanaEmbedLocalModel, FetchesTheModelOnceAndPrintsPythonsVectors) {
   }
   ASSERT_EQ(references.size(), 205U);
 
-  const ProcessResult result = embed({"--jsonl", "--log-level", "info"}, input);
+  const ProcessResult result = embed("--jsonl --log-level info", input);
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.errors.find("fetching"), std::string::npos) << result.errors;
   EXPECT_EQ(contents(cache.path()), before);
   EXPECT_EQ(hub.hub().requests().size(), requests);
 
-  std::istringstream lines(result.output);
-  for (const json& reference : references) {
-    std::string line;
-    ASSERT_TRUE(std::getline(lines, line));
-    const auto vector = json::parse(line).at("vector").get<std::vector<double>>();
-    const auto expected = reference.at("embedding").get<std::vector<double>>();
+  const std::vector<std::string> lines = split(result.output, '\n');
+  ASSERT_EQ(lines.size(), references.size());
+  for (std::size_t line = 0; line < lines.size(); ++line) {
+    const auto vector = json::parse(lines[line]).at("vector").get<std::vector<double>>();
+    const auto expected = references[line].at("embedding").get<std::vector<double>>();
     ASSERT_EQ(vector.size(), expected.size());
     double largest = 0;
     for (std::size_t i = 0; i < vector.size(); ++i) {
       largest = std::max(largest, std::abs(vector[i] - expected[i]));
     }
-    EXPECT_LE(largest, 2e-6) << reference.at("name");
+    EXPECT_LE(largest, 2e-6) << references[line].at("name");
   }
 }
 

@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/failure_text.h"
 #include "tests/support/temp_folder.h"
-#include "tovana/exceptions/exceptions.h"
 
 namespace tovana {
 namespace {
@@ -25,22 +25,14 @@ TEST(ConfigTest, ReadsItsPartOfTheDaemonsFile) {
   EXPECT_EQ(load("").daemon.embedding_backend, "auto");
   EXPECT_EQ(load("").generation.base_url, std::nullopt);
 
-  const struct {
-    const char* content;
-    const char* problem;
-  } malformed[] = {
-      {"[daemon]\nembedding_backend = 3", ":2: daemon.embedding_backend must be a text in quotes"},
-      {"\ngeneration = 'x'", ":2: generation must be a section, [generation]"},
-      {"[daemon]\nembedding_backend = local", ":2: not TOML: "},
-      {"[daemon\n", ":1: not TOML: "},
-  };
-  for (const auto& [content, problem] : malformed) {
-    try {
-      load(content);
-      ADD_FAILURE() << content;
-    } catch (const ValueError& error) {
-      EXPECT_THAT(error.what(), ::testing::StartsWith(file.string() + problem));
-    }
+  for (const auto& [content, problem] :
+       {std::pair{"[daemon]\nembedding_backend = 3",
+                  ":2: daemon.embedding_backend must be a text in quotes"},
+        {"\ngeneration = 'x'", ":2: generation must be a section, [generation]"},
+        {"[daemon]\nembedding_backend = local", ":2: not TOML: "},
+        {"[daemon\n", ":1: not TOML: "}}) {
+    EXPECT_THAT(failure_of([&, text = content] { load(text); }),
+                ::testing::StartsWith("ValueError: " + file.string() + problem));
   }
   EXPECT_THROW(load_config(folder.path()), RuntimeError);
   EXPECT_THROW(load_config(folder.path() / "missing"), RuntimeError);

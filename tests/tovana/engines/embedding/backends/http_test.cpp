@@ -84,7 +84,8 @@ TEST_F(HTTPBackendTest, ReadsRepliesInTheOrderOfTheirIndexes) {
   // Items as INDEX:PLACE, an index that is missing as "-".
   for (const std::string items :
        {"1:1 0:0", "2:2 -:0 0:1", "0.5:1 true:2 -3:0 1:3", "\"b\":1 \"a\":0", "null:0",
-        "9007199254740993:1 9007199254740992.0:0 18446744073709551615:2"}) {
+        "9007199254740993:1 9007199254740992.0:0 18446744073709551615:2",
+        "7:0 7:1 7:2 7:3 7:4 7:5 7:6 7:7 7:8 7:9 7:10 7:11 7:12 7:13 7:14 7:15 7:16 7:17"}) {
     std::istringstream words(items);
     std::string data;
     Vectors expected;
