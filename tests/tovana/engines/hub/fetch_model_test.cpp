@@ -197,6 +197,7 @@ struct Fault {
   std::function<void(Fetching&)> set_up;
   std::string outcome;       ///< Part of it.
   std::size_t requests = 0;  ///< At most; 0: not counted.
+  double waited_s = -1;      ///< In all; below 0: not looked at.
   bool is_repaired = true;   ///< Whether another fetch completes it once the faults are gone.
 };
 
@@ -300,9 +301,9 @@ const Fault kFaults[] = {
     {"a commit that is a path", hub("/revision/", 200, "", R"({"sha":"../../../../etc"})"),
      "something else than a model's commit", 1},
     // What passes, and what does not.
-    {"trouble for a while", hub("", 503, "", "", 3), "fetched"},
+    {"trouble for a while", hub("", 503, "", "", 3), "fetched", 0, 7},
     {"trouble", hub("", 503, ""), "HTTP 503, the hub has trouble", 4},
-    {"a limit for a while", hub("", 429, "Retry-After: 7\r\n", "", 1), "fetched"},
+    {"a limit for a while", hub("", 429, "Retry-After: 9\r\n", "", 1), "fetched", 0, 9},
     {"a limit", hub("", 429, "ratelimit: \"api\";r=0;t=300\r\n"), "HTTP 429", 1},
     {"trouble at the store", store([](Connection& c) { c.respond(500, ""); }), "HTTP 500"},
     {"access denied at the store", store([](Connection& c) { c.respond(403, ""); }), "HTTP 403"},
@@ -366,16 +367,16 @@ const Fault kFaults[] = {
      "too large"},
     // Repositories.
     {"no model", no_file("config.json"), "is no model that can be used: it has no config.json", 0,
-     false},
-    {"an empty file", file("tokenizer.json", ""), "its tokenizer.json is empty", 0, false},
-    {"pickled weights alone", no_file("model.safetensors"), "it has no model.safetensors", 0,
+     -1, false},
+    {"an empty file", file("tokenizer.json", ""), "its tokenizer.json is empty", 0, -1, false},
+    {"pickled weights alone", no_file("model.safetensors"), "it has no model.safetensors", 0, -1,
      false},
     {"a bare transformer", no_file("modules.json"), "fetched"},
     {"modules outside", file("modules.json", R"([{"type":"a.Dense","path":"../../.."}])"),
-     "ValueError: the model names the file \"../../../config.json\", which is not inside it", 0,
+     "ValueError: the model names the file \"../../../config.json\", which is not inside it", 0, -1,
      false},
     {"modules that are not JSON", file("modules.json", "["),
-     "ValueError: the model's file modules.json cannot be used: ", 0, false},
+     "ValueError: the model's file modules.json cannot be used: ", 0, -1, false},
 };
 
 TEST(FetchModelTest, EndsAsItShouldWhateverIsWrong) {
@@ -389,6 +390,9 @@ TEST(FetchModelTest, EndsAsItShouldWhateverIsWrong) {
     EXPECT_THAT(outcome, AllOf(Not(HasSubstr(kToken)), Not(HasSubstr("s3cret"))));
     if (fault.requests > 0) {
       EXPECT_LE(fetching.requests(), fault.requests);
+    }
+    if (fault.waited_s >= 0) {
+      EXPECT_EQ(fetching.clock.now(), 1000 + fault.waited_s);
     }
     if (outcome != "fetched") {
       EXPECT_THAT(fetching.files_in_snapshot(), SizeIs(0));
