@@ -94,8 +94,8 @@ TEST(Tokenizer, IsWhatItsFilesSayTogether) {
                  "vocab_txt": "[PAD]\r\n[UNK]\n[CLS] \n[SEP]\n[MASK]\nab\u3000\n\nfoo\nab"})",
              "foo ab", {7, 8});
   expect_ids("of equal members the last counts",
-             R"({"tokenizer": "{\"model\": {\"vocab\": {\"[PAD]\": 0, \"[UNK]\": 1, \"[CLS]\": 2,)"
-             R"( \"[SEP]\": 3, \"[MASK]\": 4, \"a\": 5, \"a\": 6}}}"})",
+             R"({"tokenizer": "{\"model\": 0, \"model\": {\"vocab\": {\"[PAD]\": 0, \"[UNK]\": 1,)"
+             R"( \"[CLS]\": 2, \"[SEP]\": 3, \"[MASK]\": 4, \"a\": 5, \"a\": 6}}}"})",
              "a", {6});
   expect_ids("special tokens are recognised in the text, to the letter", "{}", "a[SEP]b[sep] [PAD]",
              {5, 3, 6, 15, 1, 16, 0});
@@ -131,7 +131,7 @@ TEST(Tokenizer, IsWhatItsFilesSayTogether) {
                  {"22": {"content": "<x", "special": true}, "23": {"content": "<x>>", "special": true},
                   "24": {"content": "a", "single_word": true, "special": true},
                   "5": {"content": "[", "lstrip": true, "rstrip": true}}}})",
-             "<x>><x>>>, b a\u200d [ a,a", {23, 23, 14, 1, 6, 5, 15, 5, 1, 5});
+             "<x>><x>>>, b a\u200d [ a,a ab", {23, 23, 14, 1, 6, 5, 15, 5, 1, 5, 20});
 }
 
 TEST(Tokenizer, RefusesFilesThatItCannotFollow) {
