@@ -28,6 +28,7 @@ class TovanaEmbedPull : public ::testing::Test {
   }
 
   std::vector<std::string> command(const std::string& arguments) const {
+    hub.settle();  // its threads then see what has been changed of it
     return tool({"HF_ENDPOINT=" + hub.url(), "HF_HUB_CACHE=" + cache}, split("pull " + arguments));
   }
 
