@@ -58,13 +58,14 @@ class ThreadGuard {
 /// Keeps the handler on top while a load goes on, for the exit of threads that are not protected:
 /// that may still destroy what the library has registered since the last round, but no more.
 void keep_handler_on_top() noexcept {
-  std::chrono::microseconds pause(100);
-  constexpr std::chrono::microseconds kLongestPause(2000);  // a round costs 32 bytes for ever
+  std::chrono::nanoseconds pause = std::chrono::microseconds(50);
+  // A round costs 32 bytes for ever, so a load that takes minutes gets fewer of them.
+  constexpr std::chrono::nanoseconds kLongestPause = std::chrono::milliseconds(2);
   do {
     while (loading_calls > 0) {
       put_handler_on_top();
       std::this_thread::sleep_for(pause);
-      pause = std::min(pause * 101 / 100, kLongestPause);
+      pause = std::min(pause * 10'001 / 10'000, kLongestPause);
     }
     is_kept_on_top = false;
     // A load that began just before found the thread still there and relies on it.

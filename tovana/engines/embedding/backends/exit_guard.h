@@ -18,7 +18,7 @@ namespace tovana::embedding {
 /// engine that may start a load, does it for its caller. Another thread that may end the process,
 /// or the main thread where it was not the one that loaded a shared library with this component,
 /// calls it itself. Unprotected, its exit is safe while others encode; while others load it may
-/// destroy the statics that came to life in the last two milliseconds.
+/// destroy statics that have just come to life, and in rare cases crash over that.
 ///
 /// Never waits for a load: while one is under way it does nothing, and a later call makes up for
 /// that. Once done it costs a look at a thread-local variable.

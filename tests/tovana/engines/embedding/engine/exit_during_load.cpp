@@ -10,8 +10,8 @@
 
 /// A process may exit with its own status while an engine loads, waits to load again, or embeds.
 /// Usage: exit_during_load RUNS [MODEL]; each run is a child process that exits at a moment of its
-/// own, from its main thread and from one that comes when the load has begun, in turn. Without a
-/// model the load is a slow fake, which fails in every third run.
+/// own, from its main thread and from another one in turn. Without a model the load is a slow fake,
+/// which fails in every third run.
 namespace {
 
 using namespace tovana;
@@ -40,13 +40,13 @@ void exit_during_load(EmbeddingEngine& engine, std::chrono::microseconds span, u
       }
     }
   };
-  engine.warm_up_async();
-  for (int i = 0; i < 3; ++i) std::thread(embed).detach();
-  if (seed % 2 == 0) testing::exit_within(span, seed);
-  std::thread([&engine, span, seed] {
-    engine.status();
+  const auto load_and_exit = [&] {
+    engine.warm_up_async();
+    for (int i = 0; i < 3; ++i) std::thread(embed).detach();
     testing::exit_within(span, seed);
-  }).join();
+  };
+  if (seed % 2 == 0) load_and_exit();
+  std::thread(load_and_exit).join();
 }
 
 }  // namespace
