@@ -36,27 +36,23 @@ void PackedMatrix::set_columns(std::size_t first, std::size_t count, const float
 
 void PackedMatrix::multiply(std::size_t rows, const float* in, std::size_t in_stride,
                             float* out) const {
-  _kernels->multiply({.rows = rows,
-                      .in = in,
-                      .in_stride = in_stride,
-                      .panels = _panels,
-                      .depth = _depth,
-                      .columns = padded_columns(),
-                      .bias = _bias,
-                      .out = out,
-                      .out_stride = padded_columns(),
-                      .adds = false});
+  _multiply(rows, in, in_stride, _bias, out, false);
 }
 
 void PackedMatrix::multiply_unbiased(std::size_t rows, const float* in, std::size_t in_stride,
                                      float* out, bool adds) const {
+  _multiply(rows, in, in_stride, nullptr, out, adds);
+}
+
+void PackedMatrix::_multiply(std::size_t rows, const float* in, std::size_t in_stride,
+                             const float* bias, float* out, bool adds) const {
   _kernels->multiply({.rows = rows,
                       .in = in,
                       .in_stride = in_stride,
                       .panels = _panels,
                       .depth = _depth,
                       .columns = padded_columns(),
-                      .bias = nullptr,
+                      .bias = bias,
                       .out = out,
                       .out_stride = padded_columns(),
                       .adds = adds});

@@ -35,6 +35,9 @@ class PackedMatrix {
                          bool adds) const;
 
  private:
+  void _multiply(std::size_t rows, const float* in, std::size_t in_stride, const float* bias,
+                 float* out, bool adds) const;
+
   const Kernels* _kernels = nullptr;
   std::size_t _depth = 0;
   std::size_t _columns = 0;
