@@ -7,7 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/sentence_transformers/model/model_copy.h"
+#include "tests/sentence_transformers/model_files.h"
 #include "tovana/engines/embedding/backends/local/model_library_abi.h"
 
 extern "C" const tovana::model_library_abi::Table* tovana_model_library();

@@ -1,11 +1,10 @@
-#include "tests/sentence_transformers/reference.h"
-
 #include <filesystem>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "sentence_transformers/tokenizer/tokenizer.h"
+#include "tests/sentence_transformers/model_files.h"
 #include "tovana/files/model_directory.h"
 
 namespace tovana::sentence_transformers {
@@ -22,7 +21,6 @@ std::vector<Model> models() {
   std::vector<Model> models = {{tiny_model("tiny_bert_cls"), {}, 128},
                                {tiny_model("tiny_bert_f16"), {}, 128},
                                {tiny_model("tiny_bert_max_dense"), {}, 48},
-                               {tiny_model("tiny_bert_five_heads"), {}, 96},
                                {tiny_model("tiny_mpnet_mean"), {}, 64, 1}};
   for (Model& model : models) model.references = model.folder / "reference.jsonl";
 #ifdef TOVANA_MINILM_DIR

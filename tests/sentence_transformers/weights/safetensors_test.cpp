@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/sentence_transformers/safetensors_file.h"
+#include "tests/sentence_transformers/model_files.h"
 #include "tests/support/failure_text.h"
 
 namespace tovana::sentence_transformers {

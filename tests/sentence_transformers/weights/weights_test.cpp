@@ -6,7 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/sentence_transformers/safetensors_file.h"
+#include "tests/sentence_transformers/model_files.h"
 #include "tests/support/failure_text.h"
 #include "tests/support/temp_folder.h"
 
