@@ -24,7 +24,6 @@ struct AddedToken {
   bool normalized = false;
   bool special = false;
 
-  bool operator==(const AddedToken&) const = default;
 };
 
 /// Finds the added tokens of one of the two searches in a text: from the left, the longest at each

@@ -34,7 +34,6 @@ Tokenizer::Tokenizer(TokenizerSettings&& settings)
     : _normalizer(settings.normalizer),
       _largest_id(largest_id_in(settings.vocabulary)),
       _word_piece(std::move(settings.vocabulary), settings.word_piece),
-      _vocab_size(_word_piece.vocabulary_size()),
       _keeps_end(settings.keeps_end) {
   give_ids(settings.added_tokens);
   read_special_tokens(settings);
@@ -56,9 +55,10 @@ Tokenizer::Tokenizer(TokenizerSettings&& settings)
 /// An added token that the vocabulary has keeps its id there; the others get the numbers behind the
 /// vocabulary's size in the order of addition, whatever ids the files list them under.
 void Tokenizer::give_ids(std::vector<AddedToken>& tokens) {
+  auto next = static_cast<std::int32_t>(_word_piece.vocabulary_size());
   for (AddedToken& token : tokens) {
     const std::optional<std::int32_t> known = _word_piece.id_of(token.content);
-    token.id = known ? *known : static_cast<std::int32_t>(_vocab_size++);
+    token.id = known ? *known : next++;
     _largest_id = std::max(_largest_id, token.id);
   }
 }
@@ -87,7 +87,7 @@ void Tokenizer::read_special_tokens(const TokenizerSettings& settings) {
   };
   _before = ids_of(settings.before);
   _behind = ids_of(settings.behind);
-  _pad_id = id_of(settings.pad_token);
+  id_of(settings.pad_token);  // Texts are not padded here, but a tokenizer has it.
   std::sort(_special_ids.begin(), _special_ids.end());
 }
 

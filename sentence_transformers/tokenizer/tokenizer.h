@@ -44,16 +44,9 @@ class Tokenizer {
   /// How many special tokens every text gets; 2 for BERT and MPNet.
   std::size_t special_count() const noexcept { return _before.size() + _behind.size(); }
 
-  /// The id that fills a batch's shorter texts up.
-  std::int32_t pad_id() const noexcept { return _pad_id; }
-  std::int32_t unk_id() const noexcept { return _word_piece.unknown_id(); }
-
   /// Whether an id is that of a special token: one at the ends of every text, or one that the files
   /// call special.
   bool is_special_id(std::int32_t id) const noexcept;
-
-  /// Different tokens, added ones included.
-  std::size_t vocab_size() const noexcept { return _vocab_size; }
 
   /// No id that `encode` returns is above it: the embedding matrix needs one row more.
   std::int32_t largest_id() const noexcept { return _largest_id; }
@@ -68,13 +61,11 @@ class Tokenizer {
   BertNormalizer _as_is;  ///< For text that is normalized already.
   std::int32_t _largest_id;
   WordPiece _word_piece;
-  std::size_t _vocab_size;
   AddedTokens _raw_tokens = AddedTokens({});         ///< Looked for in the text.
   AddedTokens _normalized_tokens = AddedTokens({});  ///< Looked for in its normalized pieces.
   std::vector<std::int32_t> _before;
   std::vector<std::int32_t> _behind;
   std::vector<std::int32_t> _special_ids;  ///< Ascending.
-  std::int32_t _pad_id = 0;
   bool _keeps_end;
 };
 

@@ -51,7 +51,6 @@ class WordPiece {
   std::optional<std::int32_t> id_of(std::string_view token) const noexcept {
     return _trie.value_of(token);
   }
-  std::int32_t unknown_id() const noexcept { return _unknown_id; }
   std::size_t vocabulary_size() const noexcept { return _trie.size(); }
 
  private:

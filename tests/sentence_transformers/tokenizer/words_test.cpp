@@ -1,5 +1,9 @@
+// What texts are cut into, against the models' own library and against plainer ways to the same.
+
 #include "sentence_transformers/tokenizer/words.h"
 
+#include <algorithm>
+#include <map>
 #include <random>
 #include <string>
 #include <utility>
@@ -7,7 +11,11 @@
 
 #include <gtest/gtest.h>
 
+#include "sentence_transformers/tokenizer/byte_trie.h"
+#include "sentence_transformers/tokenizer/tokenizer.h"
+#include "tests/sentence_transformers/model_files.h"
 #include "tovana/base/text.h"
+#include "tovana/files/model_directory.h"
 
 namespace tovana::sentence_transformers {
 namespace {
@@ -29,27 +37,45 @@ std::string utf8_of(char32_t code_point) {
   return {bytes, utf8::encode(code_point, bytes)};
 }
 
-/// FNV-1a over the words of "a" + character + "b" for every character there is; the sums come from
-/// the models' own library. One wrong entry in the tables changes them.
+/// Random numbers below one.
+class Numbers {
+ public:
+  std::uint32_t operator()(std::size_t below) {
+    return static_cast<std::uint32_t>(_random() % below);
+  }
+
+ private:
+  std::mt19937 _random{7};
+};
+
+/// FNV-1a over the words of "a" + character + "b" for every character there is, a line each, with
+/// "|" between the words; the sums come from the models' own library. One wrong entry in the tables
+/// changes them.
 TEST(Words, EveryCharacterIsTreatedAsTheModelsWereTrainedWith) {
+  std::string text;
+  for (char32_t code_point = 0; code_point < 0x110000; ++code_point) {
+    if (code_point >= 0xD800 && code_point < 0xE000) continue;
+    text += "a" + utf8_of(code_point) + "b z ";  // No character gives "z" as a word of its own.
+  }
   const std::pair<NormalizerOptions, std::uint64_t> cases[] = {
       {{false, true, true, true, true}, 0x87630403deca15b1},
       {{false, true, true, false, true}, 0xac0bf58430df76c1},
       {{false, false, false, true, false}, 0xc59a9ff3c6f427f0},
   };
   for (const auto& [options, expected] : cases) {
-    const BertNormalizer normalizer(options);
     std::uint64_t sum = 0xcbf29ce484222325;
-    for (char32_t code_point = 0; code_point < 0x110000; ++code_point) {
-      if (code_point >= 0xD800 && code_point < 0xE000) continue;
-      std::string line;
-      for (const auto& [word, characters] : words_of("a" + utf8_of(code_point) + "b", normalizer)) {
-        line += (line.empty() ? "" : "|") + word;
-      }
-      for (const char byte : line + '\n') {
-        sum = (sum ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
-      }
-    }
+    const auto add = [&sum](char byte) {
+      sum = (sum ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
+    };
+    const BertNormalizer normalizer(options);
+    bool begins_line = true;
+    Words(normalizer).for_each(text, [&](std::string_view word, std::size_t) {
+      const bool ends_line = word == "z";
+      if (ends_line || !begins_line) add(ends_line ? '\n' : '|');
+      if (!ends_line) std::ranges::for_each(word, add);
+      begins_line = ends_line;
+      return true;
+    });
     EXPECT_EQ(sum, expected);
   }
 }
@@ -57,16 +83,12 @@ TEST(Words, EveryCharacterIsTreatedAsTheModelsWereTrainedWith) {
 /// The text in one pass has the words of the normalized text, whatever the bytes; its ill-formed
 /// parts count as everywhere in the component.
 TEST(Words, OnePassIsAsGoodAsTwo) {
-  std::mt19937 random(11);
-  const auto number = [&](std::uint32_t below) {
-    return static_cast<std::uint32_t>(random()) % below;
-  };
-  for (int round = 0; round < 4000; ++round) {
+  Numbers number;
+  for (int round = 0; round < 2000; ++round) {
     std::string text;
     for (std::uint32_t left = number(40); left > 0; --left) {
-      const std::uint32_t kind = number(4);
-      const std::uint32_t limit = kind == 0 ? 0x80 : kind == 1 ? 0x600 : 0x10FFFF;
-      text += utf8_of(number(limit));  // surrogates too: ill-formed
+      constexpr std::uint32_t kLimits[] = {0x80, 0x600, 0x10FFFF, 0x10FFFF};
+      text += utf8_of(number(kLimits[number(4)]));  // surrogates too: ill-formed
       if (number(8) == 0) text += static_cast<char>(number(256));
       if (number(8) == 0) text.resize(text.size() - 1);
     }
@@ -77,6 +99,73 @@ TEST(Words, OnePassIsAsGoodAsTwo) {
     EXPECT_EQ(cut, words_of(normalizer.normalize(text), BertNormalizer()));
     EXPECT_EQ(cut, words_of(repair_utf8(text), normalizer));
     for (const auto& [word, characters] : cut) EXPECT_EQ(count_characters(word), characters);
+  }
+}
+
+/// Random strings over few letters share prefixes; over all bytes they crowd the blocks.
+TEST(ByteTrie, FindsWhatASearchThroughAllKeysFinds) {
+  Numbers number;
+  for (const std::size_t letters : {1U, 2U, 5U, 256U}) {
+    const auto text = [&](std::size_t longest) {
+      std::string result(number(longest + 1), '\0');
+      for (char& byte : result) byte = static_cast<char>(number(letters));
+      return result;
+    };
+    std::vector<std::string> keys(3000);
+    for (std::string& key : keys) key = text(12);
+    std::vector<ByteTrie::Entry> entries;
+    std::map<std::string, std::int32_t> expected;  // Of equal keys the last counts.
+    for (const std::string& key : keys) {
+      entries.push_back({key, expected[key] = static_cast<std::int32_t>(entries.size())});
+    }
+    const ByteTrie trie(entries);
+    EXPECT_EQ(trie.size(), expected.size());
+    expected.erase("");
+    for (const std::string& key : keys) {
+      const std::string searched = key + text(3);
+      const auto match = trie.longest_match(searched.data(), searched.data() + searched.size());
+      std::string longest = searched;
+      while (!longest.empty() && !expected.contains(longest)) longest.pop_back();
+      ASSERT_EQ(match.size, longest.size());
+      if (!longest.empty()) {
+        ASSERT_EQ(match.value, expected[longest]);
+      }
+      ASSERT_EQ(trie.value_of(searched).has_value(), longest == searched && !longest.empty());
+    }
+  }
+}
+
+/// The real model's vocabulary, if it is there, and small ones.
+TEST(Tokenizers, EveryReferenceTextHasItsIdsAtEveryLength) {
+  struct Model {
+    std::filesystem::path folder;
+    std::filesystem::path references;
+    std::size_t max_length;
+  };
+  std::vector<Model> models;
+  for (const auto& [name, max_length] :
+       {std::pair("tiny_bert_cls", 128U), {"tiny_bert_max_dense", 48U}, {"tiny_mpnet_mean", 64U}}) {
+    models.push_back({tiny_model(name), tiny_model(name) / "reference.jsonl", max_length});
+  }
+#ifdef TOVANA_MINILM_DIR
+  const std::filesystem::path data = TOVANA_TEST_DATA;
+  models.push_back({TOVANA_MINILM_DIR, data / "minilm_reference.jsonl", 256});
+#endif
+  for (const auto& [folder, references, max_length] : models) {
+    SCOPED_TRACE(folder);
+    const Tokenizer tokenizer = Tokenizer::load(files::ModelDirectory(folder));
+    for (const nlohmann::json& reference : read_references(references)) {
+      const std::string text = reference.at("text");
+      const std::vector<std::int32_t> ids = reference.at("ids");
+      ASSERT_EQ(tokenizer.encode(text, max_length), ids) << text;
+      EXPECT_TRUE(tokenizer.is_special_id(ids.back()));
+      // A shorter limit keeps the beginning and the last token, also amid the pieces of a word.
+      for (std::size_t length = 2; length < ids.size(); ++length) {
+        auto cut = ids;
+        cut.erase(cut.begin() + static_cast<std::ptrdiff_t>(length) - 1, cut.end() - 1);
+        ASSERT_EQ(tokenizer.encode(text, length), cut) << text;
+      }
+    }
   }
 }
 
