@@ -23,7 +23,6 @@ struct AddedToken {
   /// given.
   bool normalized = false;
   bool special = false;
-
 };
 
 /// Finds the added tokens of one of the two searches in a text: from the left, the longest at each
