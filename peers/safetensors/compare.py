@@ -16,8 +16,8 @@ from safetensors import SafetensorError, deserialize
 # Where we refuse what the library accepts: part of our fault, and why.
 KNOWN = {
     "more than any tensor has": "an extent of 2**63 and more, which only an empty tensor can have",
-    "its entry is no object": "a tensor written as a list, [dtype, shape, offsets]",
-    '"dtype" is no text': "a dtype written as an object, {dtype: null}",
+    "its entry is not an object": "a tensor written as a list, [dtype, shape, offsets]",
+    '"dtype" is not a string': "a dtype written as an object, {dtype: null}",
     "too deep": "nested more than 64 deep in a field that nobody reads; the library allows 127",
     "Problem while parsing a number": "a whole number beyond 64 bits in a field that nobody reads",
 }

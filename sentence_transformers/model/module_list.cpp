@@ -27,7 +27,7 @@ std::vector<ModuleEntry> read_module_list(const files::ModelDirectory& directory
   const std::optional<nlohmann::json> list = directory.read_json(kFile);
   if (!list) return {};
   const std::string file = directory.path_of(kFile);
-  if (!list->is_array()) throw files::ModelFilesError(file + ": holds no list of modules");
+  if (!list->is_array()) throw files::ModelFilesError(file + ": does not hold an array of modules");
 
   std::vector<ModuleEntry> modules;
   std::set<nlohmann::json> names;

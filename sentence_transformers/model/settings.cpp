@@ -20,7 +20,7 @@ std::string shown(const nlohmann::json& value) {
 
 Settings::Settings(nlohmann::json members, std::string file)
     : _members(std::move(members)), _file(std::move(file)) {
-  if (!_members.is_object()) refuse("holds no JSON object");
+  if (!_members.is_object()) refuse("does not hold a JSON object");
 }
 
 std::optional<Settings> Settings::read(const files::ModelDirectory& directory,

@@ -19,7 +19,7 @@ std::string shown(const nlohmann::json& value);
 /// Every operation throws ModelFilesError, naming file and member, for a value it cannot work with.
 class Settings {
  public:
-  /// Throws ModelFilesError when `members`, the content of the file `file`, is no JSON object.
+  /// Throws ModelFilesError when `members`, the content of the file `file`, is not a JSON object.
   Settings(nlohmann::json members, std::string file);
 
   /// The file `name` of the folder; none when it is absent.
@@ -40,8 +40,8 @@ class Settings {
 
   /// A whole number from `least` to 2^31 - 1: a count of something that fits into memory.
   std::optional<std::int64_t> count(std::string_view name, std::int64_t least = 1) const;
-  /// A whole number of tokens, at least 1. Other programs say "no limit" by some huge number; whatever is
-  /// beyond 2^31 - 1 comes out as that.
+  /// A whole number of tokens, at least 1. Other programs say "no limit" by some huge number;
+  /// whatever is beyond 2^31 - 1 comes out as that.
   std::optional<std::int64_t> limit(std::string_view name) const;
   std::optional<double> number(std::string_view name) const;
   std::optional<bool> flag(std::string_view name) const;

@@ -155,7 +155,8 @@ TransformerConfig read_transformer_config(const files::ModelDirectory& directory
   };
   if (result.hidden % result.heads != 0) {
     config.refuse("\"hidden_size\", " + std::to_string(result.hidden) +
-                  ", is no multiple of \"num_attention_heads\", " + std::to_string(result.heads));
+                  ", is not a multiple of \"num_attention_heads\", " +
+                  std::to_string(result.heads));
   }
   if (!(result.layer_norm_eps >= 0)) config.refuse("\"layer_norm_eps\" is negative");
   const std::int64_t longest = is_bert ? result.positions : result.positions - kMPNetFirstPosition;

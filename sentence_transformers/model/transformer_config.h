@@ -15,7 +15,7 @@ enum class Architecture { bert, mpnet };
 /// has: more are in the weights, and never asked for.
 inline constexpr std::int64_t kMPNetBuckets = 32;
 
-/// What a Transformer module's configuration files say about its encoder. All counts are at
+/// What a Transformer module's configuration files say about its encoder. Every count is at
 /// least 1.
 struct TransformerConfig {
   Architecture architecture;

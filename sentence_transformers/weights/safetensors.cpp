@@ -40,7 +40,8 @@ using EntryMap = std::map<std::string, TensorEntry, std::less<>>;
 
 Dtype read_dtype(std::string_view tensor, dom::element value) {
   std::string_view name;
-  if (value.get_string().get(name) != simdjson::SUCCESS) refuse(tensor, "\"dtype\" is no text");
+  if (value.get_string().get(name) != simdjson::SUCCESS)
+    refuse(tensor, "\"dtype\" is not a string");
   const std::optional<Dtype> dtype = dtype_from_name(name);
   if (!dtype) refuse(tensor, "unknown dtype " + files::in_quotes(name));
   return *dtype;
@@ -51,7 +52,7 @@ std::vector<std::uint64_t> read_numbers(std::string_view tensor, std::string_vie
                                         dom::element value) {
   dom::array list;
   if (value.get_array().get(list) != simdjson::SUCCESS) {
-    refuse(tensor, files::in_quotes(field) + " is no list");
+    refuse(tensor, files::in_quotes(field) + " is not an array");
   }
   std::vector<std::uint64_t> numbers;
   for (const dom::element element : list) {
@@ -80,7 +81,8 @@ std::vector<std::int64_t> read_shape(std::string_view tensor, dom::element value
 
 TensorEntry read_entry(std::string_view name, dom::element value) {
   dom::object object;
-  if (value.get_object().get(object) != simdjson::SUCCESS) refuse(name, "its entry is no object");
+  if (value.get_object().get(object) != simdjson::SUCCESS)
+    refuse(name, "its entry is not an object");
   TensorEntry entry;
   bool has_dtype = false;
   bool has_shape = false;
@@ -113,11 +115,12 @@ void check_metadata(dom::element value) {
   if (value.is_null()) return;
   dom::object object;
   if (value.get_object().get(object) != simdjson::SUCCESS) {
-    throw ValueError("\"__metadata__\" is no object");
+    throw ValueError("\"__metadata__\" is not an object");
   }
   for (const auto [key, content] : object) {
     if (!content.is_string()) {
-      throw ValueError("\"__metadata__\": the value of " + files::in_quotes(key) + " is no text");
+      throw ValueError("\"__metadata__\": the value of " + files::in_quotes(key) +
+                       " is not a string");
     }
   }
 }
@@ -130,7 +133,8 @@ EntryMap read_header(std::string_view header) {
   if (error == simdjson::SUCCESS) error = parser.parse(text).get(root);
   if (error == simdjson::MEMALLOC) throw std::bad_alloc();
   if (error != simdjson::SUCCESS) {
-    throw ValueError(std::string("the header is no valid JSON: ") + simdjson::error_message(error));
+    throw ValueError(std::string("the header is not valid JSON: ") +
+                     simdjson::error_message(error));
   }
   dom::object object;
   if (root.get_object().get(object) != simdjson::SUCCESS) {
@@ -232,7 +236,7 @@ SafetensorsFile SafetensorsFile::open(const files::FileHandle& file, files::File
     file.check_unchanged();
     return SafetensorsFile(std::move(memory), std::move(tensors));
   } catch (const ValueError& error) {
-    throw files::ModelFilesError(file.path() + ": no valid safetensors file: " + error.what());
+    throw files::ModelFilesError(file.path() + ": not a valid safetensors file: " + error.what());
   }
 }
 

@@ -23,8 +23,8 @@ TensorMap parse_safetensors(std::span<const std::byte> file);
 /// Threads: immutable once opened; any number may read.
 class SafetensorsFile {
  public:
-  /// Throws ModelFilesError, naming file and fault, for a file that is no valid safetensors file,
-  /// and RuntimeError when it cannot be read or changes meanwhile.
+  /// Throws ModelFilesError, naming file and fault, for a file that is not a valid safetensors
+  /// file, and RuntimeError when it cannot be read or changes meanwhile.
   static SafetensorsFile open(const files::FileHandle& file, files::FileAccess access);
 
   const TensorMap& tensors() const noexcept { return _tensors; }

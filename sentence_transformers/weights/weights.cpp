@@ -50,7 +50,7 @@ std::map<std::string, std::set<std::string>> tensors_by_shard(
   for (const auto& [tensor, shard] : map->items()) {
     if (!shard.is_string()) {
       throw files::ModelFilesError(path + ": the file of tensor " + files::in_quotes(tensor) +
-                                   " is no text");
+                                   " is not a string");
     }
     shards[shard.get<std::string>()].insert(tensor);
   }

@@ -69,10 +69,10 @@ TEST(Safetensors, NamesTheFaultOfAHostileHeader) {
   // Each with four bytes of data.
   const std::vector<std::pair<const char*, std::vector<std::string>>> cases = {
       {"none", {a + "}", beside_a("0", "4,4"), beside_a("0,4294967296,4294967296", "4,4")}},
-      {"no valid JSON",
+      {"not valid JSON",
        {"", a, a + "}" + '\0', "\xEF\xBB\xBF" + a + "}", "{\"\xff\":{}}", R"({"\ud800":{}})",
         R"({"t":)" + std::string(100'000, '['), alone("F32", "18446744073709551616,0", "0,0")}},
-      {"its entry is no object", {R"({"t":null})"}},
+      {"its entry is not an object", {R"({"t":null})"}},
       {"tensor \"t\\n\": its entry", {R"({"t\n":["F32",[1],[0,4]]})"}},
       {"has no \"data_offsets\"", {R"({"t":{"dtype":"U8","shape":[0]}})"}},
       {"\"dtype\" comes twice", {R"({"t":{"dtype":"U8","dtype":"U8"}})"}},
