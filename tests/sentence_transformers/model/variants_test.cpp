@@ -19,7 +19,9 @@ namespace {
 using nlohmann::json;
 using Floats = std::vector<float>;
 
-Floats encode(const ModelCopy& model, std::span<const std::string_view> texts) {
+constexpr std::string_view kText = "Parse the header file.";
+
+Floats encode(const ModelCopy& model, const std::vector<std::string_view>& texts) {
   const auto loaded = SentenceTransformer::load(files::ModelDirectory(model.path()));
   Floats rows(texts.size() * static_cast<std::size_t>(loaded->dimension()));
   loaded->encode(texts, false, rows.data());
@@ -52,14 +54,10 @@ TEST(VariantsTest, OfSeveralLengthsOneCounts) {
 }
 
 TEST(VariantsTest, AFolderWithoutModulesIsAModelWithAPoolingOfItsOwn) {
-  const auto encode_one = [](const ModelCopy& model) {
-    constexpr std::string_view kText = "Parse the header file.";
-    return encode(model, {&kText, 1});
-  };
-  const auto pooled = [&](const json& mode) {
+  const auto pooled = [](const json& mode) {
     const ModelCopy model;
     model.patch("1_Pooling/config.json", {{"pooling_mode", mode}});
-    return encode_one(model);
+    return encode(model, {kText});
   };
   const Floats mean = pooled("mean");
   const ModelCopy plain;
@@ -68,12 +66,22 @@ TEST(VariantsTest, AFolderWithoutModulesIsAModelWithAPoolingOfItsOwn) {
   plain.patch("config_sentence_transformers.json",
               {{"truncate_dim", 3}, {"prompts", {{"x", "x"}}}, {"default_prompt_name", "x"}});
   plain.patch("sentence_bert_config.json", {{"max_seq_length", 3}});
-  EXPECT_EQ(encode_one(plain), mean);
+  EXPECT_EQ(encode(plain, {kText}), mean);
   plain.patch("config.json", {{"architectures", {"BertForCausalLM"}}});
-  EXPECT_EQ(encode_one(plain), pooled("lasttoken"));
+  EXPECT_EQ(encode(plain, {kText}), pooled("lasttoken"));
   plain.patch("config.json", {{"is_causal", false}});
-  EXPECT_EQ(encode_one(plain), mean);
+  EXPECT_EQ(encode(plain, {kText}), mean);
   EXPECT_EQ(pooled(nullptr), mean);
+}
+
+TEST(VariantsTest, APromptThatHasMoreTokensThanItHasWithTheTextLeavesTheLast) {
+  const ModelCopy model;
+  model.patch("1_Pooling/config.json", {{"pooling_mode", "lasttoken"}});
+  const Floats last = encode(model, {"hello"});
+  model.patch("1_Pooling/config.json", {{"pooling_mode", "mean"}, {"include_prompt", false}});
+  model.patch("config_sentence_transformers.json",
+              {{"prompts", {{"x", "hel"}}}, {"default_prompt_name", "x"}});
+  EXPECT_EQ(encode(model, {"lo"}), last);
 }
 
 TEST(VariantsTest, TextsBeyondARoundOfBatchesKeepTheirOrder) {
