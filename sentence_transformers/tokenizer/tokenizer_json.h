@@ -1,0 +1,16 @@
+#pragma once
+
+#include "sentence_transformers/tokenizer/json_file.h"
+#include "sentence_transformers/tokenizer/tokenizer_settings.h"
+
+/// The components that tokenizer.json describes. Everything throws ModelFilesError, naming the
+/// member, for a component that is missing, malformed or of another kind than is supported.
+namespace tovana::sentence_transformers {
+
+/// The model, which has to be WordPiece.
+JsonFile::Object word_piece_of(const JsonFile& tokenizer_json);
+
+/// Normalizer, model without its vocabulary, post-processor: into `settings`, as they are.
+void read_components(const JsonFile& tokenizer_json, TokenizerSettings& settings);
+
+}  // namespace tovana::sentence_transformers

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "sentence_transformers/tokenizer/json_file.h"
+#include "sentence_transformers/tokenizer/tokenizer_files.h"
+
+namespace tovana::sentence_transformers {
+
+/// How a model's files are read together; see `TokenizerSettings`.
+enum class TokenizerKind { bert, mpnet, as_it_is };
+
+/// For messages.
+inline constexpr std::string_view kSupportedTokenizers =
+    "supported are BertTokenizer, DistilBertTokenizer, MPNetTokenizer, and tokenizer.json with "
+    "BertNormalizer, BertPreTokenizer, WordPiece and TemplateProcessing, BertProcessing or "
+    "RobertaProcessing";
+
+/// A model's files, parsed; what is read from them may refer to their text.
+struct TokenizerSources {
+  /// Throws ModelFilesError, naming the file, for one that is not a JSON object.
+  explicit TokenizerSources(TokenizerFiles files);
+
+  /// Throws ModelFilesError for a class of tokenizers that is not supported.
+  TokenizerKind kind() const;
+
+  /// Whether tokenizer_config.json lists the added tokens, and so the older files do not count.
+  bool lists_added_tokens() const;
+
+  std::optional<JsonFile> tokenizer;     ///< tokenizer.json
+  std::optional<JsonFile> config;        ///< tokenizer_config.json
+  std::optional<JsonFile> special_map;   ///< special_tokens_map.json
+  std::optional<JsonFile> added;         ///< added_tokens.json
+  std::optional<JsonFile> model_config;  ///< config.json
+  std::optional<std::string> vocab_txt;
+  std::string tokenizer_path;
+  std::string vocab_txt_path;
+};
+
+}  // namespace tovana::sentence_transformers
