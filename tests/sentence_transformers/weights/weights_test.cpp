@@ -70,16 +70,12 @@ TEST_P(WeightsTest, FailuresNameFileAndFault) {
   expect_failure("model.safetensors: the model has no weights");
   write("pytorch_model.bin", "x");
   expect_failure("pytorch_model.bin: weights in pickle");
-  write(index, "[]");
-  expect_failure(index + ": has no object \"weight_map\"");
   write(index, R"({"weight_map":{"a":1}})");
   expect_failure(index + ": the file of tensor \"a\" is not a string");
   write(index, R"({"weight_map":{"a":"a.safetensors"}})");
   expect_failure("a.safetensors: not there, though " + index + " names it");
   write_tensor("a.safetensors", "b", "BBBB");
   expect_failure("a.safetensors: has no tensor \"a\"");
-  write_tensor("a.safetensors", "a", "AAA");
-  expect_failure("a.safetensors: not a valid safetensors file: the header describes 4 bytes");
   write("model.safetensors", "");
   expect_failure("model.safetensors: not a valid safetensors file: has 0");
 }
