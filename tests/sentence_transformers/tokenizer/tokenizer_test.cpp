@@ -100,8 +100,8 @@ TEST(Tokenizer, IsWhatItsFilesSayTogether) {
       "foo", {11});
   expect_ids("vocab.txt serves where there is no tokenizer.json; white space ends its lines",
              R"({"tokenizer": null,
-                 "vocab_txt": "[PAD]\r\n[UNK]\n[CLS] \n[SEP]\n[MASK]\nab\u3000\n\nfoo\nab"})",
-             "foo ab", {7, 8});
+                 "vocab_txt": "[PAD]\r\n[UNK]\n[CLS] \n[SEP]\n[MASK]\na\u3000\n\nfoo\nab\nab"})",
+             "foo ab a", {7, 9, 5});
   expect_ids("of equal members the last counts",
              R"({"tokenizer": "{\"model\": 0, \"model\": {\"vocab\": {\"[PAD]\": 0, \"[UNK]\": 1,)"
              R"( \"[CLS]\": 2, \"[SEP]\": 3, \"[MASK]\": 4, \"a\": 5, \"a\": 6}}}"})",
@@ -133,8 +133,9 @@ TEST(Tokenizer, IsWhatItsFilesSayTogether) {
   expect_ids("an added token is found in the normalized text or in the text as given",
              R"({"config": {"added_tokens_decoder":
                  {"22": {"content": "<É>", "normalized": true, "special": false},
-                  "23": {"content": "<E>", "normalized": false}}}})",
-             "<é><e\u0301><E><e>", {22, 22, 23, 22});
+                  "23": {"content": "<E>", "normalized": false},
+                  "24": {"content": "a b", "normalized": true, "special": false}}}})",
+             "<é><e\u0301><E><e>a\u3000b", {22, 22, 23, 22, 24});
   expect_ids("the longest of those that begin first; single words touch no word character",
              R"({"config": {"added_tokens_decoder":
                  {"22": {"content": "<x", "special": true}, "23": {"content": "<x>>", "special": true},
