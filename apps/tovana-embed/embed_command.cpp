@@ -9,7 +9,7 @@
 
 #include "command.h"
 #include "embedding_call.h"
-#include "engine_options.h"
+#include "engine_arguments.h"
 #include "engine_session.h"
 #include "json_writer.h"
 #include "npy_writer.h"
@@ -23,9 +23,9 @@ namespace {
 
 using embedding::Vector;
 
-struct EmbedOptions {
-  EngineOptions engine;
-  InputOptions input;
+struct EmbedArguments {
+  EngineArguments engine;
+  InputArguments input;
   CLI::Option* texts = nullptr;
   std::string output = "-";
   bool npy = false;
@@ -47,30 +47,31 @@ void write_json_line(Output& output, const InputTexts& input, std::size_t index,
   output.write("}\n");
 }
 
-ExitStatus embed(const EmbedOptions& options, const Interrupts& interrupts) {
-  const RunLimits limits(interrupts, options.deadline.value_or(RunLimits::kNoDeadline));
+ExitStatus embed(const EmbedArguments& arguments, const Interrupts& interrupts) {
+  const RunLimits limits(interrupts, arguments.deadline.value_or(RunLimits::kNoDeadline));
   // First of all: a place that cannot be written to must not cost the work.
-  Output output(options.output, limits);
-  EngineSession session(options.engine, interrupts);
+  Output output(arguments.output, limits);
+  EngineSession session(arguments.engine, interrupts);
   // The raw results: a conversion would take a text "{}" for an empty list.
-  const InputTexts input = options.texts->count() > 0 ? texts_of_arguments(options.texts->results())
-                                                      : read_texts(options.input, "vector", limits);
+  const InputTexts input = arguments.texts->count() > 0
+                               ? texts_of_arguments(arguments.texts->results())
+                               : read_texts(arguments.input, "vector", limits);
   const std::size_t count = input.texts.size();
-  if (options.npy && count == 0) {
+  if (arguments.npy && count == 0) {
     write_npy_header(output, 0, static_cast<std::size_t>(session.wait_ready(limits).dimension()));
   }
   {
-    Progress progress(count, options.output == "-");
+    Progress progress(count, arguments.output == "-");
     std::size_t dimension = 0;  // an endpoint's is known only when its first vectors have come
     const auto write_batch = [&](std::size_t first, const std::vector<Vector>& vectors) {
       if (first == 0) {
         dimension = vectors.front().size();
-        if (options.npy) write_npy_header(output, count, dimension);
+        if (arguments.npy) write_npy_header(output, count, dimension);
       }
       for (std::size_t i = 0; i < vectors.size(); ++i) {
         limits.check_interrupted();
         check_dimension(input, first + i, vectors[i], dimension);
-        if (options.npy) {
+        if (arguments.npy) {
           write_npy_row(output, vectors[i]);
         } else {
           write_json_line(output, input, first + i, vectors[i]);
@@ -78,19 +79,19 @@ ExitStatus embed(const EmbedOptions& options, const Interrupts& interrupts) {
         progress.advance(1);
       }
     };
-    embed_in_batches(session, input, static_cast<std::size_t>(options.batch_size), limits,
+    embed_in_batches(session, input, static_cast<std::size_t>(arguments.batch_size), limits,
                      write_batch);
   }
   output.finish();
   return ExitStatus::success;
 }
 
-void add_format_option(CLI::App& command, EmbedOptions& options) {
-  const auto set_format = [&options](const std::string& name) {
+void add_format_option(CLI::App& command, EmbedArguments& arguments) {
+  const auto set_format = [&arguments](const std::string& name) {
     if (name != "jsonl" && name != "npy") {
       throw CLI::ValidationError("--format", "takes jsonl or npy, not \"" + name + "\"");
     }
-    options.npy = name == "npy";
+    arguments.npy = name == "npy";
   };
   command
       .add_option_function<std::string>(
@@ -104,33 +105,34 @@ void add_format_option(CLI::App& command, EmbedOptions& options) {
 }  // namespace
 
 Command add_embed_command(CLI::App& tool) {
-  const auto options = std::make_shared<EmbedOptions>();
+  const auto arguments = std::make_shared<EmbedArguments>();
   CLI::App& command = *tool.add_subcommand("embed", "Turn texts into vectors");
   // The parser splits "[a,b]" into two for an option that takes extra values; one that still
   // expects values gets them as they are.
   constexpr int kAnyNumber = CLI::detail::expected_max_vector_size;
-  options->texts = command.add_option("TEXT", "The texts to embed; without any, --input is read")
-                       ->option_text("...")
-                       ->expected(kAnyNumber, kAnyNumber)
-                       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-                       ->allow_extra_args(false);
-  add_input_options(command, options->input);
-  options->texts->excludes("--input")->excludes("--jsonl");
+  arguments->texts = command.add_option("TEXT", "The texts to embed; without any, --input is read")
+                         ->option_text("...")
+                         ->expected(kAnyNumber, kAnyNumber)
+                         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+                         ->allow_extra_args(false);
+  add_input_options(command, arguments->input);
+  arguments->texts->excludes("--input")->excludes("--jsonl");
   command
-      .add_option("--output", options->output,
+      .add_option("--output", arguments->output,
                   "Write to FILE: the whole result or, on any failure,\n"
                   "nothing; - is standard output (the default)")
       ->option_text("FILE");
-  add_format_option(command, *options);
-  add_count(command, "--batch-size", options->batch_size,
-            "Most texts in one call of the backend (256); local takes\n"
-            "as many as it embeds in a fifth of a second. tfidf takes\n"
-            "the whole input as one batch, since its weights depend\n"
-            "on the other texts of the batch");
-  add_seconds(command, "--deadline", options->deadline,
+  add_format_option(command, *arguments);
+  add_count(command, "--batch-size", arguments->batch_size,
+            "Most texts in one call of the backend (" + std::to_string(kDefaultBatchSize) +
+                "); local takes\n"
+                "as many as it embeds in a fifth of a second. tfidf takes\n"
+                "the whole input as one batch, since its weights depend\n"
+                "on the other texts of the batch");
+  add_seconds(command, "--deadline", arguments->deadline,
               "Give up (status 69) when S seconds have passed. tfidf\n"
               "looks at it only until it starts to embed");
-  add_engine_options(command, options->engine);
+  add_engine_options(command, arguments->engine);
   command.footer(
       R"(The whole input is read and checked first. A text is a line without its line
 end (LF or CR LF). An empty line is a text, and its vector is zero. With --jsonl
@@ -144,7 +146,7 @@ Examples:
   tovana-embed embed --jsonl < records.jsonl > with_vectors.jsonl
   tovana-embed embed -- --a-text-that-begins-with-a-hyphen)");
   return {&command,
-          [options](const Interrupts& interrupts) { return embed(*options, interrupts); }};
+          [arguments](const Interrupts& interrupts) { return embed(*arguments, interrupts); }};
 }
 
 }  // namespace tovana::tool

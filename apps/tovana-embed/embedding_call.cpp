@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <optional>
 #include <span>
 #include <stdexcept>
 
@@ -101,15 +102,15 @@ void embed_in_batches(EngineSession& session, const InputTexts& input, std::size
   if (dynamic_cast<embedding::TFIDFEmbeddingBackend*>(backend) != nullptr) {
     return sink(0, call_for(session, input, 0, texts.size(), limits));
   }
-  const bool is_endpoint = dynamic_cast<embedding::_HTTPEmbeddingBackend*>(backend) != nullptr;
-  CallSize size(batch_size);
+  std::optional<CallSize> size;  // an endpoint's call can be ended, whatever its size
+  if (dynamic_cast<embedding::_HTTPEmbeddingBackend*>(backend) == nullptr) size.emplace(batch_size);
   for (std::size_t first = 0; first < texts.size();) {
     limits.check();
     const auto left = texts.subspan(first);
-    const std::size_t count = is_endpoint ? std::min(batch_size, left.size()) : size.next(left);
+    const std::size_t count = size ? size->next(left) : std::min(batch_size, left.size());
     const double start = system_clock().now();
     const std::vector<Vector> vectors = call_for(session, input, first, count, limits);
-    size.took(system_clock().now() - start);
+    if (size) size->took(system_clock().now() - start);
     sink(first, vectors);
     first += count;
   }

@@ -20,9 +20,9 @@ using embedding::SHARED_ENGINES;
 
 }  // namespace
 
-EngineSession::EngineSession(const EngineOptions& options, const Interrupts& interrupts)
-    : _options(options),
-      _config(engine_configuration(options)),
+EngineSession::EngineSession(const EngineArguments& arguments, const Interrupts& interrupts)
+    : _arguments(arguments),
+      _config(engine_configuration(arguments)),
       _engine(SHARED_ENGINES.acquire(_config)) {
   try {
     _engine->warm_up_async();
@@ -37,7 +37,7 @@ EngineSession::~EngineSession() { SHARED_ENGINES.release(_engine); }
 
 EmbeddingBackend& EngineSession::wait_ready(const RunLimits& limits) {
   if (_backend != nullptr) return *_backend;
-  double wait_s = _options.no_wait ? 0 : _options.wait_s.value_or(RunLimits::kNoDeadline);
+  double wait_s = _arguments.no_wait ? 0 : _arguments.wait_s.value_or(RunLimits::kNoDeadline);
   wait_s = std::min(wait_s, limits.deadline() - system_clock().now());
   try {
     _backend = _engine->wait_ready(wait_s);

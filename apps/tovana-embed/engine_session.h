@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "engine_options.h"
+#include "engine_arguments.h"
 #include "run_limits.h"
 #include "tovana/engines/embedding/engine/engine.h"
 
@@ -13,7 +13,7 @@ namespace tovana::tool {
 class EngineSession {
  public:
   /// Throws as `engine_configuration`; Failure (not_ready) when there is no thread to load with.
-  EngineSession(const EngineOptions& options, const Interrupts& interrupts);
+  EngineSession(const EngineArguments& arguments, const Interrupts& interrupts);
   ~EngineSession();
   EngineSession(const EngineSession&) = delete;
   EngineSession& operator=(const EngineSession&) = delete;
@@ -26,7 +26,7 @@ class EngineSession {
   embedding::EmbeddingBackend& wait_ready(const RunLimits& limits);
 
  private:
-  const EngineOptions& _options;
+  const EngineArguments& _arguments;
   const embedding::EngineConfiguration _config;
   const std::shared_ptr<embedding::EmbeddingEngine> _engine;
   std::shared_ptr<embedding::EmbeddingBackend> _backend;

@@ -13,7 +13,7 @@
 #include <thread>
 #include <utility>
 
-#include "terminal_line.h"
+#include "progress_line.h"
 #include "tovana/base/clock.h"
 #include "tovana/base/mutex.h"
 #include "tovana/base/text.h"
@@ -22,12 +22,14 @@
 namespace tovana::tool {
 namespace {
 
-constexpr double kRedrawS = 0.1;
-constexpr double kNextLineS = 10;
 /// How long nothing has to come before it is said.
 constexpr double kSilenceS = 3;
+/// And how long after that it is said again, on a terminal and elsewhere.
+constexpr double kRedrawSilenceS = 1;
+constexpr double kNextSilenceS = 10;
 /// The rate is that of the last so many seconds.
 constexpr double kRateWindowS = 5;
+constexpr double kSampleS = 0.1;
 constexpr std::size_t kWidestBar = 24;
 constexpr std::size_t kNarrowestBar = 5;
 
@@ -58,7 +60,8 @@ std::string duration(double seconds) {
 std::string bar(std::uint64_t bytes, std::uint64_t size, std::size_t text_size) {
   constexpr std::size_t kFrame = 4;  // the brackets, a blank, and the terminal's last column
   const std::size_t taken = text_size + kFrame;
-  const std::size_t room = terminal_width() > taken ? terminal_width() - taken : 0;
+  const std::size_t columns = ProgressLine::width();
+  const std::size_t room = columns > taken ? columns - taken : 0;
   const std::size_t width = std::min(kWidestBar, room);
   if (width < kNarrowestBar) return {};
   const double share = std::clamp(static_cast<double>(bytes) / static_cast<double>(size), 0.0, 1.0);
@@ -85,19 +88,14 @@ class FetchDisplay {
   /// Says so while nothing comes, on a thread of its own, for ever.
   [[noreturn]] void watch() TOVANA_EXCLUDES(_mutex);
   void begin(const hub::FetchProgress& progress, double now) TOVANA_REQUIRES(_mutex);
-  void write(const std::string& line) TOVANA_REQUIRES(_mutex);
-  void draw(double now) TOVANA_REQUIRES(_mutex);
-  void say(const std::string& text) TOVANA_REQUIRES(_mutex);
   std::string state() const TOVANA_REQUIRES(_mutex);
   std::string silence(double now) const TOVANA_REQUIRES(_mutex);
 
-  const bool _is_terminal = stderr_is_terminal();
   Mutex _mutex;
   ConditionVariable _begun;
   bool _is_watched TOVANA_GUARDED_BY(_mutex) = false;
   bool _is_begun TOVANA_GUARDED_BY(_mutex) = false;
-  bool _is_line_drawn TOVANA_GUARDED_BY(_mutex) = false;
-  double _next_drawing TOVANA_GUARDED_BY(_mutex) = 0;
+  ProgressLine _line TOVANA_GUARDED_BY(_mutex);
   std::uint64_t _bytes TOVANA_GUARDED_BY(_mutex) = 0;
   std::uint64_t _size TOVANA_GUARDED_BY(_mutex) = 0;
   std::deque<Sample> _samples TOVANA_GUARDED_BY(_mutex);  ///< Of the last few seconds.
@@ -116,21 +114,20 @@ void FetchDisplay::show(const hub::FetchProgress& progress) {
   const LockGuard lock(_mutex);
   const double now = system_clock().now();
   if (progress.is_over) {
-    if (_is_line_drawn) clear_line();
-    _is_line_drawn = false;
+    _line.clear();
     _is_begun = false;
     return;
   }
   if (!_is_begun) begin(progress, now);
   if (!progress.is_checking && !std::exchange(_is_announced, true)) {
-    write("fetching the model " + _model);
+    _line.write("fetching the model " + _model);
   }
   _bytes = progress.bytes;
   _size = progress.size;
   if (progress.is_waiting) {
     const std::string file = shown(progress.file);
     _held_files.insert(file);
-    return write("  waiting for another process that fetches " + file);
+    return _line.write("  waiting for another process that fetches " + file);
   }
   if (!progress.problem.empty()) {
     _activity = Activity::pausing;
@@ -148,13 +145,16 @@ void FetchDisplay::show(const hub::FetchProgress& progress) {
   _last_news = now;
   _silence_said = now + kSilenceS;
   while (!_samples.empty() && _samples.front().time < now - kRateWindowS) _samples.pop_front();
-  if (_samples.empty() || now >= _samples.back().time + kRedrawS) {
+  if (_samples.empty() || now >= _samples.back().time + kSampleS) {
     _samples.push_back({now, progress.bytes});
   }
   if (progress.is_file_done) {
-    write("  " + shown(progress.file) + ": " + file_size(progress.file_size));
+    _line.write("  " + shown(progress.file) + ": " + file_size(progress.file_size));
   }
-  if (now >= _next_drawing && _size > 0) draw(now);
+  if (_size > 0 && _line.comes_due(now)) {
+    const std::string text = state();
+    _line.show(_line.is_on_terminal() ? bar(_bytes, _size, text.size()) + text : text);
+  }
 }
 
 void FetchDisplay::begin(const hub::FetchProgress& progress, double now) {
@@ -165,7 +165,7 @@ void FetchDisplay::begin(const hub::FetchProgress& progress, double now) {
   _held_files.clear();
   _last_news = now;
   _silence_said = now + kSilenceS;
-  _next_drawing = now + (_is_terminal ? 0 : kNextLineS);
+  _line.begin(now);
   _begun.notify_all();
   if (std::exchange(_is_watched, true)) return;
   try {
@@ -180,8 +180,8 @@ void FetchDisplay::watch() {
     while (!_is_begun) _begun.wait(_mutex);
     const double now = system_clock().now();
     if (now >= _silence_said) {
-      say(silence(now));
-      _silence_said = now + (_is_terminal ? 1 : kNextLineS);
+      _line.show(silence(now));
+      _silence_said = now + (_line.is_on_terminal() ? kRedrawSilenceS : kNextSilenceS);
     }
     // Not woken by news: it looks again when the silence would have been long enough.
     system_clock().wait_until(_begun, _mutex, _silence_said);
@@ -202,25 +202,6 @@ std::string FetchDisplay::silence(double now) const {
   if (_activity == Activity::checking) return "checking the files of " + _model + seconds;
   return _activity == Activity::asking ? "waiting for " + _host + seconds
                                        : _host + " sends nothing" + seconds;
-}
-
-void FetchDisplay::draw(double now) {
-  _next_drawing = now + (_is_terminal ? kRedrawS : kNextLineS);
-  const std::string text = state();
-  say(_is_terminal ? bar(_bytes, _size, text.size()) + text : text);
-}
-
-/// On a terminal in the line that is drawn again and again, elsewhere in one of its own.
-void FetchDisplay::say(const std::string& text) {
-  if (!_is_terminal) return write("  " + text);
-  draw_line(text);
-  _is_line_drawn = true;
-}
-
-void FetchDisplay::write(const std::string& line) {
-  if (_is_line_drawn) clear_line();
-  _is_line_drawn = false;
-  static_cast<void>(std::fputs((line + "\n").c_str(), stderr));
 }
 
 std::string FetchDisplay::state() const {

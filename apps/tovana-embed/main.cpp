@@ -69,7 +69,6 @@ void describe(CLI::App& tool) {
   tool.require_subcommand(1);
   tool.get_formatter()->column_width(22);
   tool.get_formatter()->label("SUBCOMMAND", "COMMAND");
-  tool.get_formatter()->label("Subcommands", "Commands");
   tool.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
   tool.footer(
       "Results go to standard output, everything else to stderr.\n"
@@ -79,8 +78,8 @@ void describe(CLI::App& tool) {
       "  1    migrate-check: the vectors have to be embedded again\n"
       "  64   the command line is wrong\n"
       "  65   the input, the settings, a variable of the environment or the\n"
-      "       database are malformed, or the model is damaged, incomplete or of a kind that does "
-      "not load\n"
+      "       database are malformed, or the model is damaged, incomplete\n"
+      "       or of a kind that does not load\n"
       "  66   the input, the settings or the database cannot be read\n"
       "  69   a call failed, the deadline passed (during the load too), or\n"
       "       what was asked for cannot be had\n"
@@ -98,6 +97,7 @@ ExitStatus run(std::vector<std::string> arguments, const Interrupts& interrupts)
   const std::vector<Command> commands = {add_embed_command(tool), add_search_command(tool),
                                          add_status_command(tool), add_migrate_check_command(tool),
                                          add_pull_command(tool)};
+  for (const Command& command : commands) command.arguments->group("Commands");
   try {
     check_no_terminator(arguments);
     std::ranges::reverse(arguments);  // the parser takes them from the back

@@ -5,7 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include "command.h"
-#include "engine_options.h"
+#include "engine_arguments.h"
 #include "engine_session.h"
 #include "output.h"
 #include "tovana/storage/sqlite/sqlite_database.h"
@@ -17,8 +17,8 @@ using storage::DatabaseError;
 using storage::DatabaseLockedError;
 using storage::DatabaseRow;
 
-struct MigrateCheckOptions {
-  EngineOptions engine;
+struct MigrateCheckArguments {
+  EngineArguments engine;
   CLI::Option* database = nullptr;
 };
 
@@ -58,14 +58,14 @@ class DaemonDatabase final : public storage::Database {
   bool _has_row = false;
 };
 
-ExitStatus migrate_check(const MigrateCheckOptions& options, const Interrupts& interrupts) {
+ExitStatus migrate_check(const MigrateCheckArguments& arguments, const Interrupts& interrupts) {
   const RunLimits limits(interrupts);
   Output output("-", limits);
-  EngineSession session(options.engine, interrupts);
+  EngineSession session(arguments.engine, interrupts);
   bool changed = false;
   std::string answer = "no stored vectors, nothing to embed again\n";
   try {
-    DaemonDatabase database(options.database->results().front(), session, limits);
+    DaemonDatabase database(arguments.database->results().front(), session, limits);
     changed = session.engine().check_backend_migration(database);
     if (database.has_row()) {
       const std::string backend = session.engine().backend_name();
@@ -86,12 +86,12 @@ ExitStatus migrate_check(const MigrateCheckOptions& options, const Interrupts& i
 }  // namespace
 
 Command add_migrate_check_command(CLI::App& tool) {
-  const auto options = std::make_shared<MigrateCheckOptions>();
+  const auto arguments = std::make_shared<MigrateCheckArguments>();
   CLI::App& command = *tool.add_subcommand(
       "migrate-check", "Say whether stored vectors were made by another backend");
-  options->database =
+  arguments->database =
       command.add_option("DB", "The daemon's database, an SQLite file; only read")->required();
-  add_engine_options(command, options->engine);
+  add_engine_options(command, arguments->engine);
   command.footer(
       R"(Vectors of two backends do not compare, so those that another one has made have
 to be embedded again. The exit status is 0 when there are none, 1 when there
@@ -99,8 +99,9 @@ are, and 75 when the backend is not ready or the database is locked: ask again.
 
 Example:
   tovana-embed migrate-check repository.db --backend local)");
-  return {&command,
-          [options](const Interrupts& interrupts) { return migrate_check(*options, interrupts); }};
+  return {&command, [arguments](const Interrupts& interrupts) {
+            return migrate_check(*arguments, interrupts);
+          }};
 }
 
 }  // namespace tovana::tool

@@ -18,8 +18,8 @@ std::optional<Number> number_of(const std::string& text) {
 
 /// `Value` is a whole number, or an optional one.
 template <class Value>
-CLI::Option* add_count_option(CLI::App& command, const std::string& name, Value& value,
-                              const std::string& description) {
+void add_count_option(CLI::App& command, const std::string& name, Value& value,
+                      const std::string& description) {
   const auto read = [name, &value](const CLI::results_t& given) {
     const std::string& text = given.front();
     const auto number = number_of<std::int64_t>(text);
@@ -29,23 +29,23 @@ CLI::Option* add_count_option(CLI::App& command, const std::string& name, Value&
     value = *number;
     return true;
   };
-  return command.add_option(name, CLI::callback_t(read), description)->type_name("N");
+  command.add_option(name, CLI::callback_t(read), description)->type_name("N");
 }
 
 }  // namespace
 
-CLI::Option* add_count(CLI::App& command, const std::string& name, std::int64_t& value,
-                       const std::string& description) {
-  return add_count_option(command, name, value, description);
+void add_count(CLI::App& command, const std::string& name, std::int64_t& value,
+               const std::string& description) {
+  add_count_option(command, name, value, description);
 }
 
-CLI::Option* add_count(CLI::App& command, const std::string& name,
-                       std::optional<std::int64_t>& value, const std::string& description) {
-  return add_count_option(command, name, value, description);
+void add_count(CLI::App& command, const std::string& name, std::optional<std::int64_t>& value,
+               const std::string& description) {
+  add_count_option(command, name, value, description);
 }
 
-CLI::Option* add_seconds(CLI::App& command, const std::string& name, std::optional<double>& value,
-                         const std::string& description) {
+void add_seconds(CLI::App& command, const std::string& name, std::optional<double>& value,
+                 const std::string& description) {
   const auto read = [name, &value](const CLI::results_t& given) {
     const std::string& text = given.front();
     const auto number = number_of<double>(text);
@@ -56,7 +56,7 @@ CLI::Option* add_seconds(CLI::App& command, const std::string& name, std::option
     value = number;
     return true;
   };
-  return command.add_option(name, CLI::callback_t(read), description)->type_name("S");
+  command.add_option(name, CLI::callback_t(read), description)->type_name("S");
 }
 
 }  // namespace tovana::tool

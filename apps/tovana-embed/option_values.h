@@ -11,13 +11,13 @@ namespace tovana::tool {
 
 /// An option with a whole number of at least 1. Parsing throws CLI::ValidationError for anything
 /// else.
-CLI::Option* add_count(CLI::App& command, const std::string& name, std::int64_t& value,
-                       const std::string& description);
-CLI::Option* add_count(CLI::App& command, const std::string& name,
-                       std::optional<std::int64_t>& value, const std::string& description);
+void add_count(CLI::App& command, const std::string& name, std::int64_t& value,
+               const std::string& description);
+void add_count(CLI::App& command, const std::string& name, std::optional<std::int64_t>& value,
+               const std::string& description);
 
 /// An option with a number of seconds, at least 0 and finite.
-CLI::Option* add_seconds(CLI::App& command, const std::string& name, std::optional<double>& value,
-                         const std::string& description);
+void add_seconds(CLI::App& command, const std::string& name, std::optional<double>& value,
+                 const std::string& description);
 
 }  // namespace tovana::tool

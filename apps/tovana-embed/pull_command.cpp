@@ -19,17 +19,17 @@
 namespace tovana::tool {
 namespace {
 
-struct PullOptions {
+struct PullArguments {
   std::string model;
   std::optional<std::string> revision;
   bool offline = false;
   bool refresh = false;
 };
 
-hub::ModelName parsed_name(const PullOptions& options) {
+hub::ModelName parsed_name(const PullArguments& arguments) {
   try {
-    return options.revision ? hub::parse_model_name(options.model, *options.revision)
-                            : hub::parse_model_name(options.model);
+    return arguments.revision ? hub::parse_model_name(arguments.model, *arguments.revision)
+                              : hub::parse_model_name(arguments.model);
   } catch (const ValueError& error) {
     throw Failure(ExitStatus::usage, error.what());
   }
@@ -56,19 +56,19 @@ class Checking {
 };
 
 /// What is there in whole is not asked for again, and what is damaged is.
-hub::CachedModel find_or_fetch(const PullOptions& options, const RunLimits& limits) {
-  const hub::ModelName name = parsed_name(options);
+hub::CachedModel find_or_fetch(const PullArguments& arguments, const RunLimits& limits) {
+  const hub::ModelName name = parsed_name(arguments);
   const hub::CacheSettings cache = hub::cache_settings();
-  if (options.refresh && name.directory) {
+  if (arguments.refresh && name.directory) {
     throw Failure(ExitStatus::usage, "a folder is not fetched: leave out --refresh");
   }
-  if (options.refresh && cache.is_offline) {
+  if (arguments.refresh && cache.is_offline) {
     throw Failure(ExitStatus::call_failed, cache.offline_variable +
                                                " forbids to ask the hub: unset it, or leave out "
                                                "--refresh");
   }
-  const bool may_fetch = !name.directory && !options.offline && !cache.is_offline;
-  if (!options.refresh) {
+  const bool may_fetch = !name.directory && !arguments.offline && !cache.is_offline;
+  if (!arguments.refresh) {
     try {
       hub::CachedModel model = hub::find_cached_model(name, cache);
       const Checking checking(name.text);
@@ -87,9 +87,9 @@ hub::CachedModel find_or_fetch(const PullOptions& options, const RunLimits& limi
                                         }});
 }
 
-hub::CachedModel pulled(const PullOptions& options, const RunLimits& limits) {
+hub::CachedModel pulled(const PullArguments& arguments, const RunLimits& limits) {
   try {
-    return find_or_fetch(options, limits);
+    return find_or_fetch(arguments, limits);
   } catch (const http::Stopped&) {
     throw Interrupted();
   } catch (const hub::ModelFetchError& error) {
@@ -103,10 +103,10 @@ hub::CachedModel pulled(const PullOptions& options, const RunLimits& limits) {
   }
 }
 
-ExitStatus pull(const PullOptions& options, const Interrupts& interrupts) {
+ExitStatus pull(const PullArguments& arguments, const Interrupts& interrupts) {
   const RunLimits limits(interrupts);
   Output output("-", limits);
-  output.write(pulled(options, limits).directory.string() + "\n");
+  output.write(pulled(arguments, limits).directory.string() + "\n");
   output.finish();
   return ExitStatus::success;
 }
@@ -114,16 +114,16 @@ ExitStatus pull(const PullOptions& options, const Interrupts& interrupts) {
 }  // namespace
 
 Command add_pull_command(CLI::App& tool) {
-  const auto options = std::make_shared<PullOptions>();
+  const auto arguments = std::make_shared<PullArguments>();
   CLI::App& command = *tool.add_subcommand("pull", "Fetch a model into the cache");
-  command.add_option("MODEL", options->model, "The model's name on the hub")
+  command.add_option("MODEL", arguments->model, "The model's name on the hub")
       ->option_text(" ")
       ->required();
-  command.add_option("--revision", options->revision, "A branch, tag or commit; default: main")
+  command.add_option("--revision", arguments->revision, "A branch, tag or commit; default: main")
       ->option_text("REV");
   CLI::Option* const refresh = command.add_flag(
-      "--refresh", options->refresh, "Ask the hub for the newest commit of the revision");
-  command.add_flag("--offline", options->offline, "Make no request: only check what is there")
+      "--refresh", arguments->refresh, "Ask the hub for the newest commit of the revision");
+  command.add_flag("--offline", arguments->offline, "Make no request: only check what is there")
       ->excludes(refresh);
   command.footer(
       R"(Prints the model's folder, once all that it needs is there and can be loaded. The
@@ -146,7 +146,8 @@ Examples:
   tovana-embed pull --refresh all-MiniLM-L6-v2
   tovana-embed pull --revision v1.0 organisation/model
   tovana-embed pull --offline ./my-model)");
-  return {&command, [options](const Interrupts& interrupts) { return pull(*options, interrupts); }};
+  return {&command,
+          [arguments](const Interrupts& interrupts) { return pull(*arguments, interrupts); }};
 }
 
 }  // namespace tovana::tool

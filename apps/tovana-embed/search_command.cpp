@@ -12,7 +12,7 @@
 
 #include "command.h"
 #include "embedding_call.h"
-#include "engine_options.h"
+#include "engine_arguments.h"
 #include "engine_session.h"
 #include "failure.h"
 #include "json_writer.h"
@@ -30,9 +30,9 @@ namespace {
 using embedding::Vector;
 using Hit = storage::EmbeddingIndex::Neighbour;
 
-struct SearchOptions {
-  EngineOptions engine;
-  InputOptions input;
+struct SearchArguments {
+  EngineArguments engine;
+  InputArguments input;
   CLI::Option* query = nullptr;
   std::int64_t top = 10;
   bool json = false;
@@ -110,23 +110,23 @@ void write_json_hit(Output& output, double score, const InputTexts& input, std::
   output.write("}\n");
 }
 
-ExitStatus search(const SearchOptions& options, const Interrupts& interrupts) {
+ExitStatus search(const SearchArguments& arguments, const Interrupts& interrupts) {
   const RunLimits limits(interrupts);
   Output output("-", limits);
-  EngineSession session(options.engine, interrupts);
-  const InputTexts input = read_texts(options.input, "score", limits);
-  const InputTexts query = texts_of_arguments(options.query->results());
+  EngineSession session(arguments.engine, interrupts);
+  const InputTexts input = read_texts(arguments.input, "score", limits);
+  const InputTexts query = texts_of_arguments(arguments.query->results());
   const Vector query_vector = embed_query(session, query, limits);
   if (std::ranges::all_of(query_vector, [](double value) { return value == 0; })) {
     report(why_nothing_is_like_zero(session.wait_ready(limits)));
     return ExitStatus::success;
   }
   const std::vector<Hit> hits =
-      rank(session, input, query_vector, static_cast<std::size_t>(options.top), limits);
+      rank(session, input, query_vector, static_cast<std::size_t>(arguments.top), limits);
   if (hits.empty()) report("no text is like the query");
   for (const Hit& hit : hits) {
     const auto index = static_cast<std::size_t>(hit.id);
-    if (options.json) {
+    if (arguments.json) {
       write_json_hit(output, hit.similarity, input, index);
     } else {
       write_hit(output, hit.similarity, input.texts[index]);
@@ -139,16 +139,16 @@ ExitStatus search(const SearchOptions& options, const Interrupts& interrupts) {
 }  // namespace
 
 Command add_search_command(CLI::App& tool) {
-  const auto options = std::make_shared<SearchOptions>();
+  const auto arguments = std::make_shared<SearchArguments>();
   CLI::App& command = *tool.add_subcommand("search", "Print the texts that are most like a query");
-  options->query = command.add_option("QUERY", "What to look for")->required();
-  add_input_options(command, options->input);
-  add_count(command, "--top", options->top, "Print at most N texts (10)");
-  command.add_flag("--json", options->json,
+  arguments->query = command.add_option("QUERY", "What to look for")->required();
+  add_input_options(command, arguments->input);
+  add_count(command, "--top", arguments->top, "Print at most N texts (10)");
+  command.add_flag("--json", arguments->json,
                    "Print an object a text, {\"score\":…,\"line\":…,\"text\":…},\n"
                    "with all digits of the score and the text as it is;\n"
                    "with --jsonl \"score\" and the members of its object");
-  add_engine_options(command, options->engine);
+  add_engine_options(command, arguments->engine);
   command.footer(
       R"(Prints the cosine similarity, a tab and the text, best first. Texts with a
 similarity of 0 or below have nothing in common with the query and are left out.
@@ -160,7 +160,7 @@ Examples:
   git ls-files | tovana-embed search 'http client'
   tovana-embed search timeout --jsonl --json < records.jsonl)");
   return {&command,
-          [options](const Interrupts& interrupts) { return search(*options, interrupts); }};
+          [arguments](const Interrupts& interrupts) { return search(*arguments, interrupts); }};
 }
 
 }  // namespace tovana::tool

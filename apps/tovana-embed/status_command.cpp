@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command.h"
-#include "engine_options.h"
+#include "engine_arguments.h"
 #include "engine_session.h"
 #include "output.h"
 
@@ -18,8 +18,8 @@ using embedding::EmbeddingStatus;
 /// What loads at once is ready by then.
 constexpr double kGlanceS = 0.1;
 
-struct StatusOptions {
-  EngineOptions engine;
+struct StatusArguments {
+  EngineArguments engine;
   bool wait = false;
   bool json = false;
 };
@@ -42,14 +42,14 @@ std::string sentence(const EmbeddingStatus& status) {
   return text + "\n";
 }
 
-ExitStatus status(const StatusOptions& options, const Interrupts& interrupts) {
+ExitStatus status(const StatusArguments& arguments, const Interrupts& interrupts) {
   const RunLimits limits(interrupts);
   Output output("-", limits);
-  EngineOptions engine_options = options.engine;
-  if (!options.wait && !options.engine.no_wait && !options.engine.wait_s) {
-    engine_options.wait_s = kGlanceS;
+  EngineArguments engine_arguments = arguments.engine;
+  if (!arguments.wait && !arguments.engine.no_wait && !arguments.engine.wait_s) {
+    engine_arguments.wait_s = kGlanceS;
   }
-  EngineSession session(engine_options, interrupts);
+  EngineSession session(engine_arguments, interrupts);
   ExitStatus result = ExitStatus::success;
   try {
     session.wait_ready(limits);
@@ -57,7 +57,7 @@ ExitStatus status(const StatusOptions& options, const Interrupts& interrupts) {
     result = failure.status();
   }
   const EmbeddingStatus now = session.engine().status();
-  output.write(options.json ? json_line(now) : sentence(now));
+  output.write(arguments.json ? json_line(now) : sentence(now));
   output.finish();
   return now.ready() ? ExitStatus::success : result;
 }
@@ -65,12 +65,12 @@ ExitStatus status(const StatusOptions& options, const Interrupts& interrupts) {
 }  // namespace
 
 Command add_status_command(CLI::App& tool) {
-  const auto options = std::make_shared<StatusOptions>();
+  const auto arguments = std::make_shared<StatusArguments>();
   CLI::App& command = *tool.add_subcommand("status", "Say whether the embedding model is ready");
   CLI::Option* const wait = command.add_flag(
-      "--wait", options->wait, "Wait until the model is ready or its load has failed");
-  command.add_flag("--json", options->json, "Print an object with the fields of the status");
-  add_engine_options(command, options->engine);
+      "--wait", arguments->wait, "Wait until the model is ready or its load has failed");
+  command.add_flag("--json", arguments->json, "Print an object with the fields of the status");
+  add_engine_options(command, arguments->engine);
   wait->excludes("--no-wait");
   command.footer(
       R"(Begins to load the model as every command does, and says how far that has come:
@@ -82,7 +82,7 @@ Examples:
   tovana-embed status
   tovana-embed status --wait --json --backend local)");
   return {&command,
-          [options](const Interrupts& interrupts) { return status(*options, interrupts); }};
+          [arguments](const Interrupts& interrupts) { return status(*arguments, interrupts); }};
 }
 
 }  // namespace tovana::tool

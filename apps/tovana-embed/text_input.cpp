@@ -62,22 +62,22 @@ JsonRecord record_of(const std::string& line, std::string_view replaced, std::si
 
 }  // namespace
 
-void add_input_options(CLI::App& command, InputOptions& options) {
+void add_input_options(CLI::App& command, InputArguments& arguments) {
   command
-      .add_option("--input", options.file,
+      .add_option("--input", arguments.file,
                   "Read the texts from FILE, one a line; - is standard\n"
                   "input (the default)")
       ->option_text("FILE");
   command
-      .add_flag("--jsonl", options.jsonl,
+      .add_flag("--jsonl", arguments.jsonl,
                 "Each line of the input is a JSON object, and its member\n"
                 "\"text\" is the text")
       ->option_text(" ");
 }
 
-InputTexts read_texts(const InputOptions& options, std::string_view replaced,
+InputTexts read_texts(const InputArguments& arguments, std::string_view replaced,
                       const RunLimits& limits) {
-  const std::string content = read_input(options.file, limits);
+  const std::string content = read_input(arguments.file, limits);
   std::string_view rest = content;
   if (rest.starts_with(kByteOrderMark)) rest.remove_prefix(kByteOrderMark.size());
 
@@ -86,18 +86,19 @@ InputTexts read_texts(const InputOptions& options, std::string_view replaced,
   for (std::size_t number = 1; !rest.empty(); ++number) {
     limits.check();
     const std::string_view line = take_line(rest);
-    if (!options.jsonl) {
+    if (!arguments.jsonl) {
       input.texts.push_back(repair.repaired(line, number));
     } else if (line.find_first_not_of(" \t\r") == std::string_view::npos) {
       continue;
     } else {
-      JsonRecord record = record_of(repair.repaired(line, number), replaced, number, options.file);
+      JsonRecord record =
+          record_of(repair.repaired(line, number), replaced, number, arguments.file);
       input.texts.push_back(std::move(record.text));
       input.members.push_back(std::move(record.members));
     }
     input.lines.push_back(number);
   }
-  repair.warn(input_name(options.file), input.unit);
+  repair.warn(input_name(arguments.file), input.unit);
   return input;
 }
 

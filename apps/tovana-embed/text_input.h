@@ -12,7 +12,7 @@
 namespace tovana::tool {
 
 /// Where a command's texts come from.
-struct InputOptions {
+struct InputArguments {
   std::string file = "-";
   bool jsonl = false;
 };
@@ -26,7 +26,7 @@ struct InputTexts {
   std::string unit = "line";       ///< What `lines` counts: "line", or "text" for arguments.
 };
 
-void add_input_options(CLI::App& command, InputOptions& options);
+void add_input_options(CLI::App& command, InputArguments& arguments);
 
 /// Reads and checks the whole input, so that an error in its last line costs no work on the others.
 ///
@@ -38,7 +38,7 @@ void add_input_options(CLI::App& command, InputOptions& options);
 /// `replaced` is the member of such an object that the command writes anew. Blocks and throws as
 /// `read_input` does; throws Failure (bad_data) for a line that is not such an
 /// object.
-InputTexts read_texts(const InputOptions& options, std::string_view replaced,
+InputTexts read_texts(const InputArguments& arguments, std::string_view replaced,
                       const RunLimits& limits);
 
 /// The texts of the command line: each argument is one, whatever it holds.

@@ -1,4 +1,4 @@
-#include "engine_options.h"
+#include "engine_arguments.h"
 
 #include <algorithm>
 #include <array>
@@ -11,6 +11,7 @@
 #include "tovana/base/logging.h"
 #include "tovana/config/config.h"
 #include "tovana/engines/embedding/backends/endpoint/http.h"
+#include "tovana/engines/embedding/settings.h"
 #include "tovana/engines/embedding/sharing/engine_config.h"
 #include "tovana/engines/http/url.h"
 #include "tovana/exceptions/exceptions.h"
@@ -64,8 +65,8 @@ void log_what_is_not_reported(const LogRecord& record) {
 }
 
 /// The file that the settings are in, if there is one.
-std::optional<std::filesystem::path> settings_file(const EngineOptions& options) {
-  if (options.settings) return options.settings;
+std::optional<std::filesystem::path> settings_file(const EngineArguments& arguments) {
+  if (arguments.settings) return arguments.settings;
   const std::optional<std::filesystem::path> file = user_config_file();
   std::error_code error;
   return file && std::filesystem::exists(*file, error) ? file : std::nullopt;
@@ -81,12 +82,12 @@ Config read_settings(const std::filesystem::path& file) {
   }
 }
 
-void check_options(const EngineOptions& options, const BackendKind& kind) {
+void check_options(const EngineArguments& arguments, const BackendKind& kind) {
   const std::string subject = "the backend " + std::string(kind.name);
-  if (options.model && !kind.takes_model) throw_usage(subject + " has no --model");
-  if (options.api_url && !kind.takes_api_url) throw_usage(subject + " has no --api-url");
-  if (options.base_url && !kind.takes_base_url) throw_usage(subject + " has no --base-url");
-  if (options.no_wait && options.wait_s)
+  if (arguments.model && !kind.takes_model) throw_usage(subject + " has no --model");
+  if (arguments.api_url && !kind.takes_api_url) throw_usage(subject + " has no --api-url");
+  if (arguments.base_url && !kind.takes_base_url) throw_usage(subject + " has no --base-url");
+  if (arguments.no_wait && arguments.wait_s)
     throw_usage("--no-wait and --wait-s contradict each other");
 }
 
@@ -107,13 +108,13 @@ std::optional<std::string> problem_of_url(const EngineConfiguration& config, con
 
 }  // namespace
 
-void add_engine_options(CLI::App& command, EngineOptions& options) {
-  const auto set_backend = [&options](const std::string& name) {
+void add_engine_options(CLI::App& command, EngineArguments& arguments) {
+  const auto set_backend = [&arguments](const std::string& name) {
     if (kind_of(name).name != name) {
       throw CLI::ValidationError("--backend",
                                  "takes auto, local, api, openai or tfidf, not \"" + name + "\"");
     }
-    options.backend = name;
+    arguments.backend = name;
   };
   command
       .add_option_function<std::string>("--backend", set_backend,
@@ -129,27 +130,32 @@ void add_engine_options(CLI::App& command, EngineOptions& options) {
                                         "BRUNE_LLM_EMBEDDING_API_KEY, else BRUNE_LLM_API_KEY")
       ->type_name("NAME");
   command
-      .add_option("--model", options.model,
-                  "local: a model's name on the hub, or a directory,\n"
-                  "./NAME (all-MiniLM-L6-v2); openai: the model that is\n"
-                  "asked for (text-embedding-3-small)")
+      .add_option("--model", arguments.model,
+                  std::string("local: a model's name on the hub, or a directory,\n"
+                              "./NAME (") +
+                      embedding::DEFAULT_LOCAL_MODEL +
+                      "); openai: the model that is\n"
+                      "asked for (" +
+                      embedding::DEFAULT_OPENAI_MODEL + ")")
       ->option_text("NAME");
-  add_count(command, "--dimension", options.dimension,
-            "Numbers in a vector (tfidf: 256). Models and endpoints\n"
-            "have their own");
+  add_count(command, "--dimension", arguments.dimension,
+            "Numbers in a vector (tfidf: " + std::to_string(embedding::DEFAULT_TFIDF_DIMENSION) +
+                "). Models and endpoints\n"
+                "have their own");
   command
-      .add_option("--base-url", options.base_url, "openai: the URL that /embeddings is appended to")
+      .add_option("--base-url", arguments.base_url,
+                  "openai: the URL that /embeddings is appended to")
       ->option_text("URL");
-  command.add_option("--api-url", options.api_url, "api: the URL to post to")->option_text("URL");
+  command.add_option("--api-url", arguments.api_url, "api: the URL to post to")->option_text("URL");
   command
-      .add_option("--settings", options.settings,
+      .add_option("--settings", arguments.settings,
                   "The daemon's settings, a TOML file\n"
                   "($XDG_CONFIG_HOME/tovana/settings.toml, if it is there)")
       ->option_text("FILE");
-  add_seconds(command, "--wait-s", options.wait_s,
+  add_seconds(command, "--wait-s", arguments.wait_s,
               "Wait at most S seconds for the model (as long as its\n"
               "load goes on; one that fails ends the wait)");
-  command.add_flag("--no-wait", options.no_wait,
+  command.add_flag("--no-wait", arguments.no_wait,
                    "Do not wait for the model: the same as --wait-s 0");
   set_log_level(LogLevel::warning);
   set_log_sink(log_what_is_not_reported);
@@ -161,30 +167,31 @@ void add_engine_options(CLI::App& command, EngineOptions& options) {
       ->type_name("LEVEL");
 }
 
-EngineConfiguration engine_configuration(const EngineOptions& options) {
-  const std::optional<std::filesystem::path> file = settings_file(options);
+EngineConfiguration engine_configuration(const EngineArguments& arguments) {
+  const std::optional<std::filesystem::path> file = settings_file(arguments);
   Config settings = file ? read_settings(*file) : Config();
-  if (options.backend) settings.daemon.embedding_backend = *options.backend;
+  if (arguments.backend) settings.daemon.embedding_backend = *arguments.backend;
   const BackendKind& kind = kind_of(settings.daemon.embedding_backend);
-  check_options(options, kind);
+  check_options(arguments, kind);
   EngineConfiguration config = embedding::engine_config(settings);
-  if (file && !options.base_url) {
+  if (file && !arguments.base_url) {
     const auto problem =
         problem_of_url(config, "base_url", file->string() + ": generation.base_url");
     if (problem) throw Failure(ExitStatus::bad_data, *problem);
   }
-  if (options.base_url) config["base_url"] = *options.base_url;
-  if (options.api_url) config["api_url"] = *options.api_url;
-  if (options.model) config["model_name"] = *options.model;
-  if (options.dimension) config["dimension"] = *options.dimension;
+  if (arguments.base_url) config["base_url"] = *arguments.base_url;
+  if (arguments.api_url) config["api_url"] = *arguments.api_url;
+  if (arguments.model) config["model_name"] = *arguments.model;
+  if (arguments.dimension) config["dimension"] = *arguments.dimension;
   if (config.contains("api_url")) {
     if (const auto key = embedding::endpoint_key()) config["api_key"] = *key;
   }
   if (const auto problem = problem_of_url(config, "api_url", "--api-url")) throw_usage(*problem);
   if (const auto problem = problem_of_url(config, "base_url", "--base-url")) throw_usage(*problem);
   // Left to the engine, an endpoint that was asked for without its URL would become tfidf.
-  if (options.backend == "api" && !options.api_url) throw_usage("--backend api needs --api-url");
-  if (options.backend == "openai" &&
+  if (arguments.backend == "api" && !arguments.api_url)
+    throw_usage("--backend api needs --api-url");
+  if (arguments.backend == "openai" &&
       embedding::text_value(config, "base_url").value_or("").empty()) {
     throw_usage("--backend openai needs --base-url");
   }

@@ -11,7 +11,7 @@
 namespace tovana::tool {
 
 /// What every command is told about the engine that makes its vectors.
-struct EngineOptions {
+struct EngineArguments {
   std::optional<std::string> backend;  ///< Null: what the settings say.
   std::optional<std::string> model;
   std::optional<std::int64_t> dimension;
@@ -23,11 +23,11 @@ struct EngineOptions {
 };
 
 /// Adds the options to a command. The log options take effect while the command line is parsed.
-void add_engine_options(CLI::App& command, EngineOptions& options);
+void add_engine_options(CLI::App& command, EngineArguments& arguments);
 
 /// What the options and the settings ask for. An endpoint's key comes from the environment. Throws
-/// Failure: usage for options that do not go together or an URL that is none, no_input and bad_data
-/// for a settings file that cannot be read or is malformed, its URL included.
-embedding::EngineConfiguration engine_configuration(const EngineOptions& options);
+/// Failure: usage for options that do not go together and for a URL that is not complete, no_input
+/// and bad_data for a settings file that cannot be read or is malformed, its URL included.
+embedding::EngineConfiguration engine_configuration(const EngineArguments& arguments);
 
 }  // namespace tovana::tool
