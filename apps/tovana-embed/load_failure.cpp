@@ -4,7 +4,6 @@
 #include <new>
 
 #include "tovana/base/environment.h"
-#include "tovana/engines/hub/fetch_errors.h"
 #include "tovana/exceptions/exceptions.h"
 #include "tovana/files/model_files_error.h"
 
@@ -24,17 +23,9 @@ Failure could_not_load(ExitStatus status, const std::string& reason, const std::
 }
 
 Failure fetch_failure(const ModelFetchError& error) {
-  switch (error.cause()) {
-    case ModelFetchError::Cause::unreachable:
-      return could_not_load(ExitStatus::not_ready, error.what(), kWithoutModel);
-    case ModelFetchError::Cause::not_a_model:
-      return could_not_load(ExitStatus::bad_data, error.what(), kAnotherModel);
-    case ModelFetchError::Cause::refused:
-    case ModelFetchError::Cause::no_such_model:
-    case ModelFetchError::Cause::bad_answer:
-      break;
-  }
-  return could_not_load(ExitStatus::call_failed, error.what(), kAnotherModel);
+  const ExitStatus status = exit_status(error.cause());
+  return could_not_load(status, error.what(),
+                        status == ExitStatus::not_ready ? kWithoutModel : kAnotherModel);
 }
 
 Failure failure_of(const std::exception_ptr& cause) {
@@ -63,6 +54,12 @@ Failure failure_of(const std::exception_ptr& cause) {
 }
 
 }  // namespace
+
+ExitStatus exit_status(ModelFetchError::Cause cause) {
+  using enum ModelFetchError::Cause;
+  if (cause == unreachable) return ExitStatus::not_ready;
+  return cause == not_a_model ? ExitStatus::bad_data : ExitStatus::call_failed;
+}
 
 Failure load_failure(const EmbeddingNotReadyError& error) {
   if (error.cause() != nullptr) return failure_of(error.cause());

@@ -6,6 +6,7 @@
 
 #include "command.h"
 #include "failure.h"
+#include "load_failure.h"
 #include "output.h"
 #include "run_limits.h"
 #include "tovana/engines/http/failure.h"
@@ -33,12 +34,6 @@ hub::ModelName parsed_name(const PullArguments& arguments) {
   } catch (const ValueError& error) {
     throw Failure(ExitStatus::usage, error.what());
   }
-}
-
-ExitStatus status_of(hub::ModelFetchError::Cause cause) {
-  using enum hub::ModelFetchError::Cause;
-  if (cause == unreachable) return ExitStatus::not_ready;
-  return cause == not_a_model ? ExitStatus::bad_data : ExitStatus::call_failed;
 }
 
 /// Says that a model's files are being checked, which takes as long as to read them, until it ends.
@@ -93,7 +88,7 @@ hub::CachedModel pulled(const PullArguments& arguments, const RunLimits& limits)
   } catch (const http::Stopped&) {
     throw Interrupted();
   } catch (const hub::ModelFetchError& error) {
-    throw Failure(status_of(error.cause()), error.what());
+    throw Failure(exit_status(error.cause()), error.what());
   } catch (const hub::CacheNotWritableError& error) {
     throw Failure(ExitStatus::cannot_write, error.what());
   } catch (const ValueError& error) {  // a model's files, or a variable of the environment
