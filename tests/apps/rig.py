@@ -3,6 +3,7 @@
 import hashlib
 import json
 import os
+import pathlib
 import signal
 import subprocess
 import threading
@@ -11,6 +12,7 @@ from typing import NamedTuple
 
 TOOL = os.environ["TOVANA_EMBED"]
 PATIENCE_S = 60
+TINY_MODEL = pathlib.Path(__file__).parents[1] / "data/tiny_models/tiny_bert_cls"
 PIPE_CAPACITY = 65536  # how much a pipe holds before a write to it blocks
 
 # What the tool inherits, whatever the tests run under: handlers of our own become the default ones.
@@ -106,8 +108,20 @@ class Server:
         self._server.server_close()
 
 
+def answer_openai(request):
+    """An OpenAI-compatible endpoint: vectors that tell the length of the text, last text first."""
+    texts = json.loads(request.body)["input"]
+    data = [{"index": i, "embedding": [len(text), 0.5]} for i, text in enumerate(texts)]
+    request.reply(200, json.dumps({"data": data[::-1]}).encode())
+
+
+def tiny_model():
+    """The files of a model, as a hub has them."""
+    return {str(path.relative_to(TINY_MODEL)): path.read_bytes() for path in TINY_MODEL.rglob("*") if path.is_file()}
+
+
 class Hub(Server):
-    """A model hub with one repository. Its weights are sent by `send_weights(request, content)`."""
+    """A model hub with one repository, and one that is busy for long. Its weights are sent by `send_weights(request, content)`."""
 
     COMMIT = "c" * 40
 
@@ -143,6 +157,8 @@ class Hub(Server):
             request.reply(200, json.dumps(self.entries).encode())
         elif path.startswith("/store/"):
             self.send_weights(request, self.files[path.removeprefix("/store/")])
+        elif path.endswith("/busy/revision/main"):
+            request.reply(429, headers={"Retry-After": 1000})
         elif not path.startswith(resolve):
             request.reply(401, headers={"X-Error-Code": "RepoNotFound"})
         elif name not in self.files:

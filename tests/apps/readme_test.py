@@ -1,0 +1,52 @@
+"""Every command that README.md shows, in its order, and what it prints where README.md tells."""
+
+import os
+import pathlib
+import re
+import subprocess
+
+from rig import PATIENCE_S, TOOL, Hub, Server, answer_openai, tiny_model
+
+ROOT = pathlib.Path(__file__).parents[2]
+# What installs packages or builds.
+LEFT_OUT = {"scripts/run", "scripts/test", "scripts/setup --model",
+            "cmake --preset release && cmake --build build/release && cmake --install build/release --prefix DIR"}
+END_OF_COMMAND = "\n--- end of the command\n"
+
+
+def shown_commands():
+    """Of each command the line that is typed, and the text that README.md shows below it."""
+    commands = []
+    for language, block in re.findall(r"^```([^\n]*)\n(.*?)^```$", (ROOT / "README.md").read_text(), re.M | re.S):
+        assert language in ("console", "cpp", "cmake"), f"may hold commands that nobody runs: {block}"
+        if language == "console":
+            first, *rest = re.split(r"^\$ ", block, flags=re.M)
+            assert first == "", f"neither a command nor what one prints: {first}"
+            commands += [part.partition("\n")[::2] for part in rest]
+    return commands
+
+
+# The hub, whose model is tiny, and the endpoint are servers on loopback.
+def test_readme_shows_what_works_and_what_it_prints(tmp_path):
+    (tmp_path / "examples").symlink_to(ROOT / "examples")
+    (tmp_path / "scripts").mkdir()
+    (tmp_path / "scripts/run").symlink_to(tmp_path / "bin/tovana-embed")
+    (tmp_path / "bin").mkdir()
+    (tmp_path / "bin/tovana-embed").write_text(f'#!/bin/sh\nexec "{TOOL}" "$@"\n')
+    (tmp_path / "bin/tovana-embed").chmod(0o755)
+    shown = shown_commands()
+    assert LEFT_OUT <= {command for command, _ in shown}
+    run = [(command, text) for command, text in shown if command not in LEFT_OUT]
+    with Hub("sentence-transformers/all-MiniLM-L6-v2", tiny_model()) as hub, Server(answer_openai) as endpoint:
+        script = "git init --quiet .; git add scripts\n"
+        script += "".join(f"{command}\nprintf '{END_OF_COMMAND}'\n" for command, _ in run)
+        script = script.replace("https://api.example.com", endpoint.url)
+        assert "://" not in script.replace(endpoint.url, ""), "would leave this machine"
+        env = {"PATH": f"{tmp_path}/bin:{os.defpath}", "HF_ENDPOINT": hub.url, "HF_HUB_CACHE": f"{tmp_path}/hub"}
+        result = subprocess.run(["bash", "-e", "-o", "pipefail", "-c", script], cwd=tmp_path, env=env,
+                                capture_output=True, text=True, timeout=PATIENCE_S)
+    printed = result.stdout.split(END_OF_COMMAND)
+    assert result.returncode == 0, f"{run[len(printed) - 1][0]}\n{result.stderr}"
+    for (command, text), line in zip(run, printed):
+        assert text in ("", line), f"{command} prints\n{line}"
+    assert ["\nAuthorization: Bearer " in request for request in endpoint.requests] == [True]
