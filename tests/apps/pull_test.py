@@ -92,5 +92,5 @@ def test_draws_a_bar_on_a_terminal(hub, env):
     except OSError:  # how a terminal ends
         os.close(ours)
     assert process.wait(60) == 0
-    for part in (b"\r[####", b" of 3.0 MB, ", b" MB/s, 0:", b" left"):
+    for part in (b"\r[####", b" of 3.0 MB, ", b" MB/s, 0:", b" left", b"\r\x1b[K\r"):
         assert part in shown

@@ -49,4 +49,4 @@ def test_readme_shows_what_works_and_what_it_prints(tmp_path):
     assert result.returncode == 0, f"{run[len(printed) - 1][0]}\n{result.stderr}"
     for (command, text), line in zip(run, printed):
         assert text in ("", line), f"{command} prints\n{line}"
-    assert ["\nAuthorization: Bearer " in request for request in endpoint.requests] == [True]
+    assert ["\nAuthorization: Bearer sk-...\n" in request for request in endpoint.requests] == [True]
