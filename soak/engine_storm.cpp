@@ -15,7 +15,7 @@
 #include "tovana/exceptions/exceptions.h"
 
 /// Many threads at once acquire, use, close and release engines whose loads fail every other time.
-/// Usage: storm SECONDS THREADS. Ends with 0 when every call returned what it may, every loader
+/// Usage: engine_storm SECONDS THREADS. Ends with 0 when every call returned what it may, every loader
 /// ended, and engines still become ready afterwards. Meant for the thread sanitizer.
 namespace {
 

@@ -59,7 +59,7 @@ hub::CachedModel find_or_fetch(const PullArguments& arguments, const RunLimits& 
   }
   if (arguments.refresh && cache.is_offline) {
     throw Failure(ExitStatus::call_failed, cache.offline_variable +
-                                               " forbids to ask the hub: unset it, or leave out "
+                                               " forbids asking the hub: unset it, or leave out "
                                                "--refresh");
   }
   const bool may_fetch = !name.directory && !arguments.offline && !cache.is_offline;

@@ -11,7 +11,7 @@ namespace tovana::hub {
 
 /// Keeps others, in this process or another, from fetching the same content meanwhile: an exclusive
 /// flock on a file that stays. It saves work, and no more: where files cannot be locked, the lock
-/// file cannot be made, or locks are granted to everybody, everybody fetches for himself, and what
+/// file cannot be made, or locks are granted to everybody, everybody fetches on their own, and what
 /// they write must not come into conflict.
 class BlobLock {
  public:
