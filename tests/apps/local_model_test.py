@@ -22,7 +22,7 @@ def test_prints_pythons_vectors():
 @pytest.mark.parametrize("model, settings, status, said", [
     ("a/b/c", {}, 64, "neither a repository"),
     ("./nowhere", {}, 65, "'./nowhere': no such folder"),
-    ("tiny", {}, 65, "config.json"),
+    ("tiny", {}, 65, "model.safetensors is empty"),
     ("nobody", {}, 69, "the model sentence-transformers/nobody does not exist"),
     ("tiny", {"HF_HUB_OFFLINE": "1"}, 69, "HF_HUB_OFFLINE forbids fetching it"),
     ("tiny", {"HF_HUB_CACHE": "/dev/null"}, 74, "cannot be written to"),
@@ -30,7 +30,7 @@ def test_prints_pythons_vectors():
     ("busy", {}, 75, "HTTP 429"),
 ])
 def test_says_why_a_model_does_not_load_and_whether_trying_again_helps(tmp_path, model, settings, status, said):
-    with Hub("sentence-transformers/tiny", {**tiny_model(), "config.json": b"{}"}) as hub:
+    with Hub("sentence-transformers/tiny", {**tiny_model(), "model.safetensors": b""}) as hub:
         env = {"HF_ENDPOINT": hub.url, "HF_HUB_CACHE": str(tmp_path), **settings}
         result = run("embed", "a", "--backend", "local", "--model", model, env=env)
     error = result._replace(err=result.err.splitlines(keepends=True)[-1])  # what is fetched is told before
