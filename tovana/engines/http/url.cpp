@@ -143,20 +143,11 @@ std::optional<std::string> resolved_url(const std::string& reference, const std:
 }
 
 std::string percent_encoded(std::string_view text) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  constexpr std::string_view kPlain = "-._~";
-  std::string encoded;
-  for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    const bool is_alphanumeric = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
-                                 (byte >= '0' && byte <= '9');
-    if (is_alphanumeric || kPlain.find(character) != std::string_view::npos) {
-      encoded += character;
-    } else {
-      encoded.append({'%', kDigits[byte >> 4U], kDigits[byte & 15U]});
-    }
-  }
-  return encoded;
+  if (text.empty()) return {};  // libcurl takes a size of 0 for "up to the NUL"
+  const std::unique_ptr<char, decltype(&curl_free)> encoded(
+      curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size())), &curl_free);
+  if (encoded == nullptr) throw std::bad_alloc();
+  return encoded.get();
 }
 
 bool names_host(std::string_view url) {
