@@ -10,12 +10,9 @@
 #include "output.h"
 #include "run_limits.h"
 #include "tovana/engines/http/failure.h"
-#include "tovana/engines/hub/cached_model.h"
 #include "tovana/engines/hub/fetch_errors.h"
 #include "tovana/engines/hub/fetch_model.h"
-#include "tovana/engines/hub/fetch_progress.h"
 #include "tovana/exceptions/exceptions.h"
-#include "tovana/files/model_files_error.h"
 
 namespace tovana::tool {
 namespace {
@@ -36,20 +33,6 @@ hub::ModelName parsed_name(const PullArguments& arguments) {
   }
 }
 
-/// Says that a model's files are being checked, which takes as long as to read them, until it ends.
-class Checking {
- public:
-  explicit Checking(const std::string& model) : _model(model) {
-    hub::report_fetch_progress({.model = _model, .is_checking = true});
-  }
-  ~Checking() { hub::report_fetch_progress({.model = _model, .is_over = true}); }
-  Checking(const Checking&) = delete;
-  Checking& operator=(const Checking&) = delete;
-
- private:
-  const std::string& _model;
-};
-
 /// What is there in whole is not asked for again, and what is damaged is.
 hub::CachedModel find_or_fetch(const PullArguments& arguments, const RunLimits& limits) {
   const hub::ModelName name = parsed_name(arguments);
@@ -57,29 +40,21 @@ hub::CachedModel find_or_fetch(const PullArguments& arguments, const RunLimits& 
   if (arguments.refresh && name.directory) {
     throw Failure(ExitStatus::usage, "a folder is not fetched: leave out --refresh");
   }
-  if (arguments.refresh && cache.is_offline) {
+  if (arguments.refresh && cache.is_offline()) {
     throw Failure(ExitStatus::call_failed, cache.offline_variable +
                                                " forbids asking the hub: unset it, or leave out "
                                                "--refresh");
   }
-  const bool may_fetch = !name.directory && !arguments.offline && !cache.is_offline;
-  if (!arguments.refresh) {
-    try {
-      hub::CachedModel model = hub::find_cached_model(name, cache);
-      const Checking checking(name.text);
-      hub::check_model(model);
-      hub::remove_leftovers(name, cache);
-      return model;
-    } catch (const hub::ModelNotCachedError&) {
-      if (!may_fetch) throw;
-    } catch (const files::ModelFilesError& error) {
-      if (!may_fetch) throw;
-      report(std::string(error.what()) + "; fetching what is damaged again");
-    }
+  const auto should_stop = [&limits] { return limits.should_stop(); };
+  if (arguments.refresh) {
+    return hub::fetch_model(name, cache, {.hub = hub::hub_settings(), .should_stop = should_stop});
   }
-  return hub::fetch_model(name, cache, {.hub = hub::hub_settings(), .should_stop = [&limits] {
-                                          return limits.should_stop();
-                                        }});
+  return hub::find_or_fetch_model(
+      name, cache,
+      {.local_files_only = arguments.offline,
+       .on_damage =
+           [](const std::string& fault) { report(fault + "; fetching what is damaged again"); },
+       .should_stop = should_stop});
 }
 
 hub::CachedModel pulled(const PullArguments& arguments, const RunLimits& limits) {

@@ -76,8 +76,8 @@ class BlobSink final : public http::ResponseSink {
                                       const HubAnswer& answer, const std::string& difference) {
   throw ModelFetchError(
       ModelFetchError::Cause::bad_answer,
-      "the file " + escape_control_characters(file.name) + " of the model " + fetch.repo_id +
-          " comes from " + http::masked_url(answer.url) +
+      "the file " + escape_control_characters(file.name) + " of the model " +
+          fetch.client.repo_id() + " comes from " + http::masked_url(answer.url) +
           " with another content than the hub lists: " + difference +
           "; if a proxy or mirror is in between (HF_ENDPOINT), it may be at fault");
 }
@@ -107,7 +107,7 @@ void fetch_blob(const BlobFetch& fetch, const WantedFile& file) {
     }
     const bool is_rest = blob.size() > 0;
     BlobSink sink(blob, fetch);
-    answer = fetch.client.get_file(fetch.repo_id, fetch.commit, file.name, blob.size(), sink);
+    answer = fetch.client.get_file(fetch.commit, file.name, blob.size(), sink);
     if (!sink.wrong_size().empty()) {
       throw_other_content(fetch, file, answer,
                           sink.wrong_size() + " instead of " + std::to_string(listed.size));
@@ -129,7 +129,7 @@ void fetch_blob(const BlobFetch& fetch, const WantedFile& file) {
     if (blob.size() > furthest) patience.reset();
     furthest = std::max(furthest, blob.size());
     if (!patience.wait_after(answer)) {
-      throw fetch.client.fetch_error(fetch.repo_id, answer);
+      throw fetch.client.fetch_error(answer);
     }
   }
 }

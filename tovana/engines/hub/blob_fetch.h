@@ -21,7 +21,6 @@ struct BlobFetch {
   const CacheWriter& cache;
   Clock& clock;
   const http::StopTest& should_stop;
-  const std::string& repo_id;
   const std::string& commit;
   /// Told how many bytes of the file there are, on the calling thread.
   std::function<void(std::uint64_t bytes)> on_progress;

@@ -9,10 +9,10 @@
 
 namespace tovana::hub {
 
-/// Keeps others, in this process or another, from fetching the same content meanwhile: an exclusive
-/// flock on a file that stays. It saves work, and no more: where files cannot be locked, the lock
-/// file cannot be made, or locks are granted to everybody, everybody fetches on their own, and what
-/// they write must not come into conflict.
+/// Keeps others, in this process or another, from fetching the same content at the same time: an
+/// exclusive flock on a file that is never removed. All it does is save work: where files cannot be
+/// locked, the lock file cannot be made, or every lock is granted, each of them fetches the content,
+/// and what they write must not come into conflict.
 class BlobLock {
  public:
   /// Waits for whoever holds it, for as long as that takes: the system frees the lock of a process

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -19,6 +20,9 @@ namespace tovana::hub {
 
 /// What the folders of repositories begin with.
 inline constexpr std::string_view kRepositoryPrefix = "models--";
+
+/// A text in refs/ is not longer.
+inline constexpr std::size_t kLargestReference = 4096;
 
 /// "models--organisation--name" for "organisation/name".
 std::string repository_folder_name(std::string_view repo_id);

@@ -20,8 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kLargestReference = 4096;
-
 /// Tells programs that make backups that the folder holds nothing that cannot be had again; see
 /// https://bford.info/cachedir/.
 constexpr std::string_view kCacheTag =

@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "tovana/engines/hub/cache_settings.h"
+#include "tovana/engines/hub/hub_settings.h"
 
 namespace tovana::hub {
 
@@ -52,7 +52,7 @@ class CacheWriter {
   void set_reference(const std::string& revision, const std::string& commit) const;
 
   /// Removes what fetches left behind (leftover.h), but for the longest leftover of each content
-  /// that is `wanted`: the sizes of those, which are gone on with in place, by id. Fails silently.
+  /// that is `wanted`: the sizes of those, which are resumed in place, by id. Fails silently.
   std::map<std::string, std::uint64_t> remove_abandoned(
       const std::set<std::string>& wanted = {}) const noexcept;
 

@@ -19,8 +19,6 @@ namespace {
 namespace fs = std::filesystem;
 using files::ModelDirectory;
 
-constexpr std::size_t kLargestReference = 4096;
-
 std::string_view trimmed(std::string_view text) {
   constexpr std::string_view kBlanks = " \t\r\n";
   const std::size_t first = text.find_first_not_of(kBlanks);
@@ -55,27 +53,20 @@ CachedModel model_in_folder(const fs::path& path) {
 }
 
 /// The files of a folder of somebody's own: what is not there is not part of the model.
-class FolderFiles final : public ModelFiles {
+class FolderFiles final : public AvailableFiles {
  public:
   explicit FolderFiles(const CachedModel& model) : _directory(model.directory) {}
 
   std::optional<std::string> fault(std::string_view name, Need need) const override {
-    const auto file = _directory.open(name, kLargestModelFile);
+    const auto file = open(name);
     if (file && file->size() == 0) return "is empty";
     return file || need != Need::required ? std::nullopt : std::optional("is missing");
   }
-  bool is_listed(std::string_view name) const override {
-    return _directory.open(name, kLargestModelFile).has_value();
-  }
-  std::string shown(std::string_view name) const override { return _directory.path_of(name); }
-  std::optional<files::FileHandle> open(std::string_view name) const override {
-    return _directory.open(name, kLargestModelFile);
-  }
-  std::optional<nlohmann::json> read_json(std::string_view name) const override {
-    return _directory.read_json(name, kLargestJson);
-  }
+  bool is_listed(std::string_view name) const override { return open(name).has_value(); }
 
  private:
+  ModelDirectory _model_directory() const override { return _directory; }
+
   ModelDirectory _directory;
 };
 
@@ -115,10 +106,8 @@ class Search {
     if (_name.repo_id != _name.text) named += " (" + _name.repo_id + ")";
     throw ModelNotCachedError(
         "model " + named + " is not in the cache " + _settings.root.string() + ": " + reason +
-        (_settings.is_offline
-             ? "; " +
-                   (_settings.offline_variable.empty() ? "the host" : _settings.offline_variable) +
-                   " forbids fetching it: copy it there"
+        (_settings.is_offline()
+             ? "; " + _settings.offline_variable + " forbids fetching it: copy it there"
              : "; fetch it") +
         ", or set HF_HUB_CACHE to the cache that holds it");
   }
@@ -160,7 +149,7 @@ CachedModel find_cached_model(const ModelName& name, const CacheSettings& settin
 }
 
 void check_model(const CachedModel& model) {
-  const auto present_files = [](const ModelFiles& files) {
+  const auto present_files = [](const AvailableFiles& files) {
     NeededFiles needed = needed_files(files);
     for (const MissingFile& missing : needed.missing) {
       throw files::ModelFilesError(files.shown(missing.name) + ": " + missing.fault);

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <string>
 
-#include "tovana/engines/hub/cache_settings.h"
+#include "tovana/engines/hub/hub_settings.h"
 #include "tovana/engines/hub/model_name.h"
 #include "tovana/exceptions/exceptions.h"
 

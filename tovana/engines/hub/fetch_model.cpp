@@ -30,8 +30,6 @@
 namespace tovana::hub {
 namespace {
 
-using files::ModelDirectory;
-
 constexpr std::size_t kFetchesAtOnce = 4;
 constexpr std::uint64_t kLargestFile = 50'000'000'000;
 /// Of a file that holds no weights.
@@ -43,7 +41,7 @@ const Logger& log() {
 }
 
 /// The commit as its listing has it, with the files that have been fetched so far.
-class ListedModel final : public ModelFiles {
+class ListedModel final : public AvailableFiles {
  public:
   ListedModel(const FileListing& listing, const CacheWriter& cache)
       : _listing(listing), _cache(cache) {}
@@ -67,13 +65,9 @@ class ListedModel final : public ModelFiles {
     return "the model's file " + files::in_quotes(name);
   }
 
-  std::optional<files::FileHandle> open(std::string_view name) const override {
-    return directory().open(_places.find(name)->second, kLargestModelFile);
-  }
-
   std::optional<nlohmann::json> read_json(std::string_view name) const override {
     try {
-      return directory().read_json(_places.find(name)->second, kLargestJson);
+      return AvailableFiles::read_json(name);
     } catch (const ValueError& error) {
       throw files::ModelFilesError(shown(name) + " cannot be used: " + error.what());
     }
@@ -86,9 +80,10 @@ class ListedModel final : public ModelFiles {
   const std::set<std::string, std::less<>>& absent() const { return _absent; }
 
  private:
-  ModelDirectory directory() const {
+  files::ModelDirectory _model_directory() const override {
     return {_cache.folder(), trusted_folder(_cache.root(), _cache.folder())};
   }
+  std::string _place(std::string_view name) const override { return _places.find(name)->second; }
 
   const FileListing& _listing;
   const CacheWriter& _cache;
@@ -100,12 +95,7 @@ class ListedModel final : public ModelFiles {
 class ProgressCount {
  public:
   explicit ProgressCount(const std::string& model) : _model(model) {}
-  ~ProgressCount() {
-    FetchProgress progress;
-    progress.model = _model;
-    progress.is_over = true;
-    report_fetch_progress(progress);
-  }
+  ~ProgressCount() { report_fetch_progress({.model = _model, .is_over = true}); }
   ProgressCount(const ProgressCount&) = delete;
   ProgressCount& operator=(const ProgressCount&) = delete;
 
@@ -114,29 +104,21 @@ class ProgressCount {
     _size += file.listed.size;
   }
 
-  /// Nothing has moved; `change` says what there is to say instead.
-  template <class Change>
-  void tell(Change change) const {
-    FetchProgress progress = {
-        .model = _model, .files = _files, .files_done = _done, .bytes = _bytes, .size = _size};
-    change(progress);
-    report_fetch_progress(progress);
+  /// Says what `moment` says, and adds the model and the counts.
+  void tell(FetchProgress moment) const {
+    moment.model = _model;
+    moment.files = _files;
+    moment.files_done = _done;
+    moment.bytes = _bytes;
+    moment.size = _size;
+    report_fetch_progress(moment);
   }
 
-  /// The file has `now` bytes, where it had `before` when this was last called.
-  void moved(std::string_view file, std::uint64_t file_size, std::uint64_t before,
-             std::uint64_t now, bool is_done) {
-    const std::uint64_t bytes = _bytes += now - before;  // modulo 2^64, also for a step back
-    const std::size_t done = _done += is_done ? 1 : 0;
-    report_fetch_progress({.model = _model,
-                           .file = file,
-                           .file_bytes = now,
-                           .file_size = file_size,
-                           .files = _files,
-                           .files_done = done,
-                           .bytes = bytes,
-                           .size = _size,
-                           .is_file_done = is_done});
+  /// A file has got on, or back, from `before` to `moment.file_bytes`.
+  void moved(const FetchProgress& moment, std::uint64_t before) {
+    _bytes += moment.file_bytes - before;  // modulo 2^64, also for a step back
+    _done += moment.is_file_done ? 1 : 0;
+    tell(moment);
   }
 
  private:
@@ -182,17 +164,10 @@ class Fetch {
         _should_stop(
             [this] { return _is_ended || (_options.should_stop && _options.should_stop()); }),
         _progress(name.repo_id),
-        _client(options.hub,
+        _client(options.hub, name.repo_id,
                 options.transport != nullptr ? *options.transport : http::default_transport(),
                 *options.clock, _should_stop,
-                [this](const RequestNews& news) {
-                  _progress.tell([&](FetchProgress& progress) {
-                    progress.asked_host = news.host;
-                    progress.is_answered = news.is_answered;
-                    progress.problem = news.problem;
-                    progress.retry_in_s = news.retry_in_s;
-                  });
-                }),
+                [this](const FetchProgress& moment) { _progress.tell(moment); }),
         _cache(settings, name.repo_id) {}
 
   CachedModel run() {
@@ -211,8 +186,8 @@ class Fetch {
     if (!files::is_contained_name(revision)) {
       throw ValueError("no revision: " + files::in_quotes(revision));
     }
-    _commit = is_commit(revision) ? revision : _client.commit_of(_name.repo_id, revision);
-    _listing = _client.files_of(_name.repo_id, _commit);
+    _commit = is_commit(revision) ? revision : _client.commit_of(revision);
+    _listing = _client.files_of(_commit);
     ListedModel model(_listing, _cache);
     NeededFiles needed = needed_files(model);
     for (; !needed.missing.empty(); needed = needed_files(model)) {
@@ -256,7 +231,7 @@ class Fetch {
     std::vector<WantedFile> absent;
     std::set<std::string> ids;
     for (WantedFile& file : wanted) {
-      _progress.tell([](FetchProgress& progress) { progress.is_checking = true; });
+      _progress.tell({.is_checking = true});
       const std::string in_snapshot = "snapshots/" + _commit + "/" + file.name;
       if (holds_content(_cache.folder() / in_snapshot, file.listed)) {
         model.add(file.name, in_snapshot);
@@ -296,13 +271,16 @@ class Fetch {
     std::uint64_t last = 0;
     const std::string shown = _client.masked(file.name);
     const auto tell = [&](std::uint64_t bytes, bool is_done) {
-      _progress.moved(shown, file.listed.size, std::exchange(last, bytes), bytes, is_done);
+      _progress.moved({.file = shown,
+                       .file_bytes = bytes,
+                       .file_size = file.listed.size,
+                       .is_file_done = is_done},
+                      std::exchange(last, bytes));
     };
     fetch_blob({.client = _client,
                 .cache = _cache,
                 .clock = *_options.clock,
                 .should_stop = _should_stop,
-                .repo_id = _name.repo_id,
                 .commit = _commit,
                 .on_progress = [&](std::uint64_t bytes) { tell(bytes, false); },
                 .on_wait = [&] { tell_of_wait(file); }},
@@ -314,11 +292,7 @@ class Fetch {
     log().info("Waiting for another process that fetches %s of the model %s",
                _client.masked(files::in_quotes(file.name)), _name.repo_id);
     const std::string shown = _client.masked(file.name);
-    _progress.tell([&](FetchProgress& progress) {
-      progress.file = shown;
-      progress.file_size = file.listed.size;
-      progress.is_waiting = true;
-    });
+    _progress.tell({.file = shown, .file_size = file.listed.size, .is_waiting = true});
   }
 
   void store(const ListedModel& model) const {
@@ -354,8 +328,25 @@ CachedModel fetch_model(const ModelName& name, const CacheSettings& cache,
   return Fetch(name, cache, options).run();
 }
 
-void remove_leftovers(const ModelName& name, const CacheSettings& cache) noexcept {
-  if (!name.directory) CacheWriter(cache, name.repo_id).remove_abandoned();
+CachedModel find_or_fetch_model(const ModelName& name, const CacheSettings& cache,
+                                const FindOptions& options) {
+  const bool may_fetch = !name.directory && !options.local_files_only && !cache.is_offline();
+  try {
+    CachedModel model = find_cached_model(name, cache);
+    if (options.on_damage) {
+      const ProgressCount progress(name.text);
+      progress.tell({.is_checking = true});
+      check_model(model);
+      if (!name.directory) CacheWriter(cache, name.repo_id).remove_abandoned();
+    }
+    return model;
+  } catch (const ModelNotCachedError&) {
+    if (!may_fetch) throw;
+  } catch (const files::ModelFilesError& error) {
+    if (!may_fetch || !options.on_damage) throw;
+    options.on_damage(error.what());
+  }
+  return fetch_model(name, cache, {.hub = hub_settings(), .should_stop = options.should_stop});
 }
 
 }  // namespace tovana::hub

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <functional>
+#include <string>
+
 #include "tovana/base/clock.h"
 #include "tovana/engines/http/retry_policy.h"
 #include "tovana/engines/http/transport.h"
-#include "tovana/engines/hub/cache_settings.h"
 #include "tovana/engines/hub/cached_model.h"
 #include "tovana/engines/hub/hub_settings.h"
 #include "tovana/engines/hub/model_name.h"
@@ -49,8 +51,20 @@ struct FetchOptions {
 CachedModel fetch_model(const ModelName& name, const CacheSettings& cache,
                         const FetchOptions& options);
 
-/// Removes what fetches of the model that ended before their time have left in the cache; those
-/// that are under way keep theirs. Fails silently. For whoever finds the model complete.
-void remove_leftovers(const ModelName& name, const CacheSettings& cache) noexcept;
+struct FindOptions {
+  /// The hub is not asked; nor is it when the cache's settings are offline.
+  bool local_files_only = false;
+  /// Where there is one, what is found is looked at closely (`check_model`), what fetches that ended
+  /// before their time have left of the model is removed, and a model that is damaged is fetched
+  /// again, after this has been told in one line what is wrong with it.
+  std::function<void(const std::string& fault)> on_damage = nullptr;
+  http::StopTest should_stop = nullptr;
+};
+
+/// The model as `find_cached_model` finds it; where the cache does not hold it, and the hub may be
+/// asked, as `fetch_model` does with the hub that the environment names. Throws as these do, and as
+/// `hub_settings` when it fetches.
+CachedModel find_or_fetch_model(const ModelName& name, const CacheSettings& cache,
+                                const FindOptions& options = {});
 
 }  // namespace tovana::hub

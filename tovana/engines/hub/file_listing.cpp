@@ -12,6 +12,9 @@ namespace {
 using files::in_quotes;
 using nlohmann::json;
 
+/// More files than any model has, and few enough to be kept in memory.
+constexpr std::size_t kMostListedFiles = 100'000;
+
 /// The size and hash that `entry` states: of the file itself, or of its "lfs" part, where the
 /// file's own are those of a pointer to the content.
 ListedFile listed_file(const json& entry) {
@@ -28,9 +31,9 @@ ListedFile listed_file(const json& entry) {
 
 void add_listing_page(std::string_view page, FileListing& listing) {
   const json entries = files::parse_json(page);
-  if (!entries.is_array()) throw ValueError("no array");
+  if (!entries.is_array()) throw ValueError("it is not an array");
   for (const json& entry : entries) {
-    if (!entry.is_object()) throw ValueError("an entry is no object");
+    if (!entry.is_object()) throw ValueError("an entry is not an object");
     const auto type = entry.find("type");
     const auto path = entry.find("path");
     if (type == entry.end() || path == entry.end() || !type->is_string() || !path->is_string()) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -17,9 +16,6 @@ struct ListedFile {
 
 /// The files by their names, all of which stay inside the repository (is_contained_name).
 using FileListing = std::map<std::string, ListedFile, std::less<>>;
-
-/// More files than any model has, and few enough to be kept in memory.
-inline constexpr std::size_t kMostListedFiles = 100'000;
 
 /// Adds one page of a hub's listing to `listing`:
 /// [{"type": "file", "path": …, "size": …, "oid": …, "lfs": {"oid": …, "size": …}}, …]. Entries

@@ -1,8 +1,10 @@
 #include "tovana/engines/hub/hub_client.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -132,8 +134,10 @@ http::Headers token_headers(const HubSettings& settings) {
   return {{"Authorization", "Bearer " + settings.token}};
 }
 
+[[noreturn]] void throw_stopped() { throw http::Stopped("stopped while fetching a model"); }
+
 void throw_if_stopped(const http::StopTest& should_stop) {
-  if (should_stop && should_stop()) throw http::Stopped("stopped while fetching a model");
+  if (should_stop && should_stop()) throw_stopped();
 }
 
 ModelFetchError::Cause cause_of(const HubAnswer& answer) {
@@ -150,6 +154,10 @@ ModelFetchError::Cause cause_of(const HubAnswer& answer) {
 
 }  // namespace
 
+bool HubAnswer::is_good() const noexcept {
+  return outcome.ending == http::Ending::complete && hub::is_good(outcome.head.status);
+}
+
 bool HubAnswer::may_pass() const noexcept {
   const int status = outcome.head.status;
   if (status == 408 || status == 429 || (status >= 500 && status <= 599)) return true;
@@ -158,9 +166,11 @@ bool HubAnswer::may_pass() const noexcept {
          (outcome.ending == http::Ending::dropped || outcome.ending == http::Ending::timed_out);
 }
 
-HubClient::HubClient(const HubSettings& settings, http::Transport& transport, Clock& clock,
-                     http::StopTest should_stop, RequestObserver on_request)
+HubClient::HubClient(const HubSettings& settings, const std::string& repo_id,
+                     http::Transport& transport, Clock& clock, http::StopTest should_stop,
+                     FetchObserver on_request)
     : _settings(settings),
+      _repo_id(repo_id),
       _origin(http::url_origin(settings.endpoint).value_or(http::UrlOrigin{})),
       _secrets(token_headers(settings), settings.endpoint),
       _shown_endpoint(http::masked_url(settings.endpoint)),
@@ -169,10 +179,9 @@ HubClient::HubClient(const HubSettings& settings, http::Transport& transport, Cl
       _should_stop(std::move(should_stop)),
       _on_request(std::move(on_request)) {}
 
-std::string HubClient::commit_of(const std::string& repo_id, const std::string& revision) {
+std::string HubClient::commit_of(const std::string& revision) {
   std::string text;
-  const HubAnswer answer = _get_text(repo_id,
-                                     _settings.endpoint + "/api/models/" + repo_id + "/revision/" +
+  const HubAnswer answer = _get_text(_settings.endpoint + "/api/models/" + _repo_id + "/revision/" +
                                          http::percent_encoded(revision),
                                      text);
   std::string commit;
@@ -189,18 +198,18 @@ std::string HubClient::commit_of(const std::string& repo_id, const std::string& 
                             _shown_endpoint + " (HF_ENDPOINT) a model hub?");
 }
 
-FileListing HubClient::files_of(const std::string& repo_id, const std::string& commit) {
+FileListing HubClient::files_of(const std::string& commit) {
   FileListing listing;
-  std::string url = _settings.endpoint + "/api/models/" + repo_id + "/tree/" + commit +
+  std::string url = _settings.endpoint + "/api/models/" + _repo_id + "/tree/" + commit +
                     "?recursive=true&expand=false";
   for (std::size_t pages = 0; pages < kMostPages; ++pages) {
     std::string page;
-    const HubAnswer answer = _get_text(repo_id, url, page);
+    const HubAnswer answer = _get_text(url, page);
     try {
       add_listing_page(page, listing);
     } catch (const ValueError& error) {
       throw ModelFetchError(ModelFetchError::Cause::bad_answer,
-                            "the list of files of the model " + repo_id + " from " +
+                            "the list of files of the model " + _repo_id + " from " +
                                 _shown_endpoint + " is malformed: " + error.what());
     }
     const std::string next = next_page(answer);
@@ -208,21 +217,20 @@ FileListing HubClient::files_of(const std::string& repo_id, const std::string& c
     const std::optional<std::string> target = http::resolved_url(next, answer.url);
     if (!target || http::url_origin(*target) != _origin) {
       throw ModelFetchError(ModelFetchError::Cause::bad_answer,
-                            "the list of files of the model " + repo_id + " from " +
+                            "the list of files of the model " + _repo_id + " from " +
                                 _shown_endpoint + " goes on at " + http::masked_url(next) +
                                 ", which is not the hub's: nothing was fetched");
     }
     url = *target;
   }
   throw ModelFetchError(ModelFetchError::Cause::bad_answer,
-                        "the list of files of the model " + repo_id + " from " + _shown_endpoint +
+                        "the list of files of the model " + _repo_id + " from " + _shown_endpoint +
                             " has more than " + std::to_string(kMostPages) + " pages");
 }
 
-HubAnswer HubClient::get_file(const std::string& repo_id, const std::string& commit,
-                              const std::string& name, std::uint64_t offset,
-                              http::ResponseSink& sink) {
-  std::string url = _settings.endpoint + "/" + repo_id + "/resolve/" + commit;
+HubAnswer HubClient::get_file(const std::string& commit, const std::string& name,
+                              std::uint64_t offset, http::ResponseSink& sink) {
+  std::string url = _settings.endpoint + "/" + _repo_id + "/resolve/" + commit;
   for (std::size_t start = 0; start <= name.size();) {
     const std::size_t end = std::min(name.find('/', start), name.size());
     url += "/" + http::percent_encoded(name.substr(start, end - start));
@@ -237,8 +245,7 @@ HubAnswer HubClient::get_file(const std::string& repo_id, const std::string& com
       sink);
 }
 
-HubAnswer HubClient::_get_text(const std::string& repo_id, const std::string& url,
-                               std::string& text) {
+HubAnswer HubClient::_get_text(const std::string& url, std::string& text) {
   Patience patience(*this);
   TextSink sink(text);
   const double idle_s = _settings.metadata_timeout_s;
@@ -251,7 +258,7 @@ HubAnswer HubClient::_get_text(const std::string& repo_id, const std::string& ur
                                 std::to_string(kLargestText >> 20U) + " MiB: is " +
                                 _shown_endpoint + " (HF_ENDPOINT) a model hub?");
     }
-    if (!patience.wait_after(answer)) throw fetch_error(repo_id, answer);
+    if (!patience.wait_after(answer)) throw fetch_error(answer);
   }
 }
 
@@ -284,8 +291,8 @@ HubAnswer HubClient::_follow(std::string url, const http::Headers& headers, Time
       http::warn_if_exposed(http::Credentials(request.headers), url, "Fetching a model");
     }
     const std::string host = masked(http::url_origin(url).value_or(_origin).host);
-    GoodResponses responses(sink, [&] { _on_request({.host = host, .is_answered = true}); });
-    _on_request({.host = host});
+    GoodResponses responses(sink, [&] { _on_request({.asked_host = host, .is_answered = true}); });
+    _on_request({.asked_host = host});
     HubAnswer answer{.outcome = _transport.send(request, responses), .url = url};
     if (answer.outcome.ending == http::Ending::aborted) throw_if_stopped(_should_stop);
     const int status = answer.outcome.head.status;
@@ -307,16 +314,16 @@ HubAnswer HubClient::_follow(std::string url, const http::Headers& headers, Time
   return refused(url, "the hub redirects more than " + std::to_string(kMostRedirects) + " times");
 }
 
-ModelFetchError HubClient::fetch_error(const std::string& repo_id, const HubAnswer& answer) const {
-  return {cause_of(answer), _problem(repo_id, answer)};
+ModelFetchError HubClient::fetch_error(const HubAnswer& answer) const {
+  return {cause_of(answer), _problem(answer)};
 }
 
-std::string HubClient::_problem(const std::string& repo_id, const HubAnswer& answer) const {
+std::string HubClient::_problem(const HubAnswer& answer) const {
   const int status = answer.outcome.head.status;
   const std::string code = header(answer, kErrorCode);
-  const std::string model = "the model " + repo_id;
+  const std::string model = "the model " + _repo_id;
   if (code == "GatedRepo") {
-    return model + " is gated: accept its terms at " + _shown_endpoint + "/" + repo_id +
+    return model + " is gated: accept its terms at " + _shown_endpoint + "/" + _repo_id +
            ", and set HF_TOKEN to a token of the account that did";
   }
   if (code == kRevisionNotFound) {
@@ -350,21 +357,23 @@ std::string HubClient::_hub_message(const HubAnswer& answer) const {
   return "; the hub says: " + _secrets.excerpt(repair_utf8(message), kLongestHubMessage);
 }
 
+void HubClient::wait_after(const HubAnswer& answer, double seconds) const {
+  const int status = answer.outcome.head.status;
+  const std::string problem = masked(
+      status != 0 && !is_good(status) ? "HTTP " + std::to_string(status) : answer.outcome.problem);
+  const std::string url = masked(http::masked_url(answer.url));
+  log().info("Fetching from %s: %s; trying again in %.0f s", url, problem, seconds);
+  _on_request({.problem = problem, .retry_in_s = seconds});
+  if (http::wait_unless_stopped(seconds, _should_stop, _clock) == http::WaitEnding::stopped) {
+    throw_stopped();
+  }
+}
+
 bool Patience::wait_after(const HubAnswer& answer) {
   if (!answer.may_pass() || _waits == kMostWaits) return false;
   const double asked = asked_wait_s(answer);
   if (asked > kLongestWaitS) return false;
-  const double wait = std::max(asked, std::ldexp(1.0, _waits++));
-  const int status = answer.outcome.head.status;
-  const std::string problem = _client.masked(
-      status != 0 && !is_good(status) ? "HTTP " + std::to_string(status) : answer.outcome.problem);
-  const std::string url = _client.masked(http::masked_url(answer.url));
-  log().info("Fetching from %s: %s; trying again in %.0f s", url, problem, wait);
-  _client._on_request({.problem = problem, .retry_in_s = wait});
-  if (http::wait_unless_stopped(wait, _client._should_stop, _client._clock) ==
-      http::WaitEnding::stopped) {
-    throw http::Stopped("stopped while fetching a model");
-  }
+  _client.wait_after(answer, std::max(asked, std::ldexp(1.0, _waits++)));
   return true;
 }
 

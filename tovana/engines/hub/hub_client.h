@@ -1,8 +1,7 @@
 #pragma once
 
 #include <atomic>
-#include <functional>
-#include <optional>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -12,6 +11,7 @@
 #include "tovana/engines/http/transport.h"
 #include "tovana/engines/http/url.h"
 #include "tovana/engines/hub/fetch_errors.h"
+#include "tovana/engines/hub/fetch_progress.h"
 #include "tovana/engines/hub/file_listing.h"
 #include "tovana/engines/hub/hub_settings.h"
 
@@ -23,27 +23,12 @@ struct HubAnswer {
   std::string url;  ///< Where the last redirect led; for messages.
 
   /// A whole response with what was asked for.
-  bool is_good() const noexcept {
-    return outcome.ending == http::Ending::complete &&
-           (outcome.head.status == 200 || outcome.head.status == 206);
-  }
+  bool is_good() const noexcept;
   /// A broken connection, a timeout, 408, 429 or 500 to 599.
   bool may_pass() const noexcept;
 };
 
-/// A request before it is sent, when its response begins, or, with a problem, when it is going to be
-/// tried again. The texts live as long as the call.
-struct RequestNews {
-  std::string_view host = {};
-  bool is_answered = false;
-  std::string_view problem = {};
-  double retry_in_s = 0;
-};
-
-/// Told on the thread that makes the request.
-using RequestObserver = std::function<void(const RequestNews& news)>;
-
-/// The requests that fetching a model takes, against one hub.
+/// The requests that fetching one repository's model from a hub takes.
 ///
 /// Redirects are followed by the rules that keep a token safe: it goes to the origin of the
 /// endpoint alone, whatever the hub points to, and from https nothing leads to http. A hub that
@@ -54,35 +39,38 @@ using RequestObserver = std::function<void(const RequestNews& news)>;
 /// throw ModelFetchError, http::Stopped when the stop test says so, and what the transport throws.
 class HubClient {
  public:
-  /// All have to outlive the client. The stop test may be empty; it is asked from any thread that
-  /// makes a call.
-  HubClient(const HubSettings& settings, http::Transport& transport, Clock& clock,
-            http::StopTest should_stop, RequestObserver on_request);
+  /// Settings, repository, transport and clock have to outlive the client. The stop test may be
+  /// empty. It and the observer are called on any thread that makes a call; the observer is told of
+  /// hosts and of problems, and of nothing else.
+  HubClient(const HubSettings& settings, const std::string& repo_id, http::Transport& transport,
+            Clock& clock, http::StopTest should_stop, FetchObserver on_request);
 
-  /// The commit that a revision (a branch, a tag) of a repository stands for at the moment.
-  std::string commit_of(const std::string& repo_id, const std::string& revision);
+  const std::string& repo_id() const noexcept { return _repo_id; }
+
+  /// The commit that a revision (a branch, a tag) stands for at the moment.
+  std::string commit_of(const std::string& revision);
 
   /// All files of a commit.
-  FileListing files_of(const std::string& repo_id, const std::string& commit);
+  FileListing files_of(const std::string& commit);
 
   /// Asks once for a file's content from byte `offset` on. The sink gets the response of status 200
   /// or 206 that the redirects lead to, and of others nothing.
-  HubAnswer get_file(const std::string& repo_id, const std::string& commit, const std::string& name,
-                     std::uint64_t offset, http::ResponseSink& sink);
+  HubAnswer get_file(const std::string& commit, const std::string& name, std::uint64_t offset,
+                     http::ResponseSink& sink);
+
+  /// Waits before the request is made again, and says why in the log and to the observer. Throws
+  /// http::Stopped.
+  void wait_after(const HubAnswer& answer, double seconds) const;
 
   /// What an answer that is not good means for somebody who wants this model.
-  ModelFetchError fetch_error(const std::string& repo_id, const HubAnswer& answer) const;
+  ModelFetchError fetch_error(const HubAnswer& answer) const;
 
   /// The text without the token and the endpoint's password. All that comes from the hub, and that
   /// includes the names of its files, goes through it on its way to anybody: a hub may repeat what
   /// it was sent.
   std::string masked(std::string_view text) const { return _secrets.masked(text); }
 
-  const HubSettings& settings() const noexcept { return _settings; }
-
  private:
-  friend class Patience;
-
   /// Seconds: without a byte, and for one response in all.
   struct Timeouts {
     double idle_s;
@@ -92,19 +80,20 @@ class HubClient {
                  http::ResponseSink& sink);
   HubAnswer _follow(std::string url, const http::Headers& headers, Timeouts timeouts,
                     http::ResponseSink& sink, bool with_token) const;
-  std::string _problem(const std::string& repo_id, const HubAnswer& answer) const;
+  std::string _problem(const HubAnswer& answer) const;
   std::string _hub_message(const HubAnswer& answer) const;
   /// A whole reply of the hub's own, tried again where that may help.
-  HubAnswer _get_text(const std::string& repo_id, const std::string& url, std::string& text);
+  HubAnswer _get_text(const std::string& url, std::string& text);
 
   const HubSettings& _settings;
+  const std::string& _repo_id;
   const http::UrlOrigin _origin;
   const http::Credentials _secrets;
   const std::string _shown_endpoint;  ///< For messages: it may hold a password.
   http::Transport& _transport;
   Clock& _clock;
   const http::StopTest _should_stop;
-  const RequestObserver _on_request;
+  const FetchObserver _on_request;
   std::atomic<bool> _token_is_refused = false;
 };
 
@@ -116,8 +105,8 @@ class Patience {
 
   void reset() noexcept { _waits = 0; }
 
-  /// Waits before the next attempt, and says why in the log; false when it is not worth it, because
-  /// the answer will not change, or not soon. Throws http::Stopped.
+  /// Waits before the next attempt; false when it is not worth it, because the answer will not
+  /// change, or not soon. Throws http::Stopped.
   bool wait_after(const HubAnswer& answer);
 
  private:

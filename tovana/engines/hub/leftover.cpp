@@ -32,12 +32,10 @@ std::vector<Leftover> leftovers(const fs::path& folder, std::string_view prefix,
     struct stat file = {};
     if (::lstat(entry->path().c_str(), &file) != 0 || S_ISDIR(file.st_mode)) continue;
     if (file.st_ino == now.st_ino) continue;
-    const bool is_released = file.st_mtime == kReleasedAt;
-    found.push_back(
-        {.path = entry->path(),
-         .size = S_ISREG(file.st_mode) ? static_cast<std::uint64_t>(file.st_size) : 0,
-         .is_released = is_released,
-         .is_abandoned = is_released || file.st_mtime <= now.st_mtime - kAbandonedAfterS});
+    found.push_back({.path = entry->path(),
+                     .size = S_ISREG(file.st_mode) ? static_cast<std::uint64_t>(file.st_size) : 0,
+                     .is_abandoned = file.st_mtime == kReleasedAt ||
+                                     file.st_mtime <= now.st_mtime - kAbandonedAfterS});
   }
   std::ranges::sort(found, std::greater<>(), &Leftover::size);
   return found;

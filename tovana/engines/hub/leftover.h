@@ -17,9 +17,8 @@ namespace tovana::hub {
 struct Leftover {
   std::filesystem::path path;
   std::uint64_t size = 0;
-  /// Its writer has given it up: nobody has it open any more.
-  bool is_released = false;
-  /// That, or it has been left alone for a minute.
+  /// Its writer has given it up, and nobody has it open any more; or it has been left alone for a
+  /// minute.
   bool is_abandoned = false;
 };
 

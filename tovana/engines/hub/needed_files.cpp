@@ -43,9 +43,9 @@ void check_path(std::string_view name) {
 /// Looks for files and keeps account of them.
 class Account {
  public:
-  explicit Account(const ModelFiles& files) : _files(files) {}
+  explicit Account(const AvailableFiles& files) : _files(files) {}
 
-  const ModelFiles& files() const { return _files; }
+  const AvailableFiles& files() const { return _files; }
   NeededFiles needed() && { return std::move(_needed); }
 
   bool has(const std::string& name) const { return !_files.fault(name, Need::required); }
@@ -85,7 +85,7 @@ class Account {
     }
   }
 
-  const ModelFiles& _files;
+  const AvailableFiles& _files;
   std::set<std::string> _names;
   std::set<std::string> _folders;
   NeededFiles _needed;
@@ -217,7 +217,19 @@ std::vector<Module> module_list(const Account& account, const std::string& name)
 
 }  // namespace
 
-NeededFiles needed_files(const ModelFiles& files) {
+std::string AvailableFiles::shown(std::string_view name) const {
+  return _model_directory().path_of(name);
+}
+
+std::optional<files::FileHandle> AvailableFiles::open(std::string_view name) const {
+  return _model_directory().open(_place(name), kLargestModelFile);
+}
+
+std::optional<nlohmann::json> AvailableFiles::read_json(std::string_view name) const {
+  return _model_directory().read_json(_place(name), kLargestJson);
+}
+
+NeededFiles needed_files(const AvailableFiles& files) {
   const std::string modules_name = "modules.json";
   Account account(files);
   account.expect(modules_name, Need::settled);
@@ -237,7 +249,7 @@ NeededFiles needed_files(const ModelFiles& files) {
   return std::move(account).needed();
 }
 
-void check_contents(const ModelFiles& model, const std::vector<std::string>& names) {
+void check_contents(const AvailableFiles& model, const std::vector<std::string>& names) {
   for (const std::string& name : names) {
     const std::optional<files::FileHandle> file = model.open(name);
     if (!file) throw ModelFilesError(model.shown(name) + ": is missing");

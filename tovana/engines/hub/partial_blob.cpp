@@ -1,22 +1,34 @@
 #include "tovana/engines/hub/partial_blob.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <memory>
+#include <new>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include <fcntl.h>
+#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "tovana/base/libcrypto.h"
 #include "tovana/engines/hub/leftover.h"
+#include "tovana/exceptions/exceptions.h"
 
 namespace tovana::hub {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr std::size_t kGitIdDigits = 40;
+
+void check_libcrypto(int result) {
+  if (result == 1) return;
+  throw RuntimeError("libcrypto cannot compute the hash that files are checked by");
+}
 
 constexpr std::size_t kReadBytes = std::size_t{64} << 10U;
 
@@ -58,6 +70,39 @@ Descriptor open_existing(const fs::path& path, int access) {
 }
 
 }  // namespace
+
+void ContentHash::Free::operator()(evp_md_ctx_st* context) const noexcept {
+  EVP_MD_CTX_free(context);
+}
+
+ContentHash::ContentHash(std::string_view id, std::uint64_t size) {
+  initialize_libcrypto();
+  _context.reset(EVP_MD_CTX_new());
+  if (_context == nullptr) throw std::bad_alloc();
+  const bool is_git = id.size() == kGitIdDigits;
+  check_libcrypto(EVP_DigestInit_ex2(_context.get(), is_git ? EVP_sha1() : EVP_sha256(), nullptr));
+  if (is_git) {
+    const std::string header = "blob " + std::to_string(size);
+    update({header.c_str(), header.size() + 1});  // its NUL belongs to it
+  }
+}
+
+void ContentHash::update(std::string_view bytes) {
+  check_libcrypto(EVP_DigestUpdate(_context.get(), bytes.data(), bytes.size()));
+}
+
+std::string ContentHash::finish() {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned size = 0;
+  check_libcrypto(EVP_DigestFinal_ex(_context.get(), digest.data(), &size));
+  std::string hex;
+  for (unsigned i = 0; i < size; ++i) {
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    hex += kDigits[digest[i] >> 4U];
+    hex += kDigits[digest[i] & 15U];
+  }
+  return hex;
+}
 
 PartialBlob::PartialBlob(fs::path blob, const ListedFile& file)
     : _blob(std::move(blob)),

@@ -2,28 +2,51 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <string_view>
 
-#include "tovana/engines/hub/content_hash.h"
 #include "tovana/engines/hub/durable_file.h"
 #include "tovana/engines/hub/file_listing.h"
 
+struct evp_md_ctx_st;
+
 namespace tovana::hub {
+
+/// The hash that names a content in the hub and in its cache, computed as the content passes by.
+/// The name's length says which it is: 64 digits are SHA-256 of the content, 40 are SHA-1 of the
+/// content as a git blob, whose header holds the size.
+class ContentHash {
+ public:
+  /// For a content of `size` bytes that is named `id` (is_content_id). Throws RuntimeError when
+  /// libcrypto has no such hash.
+  ContentHash(std::string_view id, std::uint64_t size);
+
+  void update(std::string_view bytes);
+
+  /// The hash in hexadecimal digits. Nothing may be added afterwards.
+  std::string finish();
+
+ private:
+  struct Free {
+    void operator()(evp_md_ctx_st* context) const noexcept;
+  };
+  std::unique_ptr<evp_md_ctx_st, Free> _context;
+};
 
 /// A content on its way into the cache: a file blobs/ID.XXXXXXXX.incomplete that grows, and takes
 /// the name blobs/ID once it is whole and its hash is right. The hash is that of the file's own
 /// bytes, read back while they are still in memory. Memory does not depend on its size.
 ///
 /// No two of them write to one file, whether a lock keeps them off each other or not. A leftover
-/// that is abandoned is gone on with in place, by the one who succeeds in renaming it, as there may
-/// not be room for it twice; whoever finds before a write that his file has lost its name goes on
-/// in a copy. Any other leftover is copied, as its writer may be alive.
+/// that is abandoned is resumed in place, by the one who succeeds in renaming it, as there may
+/// not be room for it twice; whoever finds before a write that its own file has lost its
+/// name continues in a copy. Any other leftover is copied, as its writer may be alive.
 ///
 /// One thread uses it. What it throws is CacheNotWritableError.
 class PartialBlob {
  public:
-  /// `blob` is the final path, `file` what the content has to be. Goes on with the longest leftover
+  /// `blob` is the final path, `file` what the content has to be. Resumes the longest leftover
   /// of the same content (leftover.h), and removes what is abandoned.
   PartialBlob(std::filesystem::path blob, const ListedFile& file);
   /// Leaves what there is for the next fetch.

@@ -16,15 +16,15 @@ namespace {
 namespace fs = std::filesystem;
 using files::ModelDirectory;
 
-using Listing = std::map<std::string, std::uint64_t, std::less<>>;
+using ListedSizes = std::map<std::string, std::uint64_t, std::less<>>;
 
 /// A listing is {"format_version": 1, "files": {NAME: {"size": …}}}; where the repository holds a
 /// pointer in place of a large file, "lfs_size" is the file's own.
-std::optional<Listing> read_listing(const ModelDirectory& repository, const std::string& name) {
+std::optional<ListedSizes> read_listing(const ModelDirectory& repository, const std::string& name) {
   try {
     const std::optional<nlohmann::json> tree = repository.read_json(name, kLargestJson);
     if (!tree || tree->at("format_version") != 1) return std::nullopt;
-    Listing listing;
+    ListedSizes listing;
     for (const auto& [file, entry] : tree->at("files").items()) {
       const auto lfs_size = entry.find("lfs_size");
       const nlohmann::json& size =
@@ -45,8 +45,8 @@ Snapshot::Snapshot(fs::path allowed_root, fs::path repo_folder, std::string comm
     : _allowed_root(std::move(allowed_root)),
       _repo_folder(std::move(repo_folder)),
       _commit(std::move(commit)),
-      _listing(read_listing(ModelDirectory(_repo_folder, _allowed_root),
-                            "trees/" + _commit + ".json")) {}
+      _listed_sizes(read_listing(ModelDirectory(_repo_folder, _allowed_root),
+                                 "trees/" + _commit + ".json")) {}
 
 std::optional<std::string> Snapshot::fault(std::string_view name, Need need) const {
   if (!files::is_contained_name(name)) {
@@ -79,25 +79,21 @@ std::optional<Snapshot::Fault> Snapshot::_fault_of_content(std::string_view name
   const std::uintmax_t size = fs::file_size(path, error);
   if (error) return Fault{.text = "cannot be reached (" + error.message() + ")"};
   if (size == 0) return Fault{.text = "is empty"};
-  if (!_listing) return std::nullopt;
-  const auto listed = _listing->find(name);
-  if (listed == _listing->end() || listed->second == size) return std::nullopt;
+  if (!_listed_sizes) return std::nullopt;
+  const auto listed = _listed_sizes->find(name);
+  if (listed == _listed_sizes->end() || listed->second == size) return std::nullopt;
   return Fault{.text = "has " + std::to_string(size) + " bytes instead of " +
                        std::to_string(listed->second)};
 }
 
 bool Snapshot::_is_known_absent(std::string_view name) const {
-  if (_listing) return !_listing->contains(name);
+  if (_listed_sizes) return !_listed_sizes->contains(name);
   std::error_code error;
   return fs::exists(_repo_folder / ".no_exist" / _commit / name, error);
 }
 
 bool Snapshot::is_listed(std::string_view name) const {
-  return _listing && _listing->contains(name);
-}
-
-std::string Snapshot::shown(std::string_view name) const {
-  return ModelDirectory(directory(), _allowed_root).path_of(name);
+  return _listed_sizes && _listed_sizes->contains(name);
 }
 
 void Snapshot::check_hashes(const std::vector<std::string>& names) const {
@@ -112,14 +108,6 @@ void Snapshot::check_hashes(const std::vector<std::string>& names) const {
         shown(name) + ": is damaged: its content is not the one that the hub had (blob " + id +
         ")");
   }
-}
-
-std::optional<files::FileHandle> Snapshot::open(std::string_view name) const {
-  return ModelDirectory(directory(), _allowed_root).open(name, kLargestModelFile);
-}
-
-std::optional<nlohmann::json> Snapshot::read_json(std::string_view name) const {
-  return ModelDirectory(directory(), _allowed_root).read_json(name, kLargestJson);
 }
 
 }  // namespace tovana::hub

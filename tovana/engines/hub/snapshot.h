@@ -9,12 +9,12 @@
 #include <string_view>
 #include <vector>
 
-#include "tovana/engines/hub/model_files.h"
+#include "tovana/engines/hub/needed_files.h"
 
 namespace tovana::hub {
 
 /// One commit of a repository as the cache holds it (cache_layout.h).
-class Snapshot final : public ModelFiles {
+class Snapshot final : public AvailableFiles {
  public:
   /// `repo_folder` is the repository's folder in a cache, whose files have to lie in
   /// `allowed_root`, links followed (trusted_folder); `commit` has been checked to be one. An
@@ -26,9 +26,6 @@ class Snapshot final : public ModelFiles {
 
   std::optional<std::string> fault(std::string_view name, Need need) const override;
   bool is_listed(std::string_view name) const override;
-  std::string shown(std::string_view name) const override;
-  std::optional<files::FileHandle> open(std::string_view name) const override;
-  std::optional<nlohmann::json> read_json(std::string_view name) const override;
 
   /// Throws ModelFilesError when one of the files, all of which are there, is not what the name of
   /// its blob says. Reads all of them. Of a file without a blob, in a cache without links, nothing
@@ -36,6 +33,7 @@ class Snapshot final : public ModelFiles {
   void check_hashes(const std::vector<std::string>& names) const;
 
  private:
+  files::ModelDirectory _model_directory() const override { return {directory(), _allowed_root}; }
   struct Fault {
     bool is_absent = false;  ///< There is nothing of that name.
     std::string text;
@@ -47,8 +45,7 @@ class Snapshot final : public ModelFiles {
   std::filesystem::path _repo_folder;
   std::string _commit;
   /// The length of each file of the commit; none without a listing.
-  using Listing = std::map<std::string, std::uint64_t, std::less<>>;
-  std::optional<Listing> _listing;
+  std::optional<std::map<std::string, std::uint64_t, std::less<>>> _listed_sizes;
 };
 
 }  // namespace tovana::hub

@@ -157,8 +157,7 @@ TEST(CachedModelTest, IsFoundExactlyWhenItIsComplete) {
 
 TEST(CachedModelTest, TheErrorSaysWhatIsMissingWhereAndWhatToDo) {
   const Cache cache;
-  const CacheSettings settings = {
-      .root = cache.root, .is_offline = true, .offline_variable = "TRANSFORMERS_OFFLINE"};
+  const CacheSettings settings = {.root = cache.root, .offline_variable = "TRANSFORMERS_OFFLINE"};
   try {
     find_cached_model(parse_model_name("gone"), settings);
     FAIL() << "found";

@@ -5,7 +5,7 @@
 #include <iterator>
 #include <utility>
 
-#include "tovana/engines/hub/content_hash.h"
+#include "tovana/engines/hub/partial_blob.h"
 
 namespace tovana::testing {
 namespace {

@@ -3,7 +3,6 @@
 #include <atomic>
 
 #include "tovana/engines/embedding/backends/local/model_library.h"
-#include "tovana/engines/hub/cached_model.h"
 #include "tovana/engines/hub/fetch_model.h"
 
 namespace tovana::embedding {
@@ -12,13 +11,8 @@ namespace {
 /// The folder of a model, which is fetched if it may be and has to be.
 hub::CachedModel find_model(const std::string& model_name, bool local_files_only) {
   const hub::CacheSettings cache = hub::cache_settings();
-  const hub::ModelName name = hub::parse_model_name(model_name);
-  try {
-    return hub::find_cached_model(name, cache);
-  } catch (const hub::ModelNotCachedError&) {
-    if (local_files_only || cache.is_offline) throw;
-    return hub::fetch_model(name, cache, {.hub = hub::hub_settings()});
-  }
+  return hub::find_or_fetch_model(hub::parse_model_name(model_name), cache,
+                                  {.local_files_only = local_files_only});
 }
 
 class ProcessModelRuntime final : public ModelRuntime {

@@ -1,4 +1,4 @@
-#include "tovana/engines/hub/cache_settings.h"
+#include "tovana/engines/hub/hub_settings.h"
 
 #include <filesystem>
 #include <string>
@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/temp_folder.h"
-#include "tovana/engines/hub/hub_settings.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::hub {
