@@ -10,7 +10,6 @@ int main(int argc, char** argv) {
   if (argc != 3) return 2;
   tovana::testing::FakeHub hub;
   hub.repo_id = argv[1];
-  hub.mentions_xet = false;  // its store speaks plain HTTP only
   hub.add_folder(argv[2]);
   std::cout << hub.url() << std::endl;
   std::cin.ignore(std::numeric_limits<std::streamsize>::max());

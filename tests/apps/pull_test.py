@@ -55,7 +55,8 @@ def test_says_in_one_line_why_it_cannot(env, tmp_path, command, status, said):
     expect_error(result._replace(err=result.err.splitlines(keepends=True)[-1]), status, said)
 
 
-def test_an_interrupt_ends_it_and_the_next_goes_on(hub, env):
+@pytest.mark.parametrize("end, status", [(signal.SIGINT, 130), (signal.SIGKILL, -signal.SIGKILL)])
+def test_one_that_is_ended_links_nothing_and_the_next_resumes(hub, env, tmp_path, end, status):
     sent = threading.Event()
 
     def send_a_third(request, content):
@@ -68,8 +69,11 @@ def test_an_interrupt_ends_it_and_the_next_goes_on(hub, env):
     assert sent.wait(60)
     while b"127.0.0.1 sends nothing, " not in (line := process.stderr.readline()):
         assert line
-    process.send_signal(signal.SIGINT)
-    assert finish(process).status == 130
+    process.send_signal(end)
+    assert finish(process).status == status
+    unfinished = [path.stat().st_mtime for path in tmp_path.rglob("*.incomplete")]
+    assert len(unfinished) == 1 and (unfinished == [0]) == (end == signal.SIGINT)  # given up in order
+    assert not any(tmp_path.rglob("snapshots"))
     hub.send_weights = hub.send
     assert run("pull", "tiny", env=env).status == 0
     assert any("/store/" in request and "Range: bytes=" in request for request in hub.requests)

@@ -12,13 +12,11 @@ namespace {
 
 using Connection = HttpServer::Connection;
 
-bool is_head(const Connection& connection) { return connection.head().starts_with("HEAD "); }
-
 void respond(Connection& connection, int status, std::string_view body,
              const std::string& headers) {
-  connection.send("HTTP/1.1 " + std::to_string(status) + " Played\r\nContent-Length: " +
-                  std::to_string(body.size()) + "\r\n" + headers + "\r\n");
-  if (!is_head(connection)) connection.send(body);
+  const std::string whole = response(status, body, headers);
+  const bool is_head = connection.head().starts_with("HEAD ");
+  connection.send(std::string_view(whole).substr(0, whole.size() - (is_head ? body.size() : 0)));
 }
 
 void refuse(Connection& connection, int status, const std::string& code) {
@@ -59,16 +57,13 @@ std::string FakeHub::id_of(const File& file) {
 
 std::string FakeHub::entry(std::string_view path, std::string_view id, std::uint64_t size,
                            bool is_large) {
-  const std::string number = std::to_string(size);
+  const std::string number = R"(","size":)" + std::to_string(size);
   // A large file's own id and size are those of the pointer that lies in the repository.
   const std::string own = is_large ? std::string(40, 'a') : std::string(id);
-  std::string text = R"({"type":"file","path":")" + std::string(path) + R"(","size":)" + number +
-                     R"(,"oid":")" + own + "\"";
-  if (is_large) {
-    text +=
-        R"(,"lfs":{"oid":")" + std::string(id) + R"(","size":)" + number + R"(,"pointerSize":134})";
-  }
-  return text + "}";
+  const std::string lfs =
+      R"(,"lfs":{"oid":")" + std::string(id) + number + R"(,"pointerSize":134})";
+  return R"({"type":"file","path":")" + std::string(path) + number + R"(,"oid":")" + own + "\"" +
+         (is_large ? lfs : "") + "}";
 }
 
 void FakeHub::send_content(Connection& connection, const std::string& content,
@@ -98,7 +93,6 @@ void FakeHub::answer(Connection& connection) {
   if (path == info + "/tree/" + commit || path == info + "/tree/main") {
     return send_listing(connection, std::string_view(target).substr(path.size()));
   }
-  if (path.starts_with(info + "/tree/")) return refuse(connection, 404, "EntryNotFound");
   if (path.starts_with(cache) && files.contains(path.substr(cache.size()))) {
     const File& file = files.at(path.substr(cache.size()));
     return send_content(connection, file.content,
@@ -132,12 +126,9 @@ void FakeHub::send_info(Connection& connection) {
 }
 
 void FakeHub::send_listing(Connection& connection, std::string_view query) {
-  constexpr std::string_view kCursor = "cursor=";
-  const std::size_t cursor = query.find(kCursor);
+  const std::size_t cursor = query.find('=', query.find("cursor"));
   const std::size_t start =
-      cursor == std::string_view::npos
-          ? 0
-          : std::strtoul(std::string(query.substr(cursor + kCursor.size())).c_str(), nullptr, 10);
+      cursor == std::string_view::npos ? 0 : std::stoul(std::string(query.substr(cursor + 1)));
   std::string page = R"([{"type":"directory","path":"1_Pooling","size":0,"oid":"d"})";
   std::size_t number = 0;
   for (const auto& [name, file] : files) {
@@ -169,10 +160,6 @@ void FakeHub::send_file(Connection& connection, const std::string& name) {
     return respond(connection, 307, "Temporary Redirect",
                    headers + "Location: /api/resolve-cache/models/" + repo_id + "/" + commit + "/" +
                        name + "?%2F" + name + "=&etag=%22" + id + "%22\r\n");
-  }
-  if (mentions_xet) {
-    headers += "X-Xet-Hash: " + id + "\r\nLink: <" + url() + "/api/models/" + repo_id +
-               "/xet-read-token/" + commit + ">; rel=\"xet-auth\"\r\n";
   }
   respond(connection, 302, "Found. Redirecting",
           headers + "Location: " + _store.url("/" + id + "?Signature=s3cret&Expires=1") + "\r\n");

@@ -32,7 +32,6 @@ class FakeHub {
   std::string commit = std::string(40, 'c');
   std::map<std::string, File> files;
   std::size_t page_size = 1000;
-  bool mentions_xet = true;
   Fault hub_fault = nullptr;
   Fault store_fault = nullptr;
 
