@@ -19,6 +19,21 @@ void respond(Connection& connection, int status, std::string_view body,
   connection.send(std::string_view(whole).substr(0, whole.size() - (is_head ? body.size() : 0)));
 }
 
+/// Sends a content, or the range of it that is asked for.
+void send_content(Connection& connection, const std::string& content, const std::string& headers) {
+  constexpr std::string_view kRange = "Range: bytes=";
+  const std::size_t range = connection.head().find(kRange);
+  if (range == std::string::npos) return respond(connection, 200, content, headers);
+  const std::size_t first = std::stoul(connection.head().substr(range + kRange.size()));
+  const std::string size = std::to_string(content.size());
+  if (first >= content.size()) {
+    return respond(connection, 416, "", "Content-Range: bytes */" + size + "\r\n");
+  }
+  respond(connection, 206, std::string_view(content).substr(first),
+          headers + "Content-Range: bytes " + std::to_string(first) + "-" +
+              std::to_string(content.size() - 1) + "/" + size + "\r\n");
+}
+
 void refuse(Connection& connection, int status, const std::string& code) {
   respond(connection, status, R"({"error":"no"})", "X-Error-Code: " + code + "\r\n");
 }
@@ -64,22 +79,6 @@ std::string FakeHub::entry(std::string_view path, std::string_view id, std::uint
       R"(,"lfs":{"oid":")" + std::string(id) + number + R"(,"pointerSize":134})";
   return R"({"type":"file","path":")" + std::string(path) + number + R"(,"oid":")" + own + "\"" +
          (is_large ? lfs : "") + "}";
-}
-
-void FakeHub::send_content(Connection& connection, const std::string& content,
-                           const std::string& headers) {
-  constexpr std::string_view kRange = "Range: bytes=";
-  const std::size_t range = connection.head().find(kRange);
-  if (range == std::string::npos) return respond(connection, 200, content, headers);
-  const std::size_t first =
-      std::strtoul(connection.head().c_str() + range + kRange.size(), nullptr, 10);
-  const std::string size = std::to_string(content.size());
-  if (first >= content.size()) {
-    return respond(connection, 416, "", "Content-Range: bytes */" + size + "\r\n");
-  }
-  respond(connection, 206, std::string_view(content).substr(first),
-          headers + "Content-Range: bytes " + std::to_string(first) + "-" +
-              std::to_string(content.size() - 1) + "/" + size + "\r\n");
 }
 
 void FakeHub::answer(Connection& connection) {

@@ -56,10 +56,6 @@ class FakeHub {
   static std::string entry(std::string_view path, std::string_view id, std::uint64_t size,
                            bool is_large);
 
-  /// Sends a content, or the range of it that is asked for.
-  static void send_content(Connection& connection, const std::string& content,
-                           const std::string& headers = {});
-
  private:
   void answer(Connection& connection);
   void answer_store(Connection& connection);
