@@ -32,9 +32,11 @@ struct Cache {
   }
 
   /// "none", or what looking for the model fails with.
-  std::string find(const ModelName& name = parse_model_name(kModel)) const {
+  std::string find(const ModelName& name = parse_model_name(kModel),
+                   const std::string& offline = {}) const {
     return failure_of([&] {
-      const CachedModel found = find_cached_model(name, {.root = root});
+      const CachedModel found =
+          find_cached_model(name, {.root = root, .offline_variable = offline});
       EXPECT_EQ(found.directory, snapshot);
       EXPECT_EQ(found.allowed_root, root);
       EXPECT_EQ(found.commit, kCommit);
@@ -142,13 +144,12 @@ TEST(CachedModelTest, OneThatIsAbsentIsNamedWithItsPlaceAndWhatToDo) {
   EXPECT_EQ(cache.find(parse_model_name(kModel, kCommit)), "none");
   EXPECT_THAT(cache.find(parse_model_name(kModel, "v2")),
               HasSubstr("refs/v2 is missing; fetch it"));
-  const CacheSettings settings = {.root = cache.root, .offline_variable = "TRANSFORMERS_OFFLINE"};
-  EXPECT_EQ(failure_of([&] { find_cached_model(parse_model_name("gone"), settings); }),
+  EXPECT_EQ(cache.find(parse_model_name("gone"), "TRANSFORMERS_OFFLINE"),
             "ModelNotCachedError: model 'gone' (sentence-transformers/gone) is not in the cache " +
                 cache.root.string() +
-                ": it has no folder models--sentence-transformers--gone; TRANSFORMERS_OFFLINE "
-                "forbids fetching it: copy it there, or set HF_HUB_CACHE to the cache that holds "
-                "it");
+                ": it has no folder models--sentence-transformers--gone; "
+                "TRANSFORMERS_OFFLINE forbids fetching it: copy it there, or set HF_HUB_CACHE to "
+                "the cache that holds it");
 }
 
 TEST(CachedModelTest, AFolderIsTakenAsItIs) {

@@ -185,6 +185,7 @@ class Fetching {
     lines = log.take_lines();
     for (const std::string& line : lines) _said += line;
     EXPECT_THAT(_said + outcome, Not(ContainsRegex("hunt|hf_secret|s3cret")));
+    EXPECT_THAT(hub.store().requests(), Not(Contains(ContainsRegex("uthorization|hf_secret"))));
     return outcome;
   }
 
@@ -218,7 +219,7 @@ class Fetching {
   void expect_whole() const {
     EXPECT_EQ(files_in_snapshot(), kNeeded);
     EXPECT_THAT(unfinished(), SizeIs(0));
-    EXPECT_EQ(find_cached_model(name, settings).directory, snapshot());
+    EXPECT_EQ(find_cached_model(name, settings).directory, fs::canonical(snapshot()));
   }
 
   void repair() {
@@ -285,8 +286,7 @@ TEST(FetchModelTest, FetchesWhatIsNeededOnceAndSendsTheTokenToTheHubAlone) {
     EXPECT_THAT(head, AllOf(HasSubstr("Authorization: Bearer " + kToken), Not(HasSubstr("gzip"))));
   }
   ASSERT_THAT(fetching.hub.store().requests(), SizeIs(1));
-  EXPECT_THAT(fetching.hub.store().requests()[0],
-              AllOf(Not(HasSubstr("uthorization")), HasSubstr("Accept-Encoding: identity\r\n")));
+  EXPECT_THAT(fetching.hub.store().requests()[0], HasSubstr("Accept-Encoding: identity\r\n"));
 
   // Again: only what changes is asked for.
   const std::size_t before = fetching.requests();
@@ -314,14 +314,14 @@ SetUp hub(const std::string& part, int status, const std::string& headers,
 }
 
 /// The hub's other host.
-SetUp store(const std::function<void(Connection&)>& answer, int count = 10'000) {
+SetUp store(const std::function<void(Connection&)>& answer, int count = 100) {
   return [=](Fetching& fetching) { fetching.hub.store_fault = answers("", count, answer); };
 }
 
-/// It sends this and ends the connection.
-SetUp store_sends(const std::string& bytes) {
+/// It sends so many bytes and ends the connection.
+SetUp store_sends(std::size_t bytes, const std::string& headers = {}) {
   return store([=](Connection& connection) {
-    connection.send(bytes);
+    connection.send("HTTP/1.1 200 OK\r\n" + headers + "\r\n" + std::string(bytes, 'x'));
     connection.close();
   });
 }
@@ -359,9 +359,7 @@ std::string denses(int count) {
   return list;
 }
 
-std::string response_head(std::size_t size = kWeightBytes) {
-  return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(size) + "\r\n\r\n";
-}
+const std::string kWeightsHead = "HTTP/1.1 200 OK\r\nContent-Length: 300000\r\n\r\n";
 
 const SetUp names_a_tag = [](Fetching& fetching) {
   fetching.name.revision = "v/1";
@@ -404,23 +402,17 @@ const Fault kFaults[] = {
     {hub("", 503, ""), "^unreachable.*HTTP 503, the hub has trouble", 4, 7},
     {hub("", 429, "Retry-After: 9\r\n", "", 1), "^fetched", 0, 9},
     {hub("", 429, "ratelimit: \"api\";r=0;t=8\r\n", "", 1), "^fetched", 0, 9},
-    // Contents.
-    {store_sends(response_head(20)), "^bad_answer.*20 bytes instead of 300000"},
-    {store_sends("HTTP/1.1 200 OK\r\n\r\n" + std::string(1000, 'x')),
-     "^unreachable.*the response ended after 1000 of 300000 bytes"},
-    {store_sends("HTTP/1.1 200 OK\r\n\r\n" + std::string(kWeightBytes + 1, 'x')),
-     "^bad_answer.*more than that instead of 300000"},
+    {store_sends(0, "Content-Length: 20\r\n"), "^bad_answer.*20 bytes instead of 300000"},
+    {store_sends(1000), "^unreachable.*the response ended after 1000 of 300000 bytes"},
+    {store_sends(kWeightBytes + 1), "^bad_answer.*more than that instead of 300000"},
     {store(send_other), "^bad_answer.*its hash is not"},
     {store(send_other, 1), "^fetched"},
     {store(send_other_part), "^bad_answer.*a part that was not asked for"},
     {has_too_much, "^fetched", 0, 0},
-    // No ranges, and never all of it.
-    {store_sends(response_head() + std::string(9000, 'x')), "^unreachable.*broke before the end"},
-    // Redirects.
+    {store_sends(9000, "Content-Length: 300000\r\n"), "^unreachable.*broke before the end"},
     {hub("", 307, "Location: /again\r\n"), "^bad_answer.*redirects more than 10 times", 11},
     {hub("", 302, "Location: file:///etc/passwd\r\n"), "^bad_answer.*no http or https URL", 1},
     {hub("", 307, "Location: http://hunter2.invalid/hf_secret\r\n"), "^unreachable.*[*]{3}"},
-    // Listings.
     {hub("/tree/", 200, "Link: <http://127.0.0.1:1/x>; rel=\"next\"\r\n", "[]"),
      "^bad_answer.*goes on at http://127"},
     {lists_too_much, "^bad_answer.* has more than 100000 files", 4},
@@ -439,21 +431,16 @@ const Fault kFaults[] = {
     {has("Transformer ../.. Pooling p"), "^ModelFiles.*\"../../config.json\", which is not inside"},
     {has(denses(63)), "^ModelFiles.*lists more than 64 modules"},
     {has(denses(50)), "^ModelFiles.* 2000 files or 200 folders"},
-    {has("Transformer . Pooling 1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g"),
-     "^ModelFiles.*whose path is too long"},
-    {has("Transformer . Pooling " + kId64 + kId64 + kId64 + kId64),
-     "^ModelFiles.*whose path is too long"},
-    {has("Transformer . Pooling p WordWeights w"),
-     "^ModelFiles.*WordWeights\" is not supported; supported, of sentence_tr"},
+    {has("Transformer . Pooling 1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g"), "^ModelFiles.*is too long"},
+    {has("Transformer . Pooling " + kId64 + kId64 + kId64 + kId64), "^ModelFiles.*is too long"},
+    {has("Transformer . Pooling p WordWeights w"), "^ModelFiles.*WordWeights\" is not supported"},
     {has("Pooling p Transformer ."), "^ModelFiles.*a Transformer,"},
-    {has("Transformer . Pooling p Transformer t"),
-     "^ModelFiles.*supported are a Transformer, then a Pooling"},
+    {has("Transformer . Pooling p Transformer t"), "^ModelFiles.*, then a Pooling"},
     {with("adapter_config.json", "{}"), "^ModelFiles.*merge the adapter"},
     {with("tokenizer.json", "["), "^ModelFiles.*\"tokenizer.json\" cannot be used: "},
     {with("tokenizer.json", "{}"), "^ModelFiles.*it has no \"model\""},
     // Refused before its weights are fetched: commit, listing, and two small files.
-    {with("config.json", R"({"model_type":"gpt2"})"),
-     "^ModelFiles.*\"config.json\": \"model_type\" is \"gpt2\"; supported: bert", 6},
+    {with("config.json", R"({"model_type":"gpt2"})"), "^ModelFiles.*\"gpt2\"; supported: bert", 6},
 };
 
 TEST(FetchModelTest, EndsAsItShouldWhateverIsWrong) {
@@ -473,9 +460,6 @@ TEST(FetchModelTest, EndsAsItShouldWhateverIsWrong) {
       EXPECT_THAT(fetching.files_in_snapshot(), SizeIs(0));
       EXPECT_FALSE(fs::exists(fetching.model() / "refs"));
     }
-    for (const std::string& head : fetching.hub.store().requests()) {
-      EXPECT_THAT(head, Not(HasSubstr(kToken)));
-    }
     fetching.repair();
     EXPECT_EQ(fetching.fetch(), "fetched");
     fetching.expect_whole();
@@ -487,14 +471,12 @@ TEST(FetchModelTest, ResumesWhereAConnectionBrokeAtAnyPoint) {
     SCOPED_TRACE(cut);
     Fetching fetching;
     // Each attempt of the first fetch is broken off, and another fetch goes on from there.
-    store(
-        [&](Connection& connection) {
-          if (connection.head().find("Range:") == std::string::npos) {
-            connection.send(response_head() + kFiles.at(kWeights).content.substr(0, cut));
-          }
-          connection.close();
-        },
-        4)(fetching);
+    const std::string begin = kWeightsHead + kFiles.at(kWeights).content.substr(0, cut);
+    const auto break_off = [&](Connection& connection) {
+      if (connection.head().find("Range:") == std::string::npos) connection.send(begin);
+      connection.close();
+    };
+    store(break_off, 4)(fetching);
     EXPECT_THAT(fetching.fetch(), ContainsRegex("^unreachable: .*connection"));
     EXPECT_EQ(fetching.clock.now(), 1007);
     ASSERT_THAT(fetching.unfinished(), SizeIs(cut == 0 ? 0 : 1));
@@ -534,7 +516,6 @@ TEST(FetchModelTest, ADiskThatTakesNoMoreIsAnErrorWithThePlace) {
   limit.rlim_cur = unlimited;
   ::setrlimit(RLIMIT_FSIZE, &limit);
   EXPECT_THAT(outcome, ContainsRegex("^CacheNotWritableError: .*File too large.*HF_HUB_CACHE"));
-  EXPECT_THAT(fetching.files_in_snapshot(), SizeIs(0));
 
   // No room for the 200,000 bytes that are missing, with or without what others have left; and room
   // for them, once that is removed.
@@ -634,6 +615,7 @@ TEST(FetchModelTest, FetchesWhatTheModelsFilesNameAlsoWithoutLinks) {
     expected.insert({"model.safetensors.index.json", "one.safetensors", "two.safetensors",
                      "vocab.txt", "2_Dense/config.json", "2_Dense/model.safetensors"});
     EXPECT_EQ(fetching.files_in_snapshot(), expected);
+    EXPECT_EQ(fetching.clock.now(), 1000);                  // neither was asked for again
     EXPECT_TRUE(fs::is_empty(fetching.model() / "blobs"));  // moved
     EXPECT_EQ(fetching.fetch(), "fetched");
     LINK_ERROR = 0;
@@ -656,7 +638,7 @@ TEST(FetchModelTest, FetchesThatNoLockKeepsApartDoEachOtherNoHarm) {
         if (is_other_cut_short) connection.reset();
         return is_other_cut_short;
       }
-      connection.send(response_head() + half);
+      connection.send(kWeightsHead + half);
       for (std::uint64_t now; (now = fetching.weights_now) < half.size();) {
         fetching.weights_now.wait(now);
       }
@@ -703,10 +685,8 @@ TEST(FetchModelTest, LeavesAContentToWhoeverHoldsItsLockAsLongAsThatTakes) {
   EXPECT_TRUE(fetching.is_waiting);
   EXPECT_GE(fetching.clock.now(), 1000 + 700);
   EXPECT_THAT(fetching.hub.store().requests(), SizeIs(0));
-  EXPECT_THAT(fetching.lines, Contains("info Waiting for another process that fetches "
-                                       "\"model.safetensors\" of the model "
-                                       "sentence-transformers/tiny")
-                                  .Times(1));
+  EXPECT_THAT(fetching.lines,
+              Contains(HasSubstr("Waiting for another process that fetches \"model.")).Times(1));
   EXPECT_THAT(fetching.unfinished(), ElementsAre(unwanted));
   ::close(held[1]);
 }
@@ -718,7 +698,7 @@ TEST(FetchModelTest, AModelsFolderMayBeALinkAndNoneBelowIt) {
   fs::create_directories(fetching.settings.root);
   fs::create_symlink(elsewhere, fetching.model());
   EXPECT_EQ(fetching.fetch(), "fetched");
-  EXPECT_EQ(fetching.files_in_snapshot(), kNeeded);
+  fetching.expect_whole();
   const CachedModel found = find_cached_model(fetching.name, fetching.settings);
   EXPECT_EQ(found.allowed_root, fs::canonical(elsewhere));
   check_model(found);
@@ -726,7 +706,6 @@ TEST(FetchModelTest, AModelsFolderMayBeALinkAndNoneBelowIt) {
   for (const std::string& name :
        {std::string("blobs"), std::string("refs"), std::string(".no_exist"),
         "snapshots/" + fetching.hub.commit + "/1_Pooling"}) {
-    SCOPED_TRACE(name);
     Fetching other;
     fs::create_directories((other.model() / name).parent_path());
     fs::create_directory(other.settings.root / "elsewhere");
