@@ -19,18 +19,18 @@ class ProcessModelRuntime final : public ModelRuntime {
  public:
   TorchRuntime* loaded_torch() noexcept override { return _library; }
 
-  void load_library() override { library(); }
+  void load_library() override { _open_library(); }
 
   std::unique_ptr<const SentenceTransformer> sentence_transformer(const std::string& model_name,
                                                                   bool local_files_only) override {
     const hub::CachedModel found = find_model(model_name, local_files_only);
-    return library().load_model(found.directory, found.allowed_root);
+    return _open_library().load_model(found.directory, found.allowed_root);
   }
 
  private:
   /// The library, opened if it was not. Threads that open it at the same moment get the same
   /// objects from the system, so it does not matter whose handle stays.
-  ModelLibrary& library() {
+  ModelLibrary& _open_library() {
     ModelLibrary* found = _library;
     if (found != nullptr) return *found;
     std::unique_ptr<ModelLibrary> opened = ModelLibrary::open(model_library_path());

@@ -27,14 +27,14 @@ const std::array<CodeTokenizer::Kind, 256> CodeTokenizer::kKinds = [] {
   return kinds;
 }();
 
-std::size_t CodeTokenizer::block_size(std::string_view text) noexcept {
+std::size_t CodeTokenizer::_block_size(std::string_view text) noexcept {
   if (text.size() <= kBlockSize) return text.size();
   std::size_t end = text.find_last_of(kAsciiWhiteSpace, kBlockSize - 1);
   if (end == std::string_view::npos) end = text.find_first_of(kAsciiWhiteSpace, kBlockSize);
   return end == std::string_view::npos ? text.size() : end + 1;
 }
 
-void CodeTokenizer::lower_case_ascii(std::string_view block) {
+void CodeTokenizer::_lower_case_ascii(std::string_view block) {
   if (_lowered.size() < block.size() + kReadableBehindTerm) {
     _lowered.resize(block.size() + kReadableBehindTerm);
   }
@@ -43,7 +43,7 @@ void CodeTokenizer::lower_case_ascii(std::string_view block) {
   });
 }
 
-std::size_t CodeTokenizer::lower_case_unicode(std::string_view block) {
+std::size_t CodeTokenizer::_lower_case_unicode(std::string_view block) {
   _spaced.clear();
   bool after_lower_case = false;
   for (std::size_t position = 0; position < block.size();) {

@@ -45,14 +45,14 @@ class CodeTokenizer {
   template <class Take>
   void for_each_term(std::string_view text, Take&& take) {
     while (!text.empty()) {
-      const std::string_view block = text.substr(0, block_size(text));
+      const std::string_view block = text.substr(0, _block_size(text));
       text.remove_prefix(block.size());
       if (is_ascii(block)) {
-        lower_case_ascii(block);
-        scan<true>(block.data(), _lowered.data(), block.size(), take);
+        _lower_case_ascii(block);
+        _scan<true>(block.data(), _lowered.data(), block.size(), take);
       } else {
-        const std::size_t size = lower_case_unicode(block);
-        scan<false>(_lowered.data(), _lowered.data(), size, take);
+        const std::size_t size = _lower_case_unicode(block);
+        _scan<false>(_lowered.data(), _lowered.data(), size, take);
       }
     }
   }
@@ -64,27 +64,27 @@ class CodeTokenizer {
   static const std::array<Kind, 256> kKinds;
 
   /// The size of the text's first block: the text is worked through in blocks that end at white
-  /// space, where neither a word nor the context of a case mapping goes on.
-  static std::size_t block_size(std::string_view text) noexcept;
+  /// space, which no word and no context of a case mapping extends across.
+  static std::size_t _block_size(std::string_view text) noexcept;
 
   /// Both make `_lowered` hold the block in lower case and kReadableBehindTerm bytes behind it.
-  void lower_case_ascii(std::string_view block);
+  void _lower_case_ascii(std::string_view block);
   /// Since the mapping may move bytes, it also puts a space at each change from lower to upper
   /// case. Returns the size of the result.
-  std::size_t lower_case_unicode(std::string_view block);
+  std::size_t _lower_case_unicode(std::string_view block);
 
-  static Kind kind_of(char byte) noexcept { return kKinds[static_cast<unsigned char>(byte)]; }
+  static Kind _kind_of(char byte) noexcept { return kKinds[static_cast<unsigned char>(byte)]; }
 
   /// `size` bytes: `source` tells the case, `lowered` is what the terms are made of.
   template <bool kAscii, class Take>
-  void scan(const char* source, const char* lowered, std::size_t size, Take&& take) {
+  void _scan(const char* source, const char* lowered, std::size_t size, Take&& take) {
     std::size_t position = 0;
     while (position < size) {
       const std::size_t begin = position;
       std::size_t gap = 0;  // bytes of what ended the word
       for (Kind before = Kind::other; position < size; ++position) {
-        const Kind kind = kind_of(source[position]);
-        if (kind > Kind::lower) {  // not a character that simply goes on with the word
+        const Kind kind = _kind_of(source[position]);
+        if (kind > Kind::lower) {  // not a character that the word just continues with
           if (kind == Kind::upper) {
             if (before == Kind::lower) break;
           } else if (kind == Kind::gap) {

@@ -56,12 +56,12 @@ TermHasher::TermHasher() : _context(EVP_MD_CTX_new()) {
 }
 
 TermHash TermHasher::operator()(std::string_view term) {
-  const std::uint64_t bucket_hash = digest_of(term, {});
-  const bool odd = (digest_of(term, "_sign") & 1U) != 0;
+  const std::uint64_t bucket_hash = _digest_of(term, {});
+  const bool odd = (_digest_of(term, "_sign") & 1U) != 0;
   return {bucket_hash, odd ? -1.0 : 1.0};
 }
 
-std::uint64_t TermHasher::digest_of(std::string_view term, std::string_view suffix) {
+std::uint64_t TermHasher::_digest_of(std::string_view term, std::string_view suffix) {
   std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
   EVP_MD_CTX* const context = _context.get();
   if (EVP_DigestInit_ex2(context, nullptr, nullptr) != 1 ||

@@ -27,7 +27,7 @@ class TermHasher {
 
  private:
   /// The first 8 bytes of a digest, least significant byte first.
-  std::uint64_t digest_of(std::string_view term, std::string_view suffix);
+  std::uint64_t _digest_of(std::string_view term, std::string_view suffix);
 
   struct FreeContext {
     void operator()(evp_md_ctx_st* context) const noexcept;

@@ -31,7 +31,7 @@ class TermCounts {
 
   explicit TermCounts(const std::vector<std::string>& texts) {
     _ends.reserve(texts.size());
-    for (const std::string& text : texts) add(text);
+    for (const std::string& text : texts) _add(text);
   }
 
   const TermTable& terms() const noexcept { return _terms; }
@@ -49,7 +49,7 @@ class TermCounts {
     std::size_t texts = 0;  ///< How many texts have it.
   };
 
-  void add(const std::string& text) {
+  void _add(const std::string& text) {
     if (text.size() > kLongestText) {
       throw std::length_error("cannot embed a text of " + std::to_string(text.size()) +
                               " bytes: the limit is 8 GiB");
@@ -114,17 +114,17 @@ class VectorFiller {
     // In index order, and elements that are not touched would add exactly 0: the same sum, bit for
     // bit, as over the whole vector.
     double squares = 0;
-    for_each_touched([&](std::size_t index) { squares += vector[index] * vector[index]; });
+    _for_each_touched([&](std::size_t index) { squares += vector[index] * vector[index]; });
     const double norm = std::sqrt(squares);
     if (norm > 0) {
-      for_each_touched([&](std::size_t index) { vector[index] /= norm; });
+      _for_each_touched([&](std::size_t index) { vector[index] /= norm; });
     }
     std::ranges::fill(_touched, 0);
   }
 
  private:
   template <class Visit>
-  void for_each_touched(Visit&& visit) const {
+  void _for_each_touched(Visit&& visit) const {
     for (std::size_t word = 0; word < _touched.size(); ++word) {
       for (std::uint64_t bits = _touched[word]; bits != 0; bits &= bits - 1) {
         visit(64 * word + static_cast<std::size_t>(std::countr_zero(bits)));
