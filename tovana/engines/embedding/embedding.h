@@ -1,7 +1,10 @@
 #pragma once
 
-/// The embedding component's face: all that the daemon needs, in one include. Logs are routed with
-/// `set_log_sink`, the progress of a model's fetch with `hub::set_fetch_observer`.
+/// The embedding component's face, in one include: the engine and the factory that shares it, the
+/// daemon's settings turned into its configuration, the backends, and the index that vectors are
+/// searched in. `set_log_sink` routes its logs, `hub::set_fetch_observer` tells the progress of a
+/// model's fetch. The reader of the daemon's database is a library of its own
+/// (tovana/storage/sqlite).
 
 #include "tovana/base/logging.h"
 #include "tovana/engines/embedding/backends/backend.h"
@@ -19,7 +22,7 @@
 
 namespace tovana::embedding {
 
-/// The in-memory index, offered here again to callers that look for it beside the vectors.
+/// The in-memory index, under this name too, since it holds this component's vectors.
 using storage::EmbeddingIndex;
 
 }  // namespace tovana::embedding

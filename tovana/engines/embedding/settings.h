@@ -2,6 +2,8 @@
 
 #include <array>
 #include <cstdint>
+#include <string_view>
+#include <utility>
 
 #include "tovana/engines/http/retry_policy.h"
 
@@ -33,11 +35,16 @@ inline constexpr double RETRY_MAX_S = 600.0;
 /// otherwise: of a local model that is not known, of either kind of endpoint, of the hashing
 /// embedder.
 inline constexpr const char* DEFAULT_LOCAL_MODEL = "all-MiniLM-L6-v2";
+inline constexpr const char* DEFAULT_API_MODEL = "api";
 inline constexpr const char* DEFAULT_OPENAI_MODEL = "text-embedding-3-small";
 inline constexpr std::int64_t DEFAULT_LOCAL_DIMENSION = 384;
 inline constexpr std::int64_t DEFAULT_API_DIMENSION = 384;
 inline constexpr std::int64_t DEFAULT_OPENAI_DIMENSION = 1536;
 inline constexpr std::int64_t DEFAULT_TFIDF_DIMENSION = 256;
+
+/// The numbers in a vector of the local models that are known to have others.
+inline constexpr std::array<std::pair<std::string_view, std::int64_t>, 1> LOCAL_DIMENSIONS = {
+    {{"all-mpnet-base-v2", 768}}};
 
 /// Environment variables of the endpoint's API key, in order of precedence.
 inline constexpr std::array<const char*, 2> EMBEDDING_KEY_ENVS = {"BRUNE_LLM_EMBEDDING_API_KEY",

@@ -9,8 +9,8 @@ namespace tovana::embedding {
 /// The embedding of one text: `dimension` 64-bit floats.
 using Vector = std::vector<double>;
 
-/// What turns texts into vectors. Implementations: `TFIDFEmbeddingBackend` here; a local model and
-/// HTTP endpoints are others.
+/// What turns texts into vectors: the hashing embedder, a local model, or an HTTP endpoint of
+/// either kind.
 ///
 /// Threads: every operation may be called from any number of threads at once.
 class EmbeddingBackend {

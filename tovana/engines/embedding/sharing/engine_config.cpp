@@ -22,7 +22,7 @@ std::optional<std::string> endpoint_key(const Environment* environment) {
   return std::nullopt;
 }
 
-EngineConfiguration engine_config(const Config& config, const Environment* environ) {
+EngineConfiguration engine_config(const Config& config, const Environment* environment) {
   const std::string& backend = config.daemon.embedding_backend;
   if (backend == "auto") return {};
   if (backend != "openai") return {{"backend", backend}};
@@ -30,7 +30,7 @@ EngineConfiguration engine_config(const Config& config, const Environment* envir
   return {
       {"backend", backend},
       {"base_url", value_or_null(config.generation.base_url)},
-      {"api_key", value_or_null(endpoint_key(environ))},
+      {"api_key", value_or_null(endpoint_key(environment))},
       {"model_name", model.empty() ? DEFAULT_OPENAI_MODEL : model},
   };
 }

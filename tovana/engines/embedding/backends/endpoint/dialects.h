@@ -15,8 +15,9 @@
 /// | | `_API`, a generic embedding API | `_OPENAI`, an OpenAI-compatible endpoint |
 /// |---|---|---|
 /// | request | `{"texts": […]}` | `{"input": […], "model": …}` |
-/// | reply | `{"embeddings": [[…], …]}`, in order | `{"data": [{"index": 0, "embedding": […]}, …]}`
-/// |
+/// | reply | `{"embeddings": [[…], …]}`, in order | `{"data": [{"index": 0, "embedding": […]}]}` |
+/// | no texts | are asked for, too | are answered without a request |
+/// | dimension | as configured | that of the vectors |
 namespace tovana::embedding {
 
 /// What a reply holds in the place of its vectors, not looked into: a list, one value a text, or,
@@ -53,14 +54,15 @@ struct _Dialect {
 extern const _Dialect _API;
 extern const _Dialect _OPENAI;
 
-/// The reply's member "embeddings", unchanged.
+/// The reply's member "embeddings", unchanged. Throws RuntimeError for a reply without it, which
+/// the message describes with `_keys`.
 ReplyVectors _api_vectors(http::JsonValue reply);
 
 /// The embeddings of the reply's "data" items in the order of their "index", 0 where an item has
 /// none; items of equal index keep the reply's order. A "data" that is no list is returned
 /// unchanged. Indexes are numbers (true and false are 1 and 0) compared by their exact values, or
-/// strings among themselves; RuntimeError for others, for an item that is no object, and for one
-/// without an "embedding".
+/// strings among themselves; that of a single item may be anything. Throws RuntimeError for other
+/// indexes, for an item that is no object or has no "embedding", and for a reply without "data".
 ReplyVectors _openai_vectors(http::JsonValue reply);
 
 /// What a reply holds, for an error message: the names of an object's members, `['error',

@@ -19,18 +19,6 @@ const Logger& log() {
   return module_logger;
 }
 
-/// What the two public kinds have in common of their options; `Options` is either's.
-template <class Options>
-_HTTPEmbeddingBackend::Options common(Options options) {
-  return {.api_key = std::move(options.api_key),
-          .model_name = std::move(options.model_name),
-          .dimension = options.dimension,
-          .timeout = options.timeout,
-          .max_attempts = options.max_attempts,
-          .transport = options.transport,
-          .wait = std::move(options.wait)};
-}
-
 /// More than any model has; the numbers of a vector take up to about 30 bytes each as text, so that
 /// this is room for every layout.
 constexpr std::size_t kMostNumbersPerText = 32768;
@@ -63,6 +51,7 @@ std::string embeddings_url(const std::string& base_url) {
 
 }  // namespace
 
+template <class Options>
 _HTTPEmbeddingBackend::_HTTPEmbeddingBackend(std::string url, const _Dialect& dialect,
                                              Options options)
     : _url(std::move(url)),
@@ -146,10 +135,10 @@ std::vector<Vector> _HTTPEmbeddingBackend::_vectors(http::JsonValue reply, std::
 }
 
 APIEmbeddingBackend::APIEmbeddingBackend(Options options)
-    : _HTTPEmbeddingBackend(_http_url(options.api_url, "api_url"), _API, common(options)) {}
+    : _HTTPEmbeddingBackend(_http_url(options.api_url, "api_url"), _API, options) {}
 
 OpenAIEmbeddingBackend::OpenAIEmbeddingBackend(Options options)
-    : _HTTPEmbeddingBackend(embeddings_url(options.base_url), _OPENAI, common(options)) {}
+    : _HTTPEmbeddingBackend(embeddings_url(options.base_url), _OPENAI, options) {}
 
 const std::string& _http_url(const std::string& url, const std::string& name) {
   if (url.starts_with("http://") || url.starts_with("https://")) return url;

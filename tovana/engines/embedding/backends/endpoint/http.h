@@ -17,15 +17,17 @@
 
 namespace tovana::embedding {
 
-/// What bounds one embedding call.
+/// What bounds one embedding call, by name only.
 struct EmbedLimits {
-  /// Asked on the calling thread before every attempt and during every backoff; true ends the call
-  /// with EmbeddingStopped. Empty: never. What it throws reaches the caller.
+  /// Asked on the calling thread before every attempt, during every backoff, and before the call
+  /// fails because the deadline leaves no time for another attempt; true ends the call with
+  /// EmbeddingStopped. Not asked while an attempt is under way. Empty: never. What it throws reaches
+  /// the caller.
   http::StopTest should_stop = nullptr;
 
   /// The point of the monotonic clock (`system_clock().now()`), in seconds, by which the call ends.
-  /// It cuts an attempt short, and no attempt or backoff starts after it. Null: each attempt has
-  /// the backend's timeout.
+  /// It cuts an attempt short, no attempt starts after it, and no backoff that would end after it.
+  /// Null and infinity: only the backend's timeout bounds each attempt. NaN: it has passed.
   std::optional<double> deadline = std::nullopt;
 };
 
@@ -34,23 +36,15 @@ struct EmbedLimits {
 /// nothing.
 ///
 /// A timeout, a dropped connection, status 429 and 500 to 599 are tried again, up to `max_attempts`
-/// attempts in all, after 0.5, 1, 2, … seconds; any other failure ends the call at once.
+/// attempts in all, after 0.5, 1, 2, … seconds; any other failure ends the call at once. The key,
+/// and user, password and query values of the URL, appear in no message and no log line.
 ///
 /// Threads: any operation may be called from any number of threads at once.
 class _HTTPEmbeddingBackend : public EmbeddingBackend {
  public:
-  /// By name only; every one is to be given.
-  struct Options {
-    std::optional<std::string> api_key;  ///< Null or empty: no Authorization header is sent.
-    std::string model_name;
-    std::int64_t dimension;
-    double timeout;              ///< Seconds without a byte moved that fail an attempt.
-    std::int64_t max_attempts;   ///< Below 1 counts as 1.
-    http::Transport* transport;  ///< Null: the HTTP client's own. Has to outlive the backend.
-    http::Wait wait;             ///< Sleeps through the backoffs.
-  };
-
-  /// For a dialect that outlives the backend. Sends nothing and checks nothing.
+  /// For a dialect that outlives the backend. `Options` are those of either kind below, of which
+  /// all but the URL count. Sends nothing and checks nothing.
+  template <class Options>
   _HTTPEmbeddingBackend(std::string url, const _Dialect& dialect, Options options);
 
   /// The dialect's kind, ":", the model name.
@@ -64,19 +58,22 @@ class _HTTPEmbeddingBackend : public EmbeddingBackend {
   void warm_up() override {}
 
   /// One vector a text, in order: `[texts.size() x the endpoint's dimension]`, all numbers finite;
-  /// an endpoint that sends vectors of unequal length gets them through. A reply may hold up to
-  /// 32,768 numbers and 512 KiB a text, and 256 MiB in all. Blocks until the endpoint
-  /// has answered or the attempts are used up. Throws
-  /// - EmbeddingStopped when the stop test said stop;
+  /// an endpoint that sends vectors of unequal length gets them through. No texts give no vectors,
+  /// in the OpenAI dialect without a request. Ill-formed UTF-8 is sent as U+FFFD. A reply may hold
+  /// up to 32,768 numbers and 512 KiB a text, and 256 MiB in all. Blocks until the endpoint has
+  /// answered or the attempts are used up. Throws
+  /// - EmbeddingStopped when the stop test said stop, which is not logged;
   /// - RuntimeError when the call failed or ran out of its deadline, which is logged once as a
-  ///   warning, or when the reply holds no usable vectors, which is not.
+  ///   warning, or when the reply holds no usable vectors, which is not;
+  /// - unchanged, what the stop test, `wait` and the transport throw, and std::bad_alloc.
   std::vector<Vector> embed(const std::vector<std::string>& texts) override {
     return embed(texts, EmbedLimits{});
   }
   std::vector<Vector> embed(const std::vector<std::string>& texts, const EmbedLimits& limits);
 
-  /// The vectors of a reply to `count` texts. Throws RuntimeError for another number of them, and
-  /// for one that is anything but a list of finite numbers.
+  /// The vectors of a reply to `count` texts, whose dimension is learnt if the dialect does that.
+  /// Throws RuntimeError for another number of them, and for one that is anything but a list of
+  /// finite numbers; then the dimension stays.
   std::vector<Vector> _vectors(http::JsonValue reply, std::size_t count);
 
  private:
@@ -94,18 +91,25 @@ class _HTTPEmbeddingBackend : public EmbeddingBackend {
   const http::RetryPolicy _policy;
 };
 
-/// A generic embedding API, posted to at `api_url` itself. See `_API` for what it is sent and
+/// A generic embedding API, posted to at `api_url` itself. dialects.h says what it is sent and
 /// answers. Keeps the dimension it is constructed with whatever the endpoint returns.
 class APIEmbeddingBackend final : public _HTTPEmbeddingBackend {
  public:
+  /// By name only.
   struct Options {
     std::string api_url;
+    /// The bearer key; null or empty sends no Authorization header.
     std::optional<std::string> api_key = std::nullopt;
-    std::string model_name = "api";
-    std::int64_t dimension = 384;
+    std::string model_name = DEFAULT_API_MODEL;
+    std::int64_t dimension = DEFAULT_API_DIMENSION;
+    /// Seconds without a byte moved that fail an attempt; what is not above 0 counts as a
+    /// millisecond.
     double timeout = DEFAULT_EMBED_TIMEOUT;
+    /// In all, the first one included; below 1 counts as 1.
     std::int64_t max_attempts = DEFAULT_EMBED_MAX_ATTEMPTS;
+    /// Null: the HTTP client's own. Has to outlive the backend.
     http::Transport* transport = nullptr;
+    /// Sleeps through the backoffs.
     http::Wait wait = http::wait_unless_stopped;
   };
 
@@ -117,11 +121,12 @@ class APIEmbeddingBackend final : public _HTTPEmbeddingBackend {
 /// `base_url` without its trailing slashes, followed by "/embeddings". Learns its dimension.
 class OpenAIEmbeddingBackend final : public _HTTPEmbeddingBackend {
  public:
+  /// By name only, and as those of `APIEmbeddingBackend`.
   struct Options {
     std::string base_url;
     std::optional<std::string> api_key = std::nullopt;
-    std::string model_name = "text-embedding-3-small";
-    std::int64_t dimension = 1536;
+    std::string model_name = DEFAULT_OPENAI_MODEL;
+    std::int64_t dimension = DEFAULT_OPENAI_DIMENSION;
     double timeout = DEFAULT_EMBED_TIMEOUT;
     std::int64_t max_attempts = DEFAULT_EMBED_MAX_ATTEMPTS;
     http::Transport* transport = nullptr;

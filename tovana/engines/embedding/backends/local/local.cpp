@@ -84,7 +84,9 @@ const SentenceTransformer& LocalEmbeddingBackend::_load_model() {
 }
 
 std::int64_t LocalEmbeddingBackend::_default_dimension(std::string_view model_name) {
-  if (model_name == "all-mpnet-base-v2") return 768;
+  for (const auto& [known, dimension] : LOCAL_DIMENSIONS) {
+    if (model_name == known) return dimension;
+  }
   return DEFAULT_LOCAL_DIMENSION;  // the MiniLM models', and the guess for any other
 }
 

@@ -42,7 +42,7 @@ class LocalEmbeddingBackend final : public EmbeddingBackend {
   };
 
   /// A `model_name` as the model hub has it, or a directory (see `hub`). A `dimension` that is null
-  /// or 0 becomes that of the known model. Loads nothing and checks nothing.
+  /// or 0 becomes `_default_dimension`. Loads nothing and checks nothing.
   explicit LocalEmbeddingBackend(std::string model_name = DEFAULT_LOCAL_MODEL,
                                  std::optional<std::int64_t> dimension = std::nullopt)
       : LocalEmbeddingBackend(std::move(model_name), dimension, Surroundings{}) {}
@@ -72,7 +72,7 @@ class LocalEmbeddingBackend final : public EmbeddingBackend {
   /// The model, loaded if it was not; lives as long as the backend. Throws as `warm_up`.
   const SentenceTransformer& _load_model() TOVANA_EXCLUDES(_model_lock);
 
-  /// The dimension of a known model; 384 for any other name.
+  /// The dimension of a known model; `DEFAULT_LOCAL_DIMENSION` for any other name.
   static std::int64_t _default_dimension(std::string_view model_name);
 
  private:

@@ -28,6 +28,8 @@ namespace tovana::embedding {
 /// - The same batch and dimension give the same vectors, bit for bit, in every instance and
 ///   process.
 /// - A dimension below 1 leaves no element to put a term in: every vector is empty.
+/// - Case, white space and the length of words are Unicode's, whatever the process's locale.
+///   Ill-formed UTF-8 is read as U+FFFD.
 ///
 /// Threads: no state changes after construction; any operation may run on any number of threads.
 /// Memory beyond texts and vectors: about 100 bytes for each distinct term of the batch and 8 for
@@ -41,9 +43,11 @@ class TFIDFEmbeddingBackend final : public EmbeddingBackend {
   const std::string& name() const noexcept override { return _name; }
   std::int64_t dimension() const noexcept override { return _dimension; }
 
-  /// `[texts.size() x max(dimension, 0)]`; no texts cost nothing, whatever the dimension. Throws
-  /// std::bad_alloc or std::length_error when memory does not suffice, and std::length_error for a
-  /// text of more than 8 GiB.
+  /// `[texts.size() x max(dimension, 0)]`; no texts cost nothing, whatever the dimension. Blocks
+  /// while it computes. Throws
+  /// - std::bad_alloc or std::length_error when memory does not suffice;
+  /// - std::length_error for a text of more than 8 GiB, and for more than 2^32 - 1 distinct terms;
+  /// - RuntimeError when libcrypto offers no MD5, which spreads the terms.
   std::vector<Vector> embed(const std::vector<std::string>& texts) override;
 
   /// Nothing to load.
