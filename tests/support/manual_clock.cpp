@@ -12,12 +12,12 @@ double ManualClock::now() const noexcept {
   return _now;
 }
 
-void ManualClock::advance(double seconds) {
+void ManualClock::advance(double seconds, bool wakes) {
   std::list<Waiter> waiters;
   {
     const LockGuard guard(_mutex);
     _now += seconds;
-    waiters = _waiters;
+    if (wakes) waiters = _waiters;
   }
   for (Waiter& waiter : waiters) {
     // It came with the lock held and lets go of it only by waiting: then it hears the signal.

@@ -14,8 +14,9 @@ class ManualClock final : public Clock {
 
   double now() const noexcept override;
 
-  /// Moves the time and wakes every wait. Nothing that a wait stands on may be destroyed meanwhile.
-  void advance(double seconds);
+  /// Moves the time and wakes every wait, or leaves that to the next call. Nothing that a wait stands
+  /// on may be destroyed meanwhile.
+  void advance(double seconds, bool wakes = true);
 
   /// Blocks until a thread waits for the point `deadline`.
   void await_waiter(double deadline);

@@ -2,8 +2,8 @@
 
 #include <sstream>
 #include <string>
-#include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tests/support/failure_text.h"
@@ -14,17 +14,9 @@
 namespace tovana::embedding {
 namespace {
 
-using Lines = std::vector<std::string>;
 enum class Library { loads, missing, broken };
 
-/// One row of the decision: what is configured ("KEY=VALUE …") and installed, and what comes of it:
-/// the backend's name and dimension or the failure, then "because REASON", then the log.
-struct Decision {
-  std::string config;
-  Library library;
-  Lines outcome;
-};
-
+/// "KEY=VALUE …", where a value that is all digits is a number.
 EngineConfiguration configuration(const std::string& text) {
   EngineConfiguration config;
   std::istringstream entries(text);
@@ -43,87 +35,92 @@ EngineConfiguration configuration(const std::string& text) {
   return config;
 }
 
-Lines decide(const std::string& config, Library library) {
-  FakeModelRuntime runtime;
-  runtime.on_load_library = [&] {
-    if (library == Library::missing) throw ModelLibraryNotInstalled();
-    if (library == Library::broken) throw RuntimeError("no libtorch.so");
-  };
-  runtime.on_load_model = [](bool) { FAIL() << "detection loads no model"; };
-  testing::LogRecorder log;
-  Lines outcome = {""};
-  const std::string failure = failure_of([&] {
-    const auto backend = detect_backend(
-        configuration(config), runtime,
-        [&](const Fallback& fallback) { outcome.push_back("because " + fallback.reason); });
-    outcome[0] = backend->name() + " " + std::to_string(backend->dimension());
-  });
-  if (outcome[0].empty()) outcome[0] = failure;
-  for (std::string& line : log.take_lines()) outcome.push_back(std::move(line));
-  return outcome;
-}
+class DetectionTest : public ::testing::Test {
+ protected:
+  /// "NAME DIMENSION" of the backend, or the failure; then " because REASON", if there is one.
+  std::string decide(const std::string& config, Library library) {
+    FakeModelRuntime runtime;
+    runtime.on_load_library = [&] {
+      if (library == Library::missing) throw ModelLibraryNotInstalled();
+      if (library == Library::broken) throw RuntimeError("no libtorch.so");
+    };
+    runtime.on_load_model = [](bool) { FAIL() << "detection loads no model"; };
+    std::string chosen, reason;
+    const std::string failure = failure_of([&] {
+      const auto backend = detect_backend(
+          configuration(config), runtime,
+          [&](const Fallback& fallback) { reason += " because " + fallback.reason; });
+      chosen = backend->name() + " " + std::to_string(backend->dimension());
+    });
+    return (chosen.empty() ? failure : chosen) + reason;
+  }
 
-TEST(DetectionTest, DecidesByConfigurationAndLibrary) {
+  testing::LogRecorder _log;
+};
+
+TEST_F(DetectionTest, DecidesByConfigurationAndLibrary) {
   using enum Library;
-  const std::string no_api_url = "API backend requested but no api_url configured";
-  const std::string no_base_url = "OpenAI backend requested but no base_url configured";
+  const std::string because = " because ";
+  const std::string no_api_url = because + "API backend requested but no api_url configured";
+  const std::string no_base_url = because + "OpenAI backend requested but no base_url configured";
+  const std::string no_library = because + "sentence-transformers is not installed";
+  const std::string local_failed = because + "Local backend failed: ";
   const std::string bad_url = "ValueError: api_url must start with http:// or https://, got: 'ftp'";
-  const std::string no_library = "because sentence-transformers is not installed";
-  const std::string no_library_logged = "debug sentence-transformers not available";
   const std::string bad_model = "model_name must be a text, got null";
   const std::string bad_dimension = "dimension must be a whole number, got the text 'x'";
-  const std::string local_failed = "because Local backend failed: ";
-  const std::string local_failure_logged = "warning Failed to create local backend: ";
-  const std::string local_chosen = "info Using local embedding backend: all-";
-  const std::string api_chosen = "info Using API embedding backend";
-  const std::string tfidf_chosen = "info Using TF-IDF embedding backend (stdlib-only fallback)";
-  const std::string falling_back = ", falling back to TF-IDF";
-  const Decision decisions[] = {
-      {"backend=tfidf dimension=0", broken, {"tfidf 256"}},
-      {"backend=tfidf dimension=512 api_url=http://h", broken, {"tfidf 512"}},
+  const std::string bad_library = "RuntimeError: no libtorch.so";
+  const struct {
+    std::string config;
+    Library library;
+    std::string outcome;
+  } cases[] = {
+      {"backend=tfidf dimension=0", broken, "tfidf 256"},
+      {"backend=tfidf dimension=512 api_url=http://h", broken, "tfidf 512"},
 
-      {"backend=api api_url= base_url=http://h dimension=8",
-       broken,
-       {"tfidf 8", "because " + no_api_url, "warning " + no_api_url + falling_back}},
-      {"backend=api api_url=http://h model_name=m", broken, {"api:api 384"}},
-      {"backend=api api_url=ftp", broken, {bad_url}},
-      {"backend=api api_url=5", broken, {"ValueError: api_url must be a text, got the number 5"}},
+      {"backend=api api_url= base_url=http://h dimension=8", broken, "tfidf 8" + no_api_url},
+      {"backend=api api_url=http://h model_name=m", broken, "api:api 384"},
+      {"backend=api api_url=ftp", broken, bad_url},
+      {"backend=api api_url=5", broken, "ValueError: api_url must be a text, got the number 5"},
 
-      {"backend=openai base_url=null",
-       broken,
-       {"tfidf 256", "because " + no_base_url, "warning " + no_base_url + falling_back}},
-      {"backend=openai base_url= api_url=http://h", broken, {"openai:text-embedding-3-small 1536"}},
-      {"backend=openai base_url=http://h model_name=m dimension=3", broken, {"openai:m 3"}},
+      {"backend=openai base_url=null", broken, "tfidf 256" + no_base_url},
+      {"backend=openai base_url= api_url=http://h", broken, "openai:text-embedding-3-small 1536"},
+      {"backend=openai base_url=http://h model_name=m dimension=3", broken, "openai:m 3"},
 
-      {"backend=local model_name=m dimension=9", loads, {"local:m 9"}},
-      {"backend=local", broken, {"RuntimeError: no libtorch.so"}},
-      {"backend=local model_name=null", loads, {"ValueError: " + bad_model}},
-      {"backend=local api_url=http://h",
-       missing,
-       {"tfidf 256", no_library,
-        "warning Local backend requested but sentence-transformers not installed" + falling_back}},
+      {"backend=local model_name=m dimension=9", loads, "local:m 9"},
+      {"backend=local", broken, bad_library},
+      {"backend=local model_name=null", loads, "ValueError: " + bad_model},
+      {"backend=local api_url=http://h", missing, "tfidf 256" + no_library},
 
-      {"", loads, {"local:all-MiniLM-L6-v2 384", local_chosen + "MiniLM-L6-v2"}},
-      {"api_url=http://h", broken, {"RuntimeError: no libtorch.so"}},
-      {"backend=null model_name=all-mpnet-base-v2 api_url=5",
-       loads,
-       {"local:all-mpnet-base-v2 768", local_chosen + "mpnet-base-v2"}},
-      {"model_name=null api_url=http://h",
-       loads,
-       {"api:api 384", local_failed + bad_model, local_failure_logged + bad_model, api_chosen}},
-      {"dimension=x",
-       loads,
-       {"ValueError: " + bad_dimension, local_failed + bad_dimension,
-        local_failure_logged + bad_dimension, tfidf_chosen}},
-      {"backend=TFIDF api_url=http://h",
-       missing,
-       {"api:api 384", no_library, no_library_logged, api_chosen}},
-      {"backend=7 api_url=", missing, {"tfidf 256", no_library, no_library_logged, tfidf_chosen}},
-      {"api_url=ftp", missing, {bad_url, no_library, no_library_logged, api_chosen}},
+      {"", loads, "local:all-MiniLM-L6-v2 384"},
+      {"api_url=http://h", broken, bad_library},
+      {"backend=null model_name=all-mpnet-base-v2 api_url=5", loads, "local:all-mpnet-base-v2 768"},
+      {"model_name=null api_url=http://h", loads, "api:api 384" + local_failed + bad_model},
+      {"dimension=x", loads, "ValueError: " + bad_dimension + local_failed + bad_dimension},
+      {"backend=TFIDF api_url=http://h", missing, "api:api 384" + no_library},
+      {"backend=7 api_url=", missing, "tfidf 256" + no_library},
+      {"api_url=ftp", missing, bad_url + no_library},
   };
-  for (const auto& [config, library, outcome] : decisions) {
+  for (const auto& [config, library, outcome] : cases) {
     EXPECT_EQ(decide(config, library), outcome) << config;
   }
+}
+
+TEST_F(DetectionTest, LogsWhatItDecides) {
+  decide("backend=openai", Library::loads);
+  decide("backend=local", Library::missing);
+  decide("", Library::loads);
+  decide("model_name=null api_url=http://h", Library::loads);
+  decide("", Library::missing);
+  EXPECT_THAT(
+      _log.take_lines(),
+      ::testing::ElementsAre(
+          "warning OpenAI backend requested but no base_url configured, falling back to TF-IDF",
+          "warning Local backend requested but sentence-transformers not installed, falling back "
+          "to TF-IDF",
+          "info Using local embedding backend: all-MiniLM-L6-v2",
+          "warning Failed to create local backend: model_name must be a text, got null",
+          "info Using API embedding backend", "debug sentence-transformers not available",
+          "info Using TF-IDF embedding backend (stdlib-only fallback)"));
 }
 
 }  // namespace

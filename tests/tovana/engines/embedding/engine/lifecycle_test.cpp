@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <functional>
 #include <future>
+#include <limits>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -9,8 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/log_recorder.h"
-#include "tests/tovana/engines/embedding/engine/gated_load.h"
+#include "tests/tovana/engines/embedding/engine/engine_rig.h"
+#include "tovana/engines/embedding/backends/local/model_library.h"
 #include "tovana/engines/embedding/backends/tfidf/tfidf.h"
 #include "tovana/engines/embedding/engine/engine.h"
 #include "tovana/engines/embedding/sharing/shared_engines.h"
@@ -31,14 +32,8 @@ std::string outcome(const std::function<std::shared_ptr<EmbeddingBackend>()>& as
   }
 }
 
-class LifecycleTest : public ::testing::Test {
+class LifecycleTest : public EngineRig {
  protected:
-  ~LifecycleTest() override {
-    if (_engine != nullptr) _engine->close();
-    _load.succeed();  // whatever still waits at the gate
-    _load.join();
-  }
-
   std::string now(double timeout = 0) {
     return outcome([&] { return _engine->wait_ready(timeout); });
   }
@@ -46,14 +41,8 @@ class LifecycleTest : public ::testing::Test {
   /// What a caller gets who waits, on a thread of its own, and is known to wait already.
   std::future<std::string> waiter(double timeout) {
     auto result = std::async(std::launch::async, [this, timeout] { return now(timeout); });
-    _load.clock.await_waiter(_load.clock.now() + timeout);
+    _clock.await_waiter(in(timeout));
     return result;
-  }
-
-  /// Lets the attempt under way fail, and returns once the loader waits to try again.
-  void fail_attempt(double delay) {
-    _load.fail("no disk");
-    _load.clock.await_waiter(_load.clock.now() + delay);
   }
 
   /// What the engine logged, without the backend's lines.
@@ -62,10 +51,6 @@ class LifecycleTest : public ::testing::Test {
     std::erase_if(lines, [](const auto& line) { return line.find("mbedding") == line.npos; });
     return lines;
   }
-
-  GatedLoad _load;
-  testing::LogRecorder _log;
-  std::unique_ptr<EmbeddingEngine> _engine = _load.engine();
 };
 
 TEST_F(LifecycleTest, LoadsOnceWhoeverAsksAndHandsTheBackendToAll) {
@@ -74,26 +59,25 @@ TEST_F(LifecycleTest, LoadsOnceWhoeverAsksAndHandsTheBackendToAll) {
   std::vector<std::jthread> callers;
   for (int i = 0; i < 8; ++i) callers.emplace_back([&] { _engine->warm_up_async(); });
   callers.clear();
-  _load.await_attempts(1);
+  await_attempts(1);
   auto impatient = waiter(5);
   auto patient = waiter(60);
-  _load.clock.advance(12.25);
+  _clock.advance(12.25);
   EXPECT_EQ(impatient.get(), "is still loading (12 s so far)");
   EXPECT_EQ(_engine->status(), (EmbeddingStatus{.state = "loading", .loading_s = 12.2}));
-  EXPECT_EQ(_engine->fallback_reason(), std::nullopt);
 
-  _load.succeed();
+  succeed();
   EXPECT_EQ(patient.get(), "local:m");
   EXPECT_EQ(_engine->status(), (EmbeddingStatus{.state = "ready", .backend = "local:m"}));
   EXPECT_EQ(now(-5), "local:m");
   EXPECT_EQ(_engine->backend_name() + std::to_string(_engine->dimension()), "local:m384");
-  _load.join();
+  join();
   EXPECT_THAT(engine_lines(), ElementsAre("info Embedding backend ready: local:m (12.2 s)"));
 
   _engine->close();
   _engine->close();
   EXPECT_EQ(now(), "local:m");
-  EXPECT_EQ(_load.threads_started(), 1U);
+  EXPECT_EQ(threads_started(), 1U);
 }
 
 TEST_F(LifecycleTest, FailuresAreToldAtOnceAndTriedAgainAfterGrowingWaits) {
@@ -103,33 +87,65 @@ TEST_F(LifecycleTest, FailuresAreToldAtOnceAndTriedAgainAfterGrowingWaits) {
   auto waiting = waiter(60);
   fail_attempt(30);
   EXPECT_EQ(waiting.get(), failure + "30 s");
-  _load.clock.advance(12.25);
-  EXPECT_EQ(_engine->status(),
-            (EmbeddingStatus{
-                .state = "unavailable", .detail = "RuntimeError: no disk", .retry_in_s = 17.8}));
+  _clock.advance(12.25);
+  EXPECT_EQ(_engine->status().retry_in_s, 17.8);
   EXPECT_EQ(now(60), failure + "18 s");  // nobody waits through a failure
   _engine->warm_up_async();
-  EXPECT_EQ(_load.threads_started(), 1U);
+  EXPECT_EQ(threads_started(), 1U);
+  _clock.advance(20, /*wakes=*/false);
+  EXPECT_EQ(now(), failure + "0 s");
+  EXPECT_EQ(_engine->status().retry_in_s, 0);
 
-  _load.clock.advance(17.75);
   std::vector<std::string> lines;
   for (const int delay : {30, 60, 120, 240, 480, 600, 600}) {
-    if (delay > 30) {
-      fail_attempt(delay);
-      _load.clock.advance(delay);
-    }
+    if (delay > 30) fail_attempt(delay);
+    _clock.advance(delay);
     lines.push_back("warning The embedding model could not be loaded (attempt " +
                     std::to_string(lines.size() + 1) + "), trying again in " +
                     std::to_string(delay) + " s: RuntimeError: no disk");
   }
-  _load.await_attempts(8);
-  _load.clock.advance(1.25);
+  await_attempts(8);
+  _clock.advance(1.25);
   EXPECT_EQ(_engine->status(), (EmbeddingStatus{.state = "loading", .loading_s = 1.2}));
-  _load.succeed();
-  _load.join();
+  succeed();
+  join();
   EXPECT_EQ(now(), "local:m");
   lines.emplace_back("info Embedding backend ready: local:m (1.2 s)");
   EXPECT_EQ(engine_lines(), lines);
+
+  constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+  EXPECT_EQ(retry_delay(-kMost), 30);
+  EXPECT_EQ(retry_delay(kMost), 600);
+}
+
+TEST_F(LifecycleTest, SaysInEveryStateWhyTheBackendIsNotTheBest) {
+  _runtime.on_load_library = [&] {
+    end_as_told();
+    throw ModelLibraryNotInstalled();
+  };
+  const std::string reason = "sentence-transformers is not installed";
+  const auto expect = [&](const EmbeddingStatus& status) {
+    EXPECT_EQ(_engine->status(), status);
+    EXPECT_EQ(_engine->fallback_reason(), reason);
+  };
+  _engine = make({});
+  succeed();
+  EXPECT_EQ(_engine->backend_name(), "tfidf");
+  expect({.state = "ready", .backend = "tfidf", .detail = reason});
+
+  _engine = make({{"api_url", "ftp"}});
+  _engine->warm_up_async();
+  EXPECT_EQ(_engine->fallback_reason(), std::nullopt);
+  succeed();
+  _clock.await_waiter(in(30));
+  expect({.state = "unavailable",
+          .detail = "ValueError: api_url must start with http:// or https://, got: 'ftp'",
+          .retry_in_s = 30});
+  _clock.advance(30);
+  await_attempts(3);
+  expect({.state = "loading", .detail = reason, .loading_s = 0});
+  _engine->close();
+  expect({.state = "closed", .detail = reason});
 }
 
 TEST_F(LifecycleTest, CloseEndsEverythingButAnAttemptUnderWay) {
@@ -137,96 +153,87 @@ TEST_F(LifecycleTest, CloseEndsEverythingButAnAttemptUnderWay) {
   _engine->close();
   _engine->warm_up_async();
   EXPECT_EQ(outcome([&] { return _engine->backend(); }), kClosed);
-  EXPECT_EQ(_load.threads_started(), 0U);
+  EXPECT_EQ(threads_started(), 0U);
 
   int attempts = 0;
   for (const bool succeeds : {true, false}) {
-    _engine = _load.engine();
+    _engine = make();
     _engine->warm_up_async();
-    _load.await_attempts(++attempts);
+    await_attempts(++attempts);
     auto waiting = waiter(60);
     _engine->close();
     EXPECT_EQ(waiting.get(), kClosed);
-    succeeds ? _load.succeed() : _load.fail("late");
-    _load.join();
+    succeeds ? succeed() : fail("late");
+    join();
     EXPECT_EQ(_engine->status(), EmbeddingStatus{.state = "closed"});
     EXPECT_EQ(engine_lines().size(), succeeds ? 0U : 1U);
   }
-  _engine = _load.engine();
+  for (const bool destroys : {false, true}) {
+    _engine = make();
+    _engine->warm_up_async();
+    fail_attempt(30);
+    destroys ? _engine.reset() : _engine->close();
+    join();  // without any time having passed
+  }
+  _engine = make();
   _engine->warm_up_async();
-  fail_attempt(30);
-  _engine->close();
-  _load.join();  // without any time having passed
-  EXPECT_EQ(now(60), kClosed);
+  await_attempts(attempts + 3);
+  _engine.reset();  // in the middle of an attempt, which finds all that it touches
 }
 
-TEST_F(LifecycleTest, LoaderOutlivesTheEngine) {
-  _engine->warm_up_async();
-  _load.await_attempts(1);
-  _engine.reset();  // in the middle of an attempt
-  _load.fail("late");
-  _load.join();
-
-  _engine = _load.engine();
-  _engine->warm_up_async();
-  fail_attempt(30);
-  _engine.reset();  // while it waits
-  _load.join();
-}
-
-TEST_F(LifecycleTest, ThreadThatCannotBeStartedLeavesTheEngineAsItWas) {
+TEST_F(LifecycleTest, SurvivesAThreadThatDoesNotStartAndAnErrorOfNoKnownKind) {
   bool has_threads = false;
-  _load.surroundings.start_thread = [&, start = _load.surroundings.start_thread](auto loader) {
+  _surroundings.start_thread = [&, start = _surroundings.start_thread](auto loader) {
     if (!has_threads) throw std::system_error(EAGAIN, std::generic_category());
     start(std::move(loader));
   };
-  EmbeddingEngine engine(GatedLoad::kConfig, nullptr, _load.options());
-  EXPECT_THROW(engine.embed_single("text", {.wait = false}), std::system_error);
-  EXPECT_EQ(engine.status(), EmbeddingStatus{.state = "idle"});
+  _runtime.on_load_library = [] { throw 1; };
+  _engine = make();
+  EXPECT_THROW(_engine->backend(), std::system_error);
+  EXPECT_EQ(_engine->status(), EmbeddingStatus{.state = "idle"});
   has_threads = true;
-  _load.succeed();
-  EXPECT_EQ(engine.backend_name(), "local:m");
+  EXPECT_EQ(now(60),
+            "could not be loaded (unknown error: not a std::exception); the next attempt is in 30 "
+            "s");
 }
 
 TEST_F(LifecycleTest, BackendOfTheCallersIsReadyAndLeftAlone) {
   auto backend = std::make_shared<TFIDFEmbeddingBackend>(3);
-  EmbeddingEngine engine({{"backend", "local"}}, backend, _load.options());
+  EmbeddingEngine engine({{"backend", "local"}}, backend, {.surroundings = &_surroundings});
   engine.warm_up_async();
   engine.close();
   EXPECT_EQ(engine.wait_ready(0), backend);
   EXPECT_EQ(engine.status(), (EmbeddingStatus{.state = "ready", .backend = "tfidf"}));
-  EXPECT_EQ(_load.threads_started(), 0U);
+  EXPECT_EQ(threads_started(), 0U);
 }
 
 TEST_F(LifecycleTest, NoLockIsHeldWhileLoadingLoggingOrEmbedding) {
-  SharedEngines factory([&](EngineConfiguration config) {
-    return std::make_shared<EmbeddingEngine>(std::move(config), nullptr, _load.options());
-  });
-  const auto engine = factory.acquire(GatedLoad::kConfig);
+  SharedEngines factory([&](EngineConfiguration config) { return make(std::move(config)); });
+  const auto engine = factory.acquire(kLocal);
   int calls = 0;
   // On another thread, since the engine's own lock lets the thread that holds it in again.
   const auto call_back = [&] {
+    const testing::Waiting waiting("a call of the engine from within its callbacks");
     std::jthread([&] {
       engine->status();
       engine->fallback_reason();
       outcome([&] { return engine->wait_ready(0); });
-      factory.release(factory.acquire(GatedLoad::kConfig));
+      factory.release(factory.acquire(kLocal));
       ++calls;
     }).join();
   };
-  const auto gate = _load.runtime.on_load_model;
-  _load.runtime.on_load_library = call_back;
-  _load.runtime.on_load_model = [&](bool local_files_only) {
+  _runtime.on_load_library = call_back;
+  _runtime.on_load_model = [&](bool local_files_only) {
     call_back();
-    gate(local_files_only);
+    end_as_told(local_files_only);
   };
-  _load.runtime.on_encode = call_back;
+  _runtime.on_encode = call_back;
   set_log_sink([&](const LogRecord&) { call_back(); });
   engine->warm_up_async();
   fail_attempt(30);
-  _load.clock.advance(30);
-  _load.succeed();
-  _load.join();
+  _clock.advance(30);
+  succeed();
+  join();
   engine->embed_single("text");
   engine->embed({"text"}, {.should_stop = [&] { return call_back(), false; }});
   // Twice the library in each attempt; the model, not cached, not fetched, then cached; four log
@@ -234,7 +241,7 @@ TEST_F(LifecycleTest, NoLockIsHeldWhileLoadingLoggingOrEmbedding) {
   EXPECT_EQ(calls, 4 + 3 + 4 + 2 + 1);
 }
 
-TEST(BackgroundThreadTest, LoaderIsNamedAndTakesNoSignals) {
+TEST(LoaderThreadTest, IsNamedAndTakesNoSignals) {
   FakeModelRuntime runtime;
   std::string name(16, '\0');
   sigset_t blocked;
@@ -243,13 +250,42 @@ TEST(BackgroundThreadTest, LoaderIsNamedAndTakesNoSignals) {
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
   };
   const EngineSurroundings surroundings = {.runtime = &runtime};
-  EmbeddingEngine engine({{"backend", "local"}}, nullptr, {.surroundings = &surroundings});
-  engine.backend();
+  EmbeddingEngine({{"backend", "local"}}, nullptr, {.surroundings = &surroundings}).backend();
   EXPECT_STREQ(name.c_str(), "tovana-embeddin");
   EXPECT_EQ(sigismember(&blocked, SIGTERM), 1);
-  sigset_t own;
-  pthread_sigmask(SIG_SETMASK, nullptr, &own);
-  EXPECT_EQ(sigismember(&own, SIGTERM), 0);
+  pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+  EXPECT_EQ(sigismember(&blocked, SIGTERM), 0);  // the caller's thread is as it was
+}
+
+TEST(SystemClockTest, WaitsWithoutEndInLongSlices) {
+  Mutex mutex;
+  ConditionVariable changed;
+  bool told = false;
+  int waits = 0;
+  const LockGuard guard(mutex);
+  const std::jthread teller([&] {
+    const LockGuard while_it_waits(mutex);
+    told = true;
+    changed.notify_all();
+  });
+  for (; !told; ++waits) {
+    system_clock().wait_until(changed, mutex, std::numeric_limits<double>::infinity());
+  }
+  EXPECT_LT(waits, 10);
+}
+
+TEST(StatusTest, RoundsHalfSecondsToEvenAndListsWhatHasAValue) {
+  const EmbeddingStatus half = {.state = "loading", .loading_s = 12.5};
+  EXPECT_EQ(half.describe(), "is still loading (12 s so far)");
+  const EmbeddingStatus full = {"idle", "tfidf", "", 0.0, 0.5};
+  EXPECT_EQ(full.describe(), "has not started loading");
+  using Fields = decltype(full.to_dict());
+  EXPECT_EQ(EmbeddingStatus{.state = "idle"}.to_dict(), (Fields{{"state", "idle"}}));
+  EXPECT_EQ(full.to_dict(), (Fields{{"state", "idle"},
+                                    {"backend", "tfidf"},
+                                    {"detail", ""},
+                                    {"loading_s", 0.0},
+                                    {"retry_in_s", 0.5}}));
 }
 
 }  // namespace

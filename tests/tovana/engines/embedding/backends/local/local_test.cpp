@@ -1,7 +1,9 @@
 #include "tovana/engines/embedding/backends/local/local.h"
 
 #include <barrier>
+#include <cstdlib>
 #include <latch>
+#include <limits>
 #include <new>
 #include <string>
 #include <thread>
@@ -11,13 +13,16 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/log_recorder.h"
+#include "tests/support/waiting.h"
 #include "tests/tovana/engines/embedding/backends/local/fake_model_runtime.h"
 #include "tovana/engines/embedding/backends/local/model_library.h"
+#include "tovana/engines/embedding/backends/local/torch_threads.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::embedding {
 namespace {
 
+using namespace std::string_literals;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -33,18 +38,10 @@ class LocalBackendTest : public ::testing::Test {
 };
 
 TEST_F(LocalBackendTest, IsNamedAndSizedWithoutLoadingAnything) {
-  const struct {
-    std::string model;
-    std::int64_t dimension;
-    std::string expected;
-  } cases[] = {{"all-mpnet-base-v2", 0, "local:all-mpnet-base-v2 768"},
-               {"all-mpnet-base-v2", 512, "local:all-mpnet-base-v2 512"},
-               {"", 0, "local: 384"}};
-  for (const auto& [model, dimension, expected] : cases) {
-    const LocalEmbeddingBackend backend(model, dimension, {.runtime = &_runtime});
-    EXPECT_EQ(backend.name() + " " + std::to_string(backend.dimension()), expected);
-  }
-  EXPECT_EQ(LocalEmbeddingBackend().name(), "local:all-MiniLM-L6-v2");
+  const std::string mpnet = "all-mpnet-base-v2";
+  EXPECT_EQ(LocalEmbeddingBackend(mpnet, 0, {.runtime = &_runtime}).dimension(), 768);
+  EXPECT_EQ(LocalEmbeddingBackend(mpnet, 512, {.runtime = &_runtime}).dimension(), 512);
+  EXPECT_EQ(_backend.name() + " " + std::to_string(_backend.dimension()), "local:m 384");
   EXPECT_THAT(_runtime.take_calls(), IsEmpty());
 }
 
@@ -60,7 +57,6 @@ TEST_F(LocalBackendTest, FetchesWhatTheCacheLacksAndStartsAnewAfterAFailure) {
   _runtime.on_load_library = [] { throw ModelLibraryNotInstalled(); };
   EXPECT_THROW(_backend.warm_up(), ModelLibraryNotInstalled);
   EXPECT_THAT(_runtime.take_calls(), ElementsAre("library"));
-  EXPECT_THAT(_log.take_lines(), IsEmpty());
 
   _runtime.on_load_library = [] {};
   _runtime.on_load_model = [](bool local_files_only) {
@@ -68,17 +64,16 @@ TEST_F(LocalBackendTest, FetchesWhatTheCacheLacksAndStartsAnewAfterAFailure) {
     throw RuntimeError("no network");
   };
   EXPECT_THROW(_backend.embed({"text"}), RuntimeError);
-  EXPECT_THAT(_runtime.take_calls(), ElementsAre("library", "cached m", "fetch m"));
-  EXPECT_THAT(_log.take_lines(),
-              ElementsAre("info Model m is not cached (std::bad_alloc), fetching it"));
-
   _runtime.on_load_model = [](bool local_files_only) {
     if (local_files_only) throw RuntimeError("not here");
   };
   _backend.warm_up();
-  EXPECT_THAT(_runtime.take_calls(), ElementsAre("library", "cached m", "fetch m"));
-  EXPECT_THAT(_log.take_lines(), ElementsAre("info Model m is not cached (not here), fetching it",
-                                             "info Loaded sentence-transformers model: m"));
+  EXPECT_THAT(_runtime.take_calls(), ElementsAre("library", "cached m", "fetch m",  //
+                                                 "library", "cached m", "fetch m"));
+  EXPECT_THAT(_log.take_lines(),
+              ElementsAre("info Model m is not cached (std::bad_alloc), fetching it",
+                          "info Model m is not cached (not here), fetching it",
+                          "info Loaded sentence-transformers model: m"));
 }
 
 TEST_F(LocalBackendTest, EmbedsInOrderUnderTheBoundOfTheMoment) {
@@ -95,11 +90,6 @@ TEST_F(LocalBackendTest, EmbedsInOrderUnderTheBoundOfTheMoment) {
   _runtime.on_encode = [] { throw RuntimeError("encode"); };
   EXPECT_THROW(_backend.embed({"text"}), RuntimeError);
   EXPECT_THAT(_runtime.take_calls(), ElementsAre("set 3", "encode 3", "set 16"));
-
-  _environment["TOVANA_EMBED_THREADS"] = "0";
-  _runtime.on_encode = [] {};
-  _backend.embed({"text"});
-  EXPECT_THAT(_runtime.take_calls(), ElementsAre("encode 16"));
 }
 
 TEST_F(LocalBackendTest, ThreadsThatMeetShareALoadAndEncodeAtOnce) {
@@ -107,7 +97,10 @@ TEST_F(LocalBackendTest, ThreadsThatMeetShareALoadAndEncodeAtOnce) {
   std::latch under_way(kThreads);
   std::barrier all(kThreads);  // passed only if nothing keeps one out while another encodes
   _runtime.on_load_model = [&](bool) { under_way.wait(); };
-  _runtime.on_encode = [&] { all.arrive_and_wait(); };
+  _runtime.on_encode = [&] {
+    const tovana::testing::Waiting waiting("all threads to encode at once");
+    all.arrive_and_wait();
+  };
   std::vector<std::jthread> workers;
   for (int i = 0; i < kThreads; ++i) {
     workers.emplace_back([&, i] {
@@ -121,6 +114,59 @@ TEST_F(LocalBackendTest, ThreadsThatMeetShareALoadAndEncodeAtOnce) {
   EXPECT_THAT(calls, Contains("cached m").Times(1));
   EXPECT_THAT(calls, Contains("encode 2").Times(kThreads));
   EXPECT_EQ(_runtime.default_threads(), 16);
+}
+
+TEST_F(LocalBackendTest, ThreadBoundIsSetOnlyBelowTorchsOwnAndGivenBackWhateverFails) {
+  bool has_run = false;
+  const auto run = [&] { has_run = true; };
+  _threads.bounded(2, run);
+  EXPECT_THAT(_runtime.take_calls(), IsEmpty());  // torch is not loaded, nor is it for this
+  _backend.warm_up();
+  _runtime.take_calls();
+  for (const std::int64_t limit : {0, -1}) _threads.bounded(limit, run);
+  EXPECT_THAT(_runtime.take_calls(), IsEmpty());
+  EXPECT_EQ(_threads.bounded(16, [] { return 7; }), 7);
+  EXPECT_THAT(_runtime.take_calls(), ElementsAre("get"));
+  _runtime.set_num_threads(5);  // somebody else's doing
+  _threads.bounded(15, run);
+  EXPECT_THAT(_runtime.take_calls(), ElementsAre("set 5", "set 15", "set 16"));
+
+  std::int64_t failing = 3;
+  _runtime.on_set = [&](std::int64_t count) {
+    if (count == failing) throw RuntimeError("set");
+  };
+  EXPECT_THROW(_threads.bounded(3, [] { FAIL(); }), RuntimeError);
+  EXPECT_THAT(_runtime.take_calls(), ElementsAre("set 3"));
+  failing = 16;
+  has_run = false;
+  EXPECT_THROW(_threads.bounded(3, run), RuntimeError);
+  EXPECT_TRUE(has_run);
+  EXPECT_THROW(_threads.bounded(3, [] { throw std::bad_alloc(); }), std::bad_alloc);
+}
+
+TEST(EmbedThreadsTest, ReadsAWholeNumberOrFallsBack) {
+  const auto threads = [](const std::string& value) {
+    const Environment environment = {{"TOVANA_EMBED_THREADS", value}};
+    return embed_threads(&environment);
+  };
+  constexpr std::int64_t kLargest = std::numeric_limits<std::int64_t>::max();
+  const std::pair<std::string, std::int64_t> numbers[] = {
+      {"\t\n\v\f\r+007\u00A0\u2003", 7},
+      {"1_6", 16},
+      {"-3", 0},
+      {"9223372036854775806", kLargest - 1},
+      {"9223372036854775808", kLargest},
+      {"-99999999999999999999999", 0},
+  };
+  for (const auto& [value, number] : numbers) EXPECT_EQ(threads(value), number) << value;
+  for (const std::string& value : {""s, " "s, "2.5"s, "0x10"s, "+"s, "+-4"s, "- 4"s, "4 5"s, "_4"s,
+                                   "4_"s, "1__6"s, "\u0664"s, "4\xC2"s, "4\0"s}) {
+    EXPECT_EQ(threads(value), 2) << ::testing::PrintToString(value);
+  }
+  setenv("TOVANA_EMBED_THREADS", "5", 1);  // the process's own counts only without a map
+  const Environment without;
+  EXPECT_EQ(embed_threads(&without), 2);
+  EXPECT_EQ(embed_threads(), 5);
 }
 
 }  // namespace

@@ -9,20 +9,21 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
+/// Runs where the user's language is Turkish, whose small I has no dot, and where OpenSSL refuses
+/// MD5, as FIPS set-ups do (no_md5.cnf).
 namespace tovana::embedding {
 namespace {
 
 using Texts = std::vector<std::string>;
 
-Texts split(const std::string& text, char separator = ' ') {
+Texts split(const std::string& text) {
   Texts pieces;
   std::istringstream stream(text);
-  for (std::string piece; std::getline(stream, piece, separator);) pieces.push_back(piece);
+  for (std::string piece; std::getline(stream, piece, ' ');) pieces.push_back(piece);
   return pieces;
 }
-
-Texts tokens(const std::string& text) { return TFIDFEmbeddingBackend()._tokenize(text); }
 
 TEST(TFIDF, SplitsCodeAsItsReadersDoInAnyScript) {
   const std::pair<std::string, std::string> cases[] = {
@@ -32,13 +33,17 @@ TEST(TFIDF, SplitsCodeAsItsReadersDoInAnyScript) {
       {"Parsing connections, quickly!", "pars connection quickly!"},
       {"ab:::cd a:b :: : a.b::c(d)", "ab :cd a:b"},
       {"[one]{two};three\\four/five-six", "one two three four five six"},
+      {"on\ttw\nth\vfo\ffi\rsi se", "on tw th fo fi si se"},
       {"\u00E9t\u00E9\u00C9tat", "\u00E9t\u00E9 \u00E9tat"},
+      {"\u00C9CRIT I", "\u00E9crit"},           // in any locale
       {"\u00E9 \u00E9\u00E9", "\u00E9\u00E9"},  // two bytes are one character
       {"one\u00A0two\u3000three\x1Fzz", "one two three\x1Fzz"},
       {"\u0391\u03A3_b1 \u0391\u03A3.b1", "\u03B1\u03C2 b1 \u03B1\u03C3 b1"},
       {"bad\xFF\xE2\x82tail", "bad\uFFFD\uFFFDtail"},
   };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(tokens(text), split(expected));
+  for (const auto& [text, expected] : cases) {
+    EXPECT_EQ(TFIDFEmbeddingBackend()._tokenize(text), split(expected));
+  }
 }
 
 TEST(TFIDF, CutsTheFirstSuffixThatLeavesThreeCharacters) {
@@ -47,11 +52,10 @@ TEST(TFIDF, CutsTheFirstSuffixThatLeavesThreeCharacters) {
              "apply/app settings/setting ties/ties caf\u00E9/caf\u00E9 "
              "\u00E9\u00E9ing/\u00E9\u00E9ing "
              "\u00E9\u00E9\u00E9s/\u00E9\u00E9\u00E9s "
-             "\u00E9\u00E9\u00E9\u00E9s/\u00E9\u00E9\u00E9\u00E9")) {
+             "\u00E9\u00E9\u00E9\u00E9s/\u00E9\u00E9\u00E9\u00E9 /")) {
     const std::size_t slash = each.find('/');
     EXPECT_EQ(TFIDFEmbeddingBackend::_stem(each.substr(0, slash)), each.substr(slash + 1));
   }
-  EXPECT_EQ(TFIDFEmbeddingBackend::_stem(""), "");
 }
 
 TEST(TFIDF, GivesTheKnownVectorsToTheLastDigit) {
@@ -74,6 +78,7 @@ TEST(TFIDF, GivesTheKnownVectorsToTheLastDigit) {
     }
     EXPECT_EQ(TFIDFEmbeddingBackend().embed(texts), expected);
   }
+  EXPECT_EQ(EVP_MD_fetch(nullptr, "MD5", nullptr), nullptr) << "the configuration does not bite";
 }
 
 TEST(TFIDF, SurvivesAnyDimension) {
@@ -89,15 +94,13 @@ TEST(TFIDF, SurvivesAnyDimension) {
 }
 
 TEST(TFIDF, ServesManyThreadsAtOnce) {
-  std::vector<Texts> batches(8);
-  for (std::size_t batch = 0; batch < batches.size(); ++batch) {
-    for (std::size_t word = 0; word < 100; ++word) {
-      batches[batch].push_back("word" + std::to_string(batch * 60 + word));
-    }
-  }
   TFIDFEmbeddingBackend backend;
+  std::vector<Texts> batches(8);
   std::vector<std::future<std::vector<Vector>>> results;
-  for (const Texts& batch : batches) {
+  for (Texts& batch : batches) {
+    for (int word = 0; word < 100; ++word) {
+      batch.push_back("word" + std::to_string(60 * results.size() + batch.size()));
+    }
     results.push_back(std::async(std::launch::async, [&backend, &batch] {
       for (int round = 0; round < 20; ++round) backend.embed(batch);
       return backend.embed(batch);

@@ -1,0 +1,119 @@
+#include <cstdlib>
+#include <latch>
+#include <memory>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/failure_text.h"
+#include "tests/support/waiting.h"
+#include "tovana/engines/embedding/sharing/engine_config.h"
+#include "tovana/engines/embedding/sharing/shared_engines.h"
+
+namespace tovana::embedding {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::Pair;
+
+TEST(EngineConfigTest, TranslatesTheSettings) {
+  const auto translate = [](Config config, Environment environment) {
+    return engine_config(config, &environment);
+  };
+  const Environment both = {{"BRUNE_LLM_EMBEDDING_API_KEY", " "}, {"BRUNE_LLM_API_KEY", "k2"}};
+  const Environment second = {{"BRUNE_LLM_EMBEDDING_API_KEY", ""}, {"BRUNE_LLM_API_KEY", "k2"}};
+  using Result = EngineConfiguration;
+  EXPECT_EQ(translate({{"auto"}, {"http://x", "m"}}, both), Result());
+  for (const char* other : {"api", "AUTO", "OpenAI"}) {
+    EXPECT_EQ(translate({{other}, {"http://x", "m"}}, both), (Result{{"backend", other}}));
+  }
+
+  Result openai = {
+      {"backend", "openai"}, {"base_url", "http://x"}, {"api_key", " "}, {"model_name", "m"}};
+  EXPECT_EQ(translate({{"openai"}, {"http://x", "m"}}, both), openai);
+  openai["base_url"] = "";
+  openai["api_key"] = "k2";
+  openai["model_name"] = "text-embedding-3-small";
+  EXPECT_EQ(translate({{"openai"}, {"", ""}}, second), openai);
+  openai["base_url"] = openai["api_key"] = nullptr;
+  EXPECT_EQ(translate({{"openai"}, {}}, {}), openai);
+  for (const char* key : {"k1", "k2"}) {  // the process's own environment, as it is now
+    setenv("BRUNE_LLM_EMBEDDING_API_KEY", key, 1);
+    openai["api_key"] = key;
+    EXPECT_EQ(engine_config({{"openai"}, {}}), openai);
+  }
+}
+
+TEST(SharedEnginesTest, EqualConfigurationsShareAnEngineUntilItsLastHold) {
+  SharedEngines factory;
+  const auto engine = factory.acquire();
+  EXPECT_EQ(factory.acquire({}), engine);
+  const auto other = factory.acquire({{"backend", "tfidf"}, {"dimension", 384}});
+  const std::set<std::shared_ptr<EmbeddingEngine>> engines = {
+      engine,
+      other,
+      factory.acquire({{"dimension", "384"}}),
+      factory.acquire({{"api_key", nullptr}}),
+      factory.acquire({{"api_key", "None"}}),
+  };
+  EXPECT_EQ(engines.size(), 5U);
+  EXPECT_THAT(
+      SharedEngines::_key({{"model_name", "m"}, {"dimension", 9}, {"api_key", nullptr}}),
+      ElementsAre(Pair("api_key", "None"), Pair("dimension", "9"), Pair("model_name", "'m'")));
+
+  factory.release(engine);
+  EXPECT_EQ(engine->status().state, "idle");
+  factory.release(engine);
+  EXPECT_EQ(engine->status().state, "closed");
+  EXPECT_EQ(other->dimension(), 384);  // ready: it is another engine, and made as configured
+  const auto next = factory.acquire();
+  EXPECT_NE(next, engine);
+  for (const auto& stranger : {engine, std::make_shared<EmbeddingEngine>()}) {
+    EXPECT_EQ(failure_of([&] { factory.release(stranger); }),
+              "ValueError: this embedding engine was not handed out by the factory");
+  }
+  EXPECT_EQ(next->status().state, "idle");
+}
+
+/// Uses the factory when it is closed, whose lock has to be free by then, and fails.
+struct FailingToClose final : EmbeddingEngine {
+  explicit FailingToClose(SharedEngines*& used) : factory(used) {}
+  void close() override {
+    const testing::Waiting waiting("the lock of the factory that closes an engine");
+    factory->acquire({{"backend", "api"}});
+    throw RuntimeError("cannot close");
+  }
+  SharedEngines*& factory;
+};
+
+TEST(SharedEnginesTest, MeetingThreadsGetOneEngineAndFailuresLeaveNone) {
+  int made = 0;
+  SharedEngines* itself = nullptr;
+  SharedEngines factory([&](EngineConfiguration) -> std::shared_ptr<EmbeddingEngine> {
+    if (++made == 1) throw RuntimeError("cannot make");
+    return std::make_shared<FailingToClose>(itself);
+  });
+  itself = &factory;
+  EXPECT_THROW(factory.acquire(), RuntimeError);
+  constexpr int kThreads = 8;
+  std::latch together(kThreads);
+  std::vector<std::shared_ptr<EmbeddingEngine>> engines(kThreads);
+  std::vector<std::jthread> threads;
+  for (auto& engine : engines) {
+    threads.emplace_back([&] {
+      together.arrive_and_wait();
+      engine = factory.acquire();
+    });
+  }
+  threads.clear();
+  EXPECT_EQ(made, 2);
+  for (int left = kThreads; --left > 0;) factory.release(engines.at(0));
+  EXPECT_EQ(failure_of([&] { factory.release(engines.back()); }), "RuntimeError: cannot close");
+  EXPECT_NE(factory.acquire(), engines.front());
+}
+
+}  // namespace
+}  // namespace tovana::embedding
