@@ -1,6 +1,5 @@
 #include "tovana/engines/embedding/engine/detection.h"
 
-#include <sstream>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -16,29 +15,10 @@ namespace {
 
 enum class Library { loads, missing, broken };
 
-/// "KEY=VALUE …", where a value that is all digits is a number.
-EngineConfiguration configuration(const std::string& text) {
-  EngineConfiguration config;
-  std::istringstream entries(text);
-  for (std::string entry; entries >> entry;) {
-    const std::size_t equals = entry.find('=');
-    const std::string value = entry.substr(equals + 1);
-    EngineValue& place = config[entry.substr(0, equals)];
-    if (value == "null") {
-      place = nullptr;
-    } else if (value.find_first_not_of("0123456789") == std::string::npos && !value.empty()) {
-      place = std::stoll(value);
-    } else {
-      place = value;
-    }
-  }
-  return config;
-}
-
 class DetectionTest : public ::testing::Test {
  protected:
   /// "NAME DIMENSION" of the backend, or the failure; then " because REASON", if there is one.
-  std::string decide(const std::string& config, Library library) {
+  std::string decide(const EngineConfiguration& config, Library library) {
     FakeModelRuntime runtime;
     runtime.on_load_library = [&] {
       if (library == Library::missing) throw ModelLibraryNotInstalled();
@@ -47,9 +27,9 @@ class DetectionTest : public ::testing::Test {
     runtime.on_load_model = [](bool) { FAIL() << "detection loads no model"; };
     std::string chosen, reason;
     const std::string failure = failure_of([&] {
-      const auto backend = detect_backend(
-          configuration(config), runtime,
-          [&](const Fallback& fallback) { reason += " because " + fallback.reason; });
+      const auto backend = detect_backend(config, runtime, [&](const Fallback& fallback) {
+        reason += " because " + fallback.reason;
+      });
       chosen = backend->name() + " " + std::to_string(backend->dimension());
     });
     return (chosen.empty() ? failure : chosen) + reason;
@@ -70,47 +50,59 @@ TEST_F(DetectionTest, DecidesByConfigurationAndLibrary) {
   const std::string bad_dimension = "dimension must be a whole number, got the text 'x'";
   const std::string bad_library = "RuntimeError: no libtorch.so";
   const struct {
-    std::string config;
+    EngineConfiguration config;
     Library library;
     std::string outcome;
   } cases[] = {
-      {"backend=tfidf dimension=0", broken, "tfidf 256"},
-      {"backend=tfidf dimension=512 api_url=http://h", broken, "tfidf 512"},
+      {{{"backend", "tfidf"}, {"dimension", 0}}, broken, "tfidf 256"},
+      {{{"backend", "tfidf"}, {"dimension", 512}, {"api_url", "http://h"}}, broken, "tfidf 512"},
 
-      {"backend=api api_url= base_url=http://h dimension=8", broken, "tfidf 8" + no_api_url},
-      {"backend=api api_url=http://h model_name=m", broken, "api:api 384"},
-      {"backend=api api_url=ftp", broken, bad_url},
-      {"backend=api api_url=5", broken, "ValueError: api_url must be a text, got the number 5"},
+      {{{"backend", "api"}, {"api_url", ""}, {"base_url", "http://h"}, {"dimension", 8}},
+       broken,
+       "tfidf 8" + no_api_url},
+      {{{"backend", "api"}, {"api_url", "http://h"}, {"model_name", "m"}}, broken, "api:api 384"},
+      {{{"backend", "api"}, {"api_url", "ftp"}}, broken, bad_url},
+      {{{"backend", "api"}, {"api_url", 5}},
+       broken,
+       "ValueError: api_url must be a text, got the number 5"},
 
-      {"backend=openai base_url=null", broken, "tfidf 256" + no_base_url},
-      {"backend=openai base_url= api_url=http://h", broken, "openai:text-embedding-3-small 1536"},
-      {"backend=openai base_url=http://h model_name=m dimension=3", broken, "openai:m 3"},
+      {{{"backend", "openai"}, {"base_url", nullptr}}, broken, "tfidf 256" + no_base_url},
+      {{{"backend", "openai"}, {"base_url", ""}, {"api_url", "http://h"}},
+       broken,
+       "openai:text-embedding-3-small 1536"},
+      {{{"backend", "openai"}, {"base_url", "http://h"}, {"model_name", "m"}, {"dimension", 3}},
+       broken,
+       "openai:m 3"},
 
-      {"backend=local model_name=m dimension=9", loads, "local:m 9"},
-      {"backend=local", broken, bad_library},
-      {"backend=local model_name=null", loads, "ValueError: " + bad_model},
-      {"backend=local api_url=http://h", missing, "tfidf 256" + no_library},
+      {{{"backend", "local"}, {"model_name", "m"}, {"dimension", 9}}, loads, "local:m 9"},
+      {{{"backend", "local"}}, broken, bad_library},
+      {{{"backend", "local"}, {"model_name", nullptr}}, loads, "ValueError: " + bad_model},
+      {{{"backend", "local"}, {"api_url", "http://h"}}, missing, "tfidf 256" + no_library},
 
-      {"", loads, "local:all-MiniLM-L6-v2 384"},
-      {"api_url=http://h", broken, bad_library},
-      {"backend=null model_name=all-mpnet-base-v2 api_url=5", loads, "local:all-mpnet-base-v2 768"},
-      {"model_name=null api_url=http://h", loads, "api:api 384" + local_failed + bad_model},
-      {"dimension=x", loads, "ValueError: " + bad_dimension + local_failed + bad_dimension},
-      {"backend=TFIDF api_url=http://h", missing, "api:api 384" + no_library},
-      {"backend=7 api_url=", missing, "tfidf 256" + no_library},
-      {"api_url=ftp", missing, bad_url + no_library},
+      {{}, loads, "local:all-MiniLM-L6-v2 384"},
+      {{{"api_url", "http://h"}}, broken, bad_library},
+      {{{"backend", nullptr}, {"model_name", "all-mpnet-base-v2"}, {"api_url", 5}},
+       loads,
+       "local:all-mpnet-base-v2 768"},
+      {{{"model_name", nullptr}, {"api_url", "http://h"}},
+       loads,
+       "api:api 384" + local_failed + bad_model},
+      {{{"dimension", "x"}}, loads, "ValueError: " + bad_dimension + local_failed + bad_dimension},
+      {{{"backend", "TFIDF"}, {"api_url", "http://h"}}, missing, "api:api 384" + no_library},
+      {{{"backend", 7}, {"api_url", ""}}, missing, "tfidf 256" + no_library},
+      {{{"api_url", "ftp"}}, missing, bad_url + no_library},
   };
   for (const auto& [config, library, outcome] : cases) {
-    EXPECT_EQ(decide(config, library), outcome) << config;
+    EXPECT_EQ(decide(config, library), outcome);
   }
 }
 
 TEST_F(DetectionTest, LogsWhatItDecides) {
-  decide("backend=openai", Library::loads);
-  decide("backend=local", Library::missing);
-  decide("", Library::loads);
-  decide("model_name=null api_url=http://h", Library::loads);
-  decide("", Library::missing);
+  decide({{"backend", "openai"}}, Library::loads);
+  decide({{"backend", "local"}}, Library::missing);
+  decide({}, Library::loads);
+  decide({{"model_name", nullptr}, {"api_url", "http://h"}}, Library::loads);
+  decide({}, Library::missing);
   EXPECT_THAT(
       _log.take_lines(),
       ::testing::ElementsAre(

@@ -35,11 +35,9 @@ class EngineRig : public ::testing::Test {
     join();
   }
 
-  std::unique_ptr<EmbeddingEngine> make(EngineConfiguration config = kLocal,
-                                        double wait_s = DEFAULT_WAIT_S) {
-    return std::make_unique<EmbeddingEngine>(
-        std::move(config), nullptr,
-        EngineOptions{.wait_s = wait_s, .surroundings = &_surroundings});
+  std::unique_ptr<EmbeddingEngine> make(EngineConfiguration config = kLocal) {
+    return std::make_unique<EmbeddingEngine>(std::move(config), nullptr,
+                                             EngineOptions{.surroundings = &_surroundings});
   }
 
   double in(double seconds) const { return _clock.now() + seconds; }

@@ -193,14 +193,13 @@ TEST_F(LifecycleTest, SurvivesAThreadThatDoesNotStartAndAnErrorOfNoKnownKind) {
   EXPECT_EQ(_engine->status(), EmbeddingStatus{.state = "idle"});
   has_threads = true;
   EXPECT_EQ(now(60),
-            "could not be loaded (unknown error: not a std::exception); the next attempt is in 30 "
-            "s");
+            "could not be loaded (unknown error: not a std::exception); the next attempt is in 30"
+            " s");
 }
 
 TEST_F(LifecycleTest, BackendOfTheCallersIsReadyAndLeftAlone) {
   auto backend = std::make_shared<TFIDFEmbeddingBackend>(3);
-  EmbeddingEngine engine({{"backend", "local"}}, backend, {.surroundings = &_surroundings});
-  engine.warm_up_async();
+  EmbeddingEngine engine(kLocal, backend, {.surroundings = &_surroundings});
   engine.close();
   EXPECT_EQ(engine.wait_ready(0), backend);
   EXPECT_EQ(engine.status(), (EmbeddingStatus{.state = "ready", .backend = "tfidf"}));
@@ -275,17 +274,12 @@ TEST(SystemClockTest, WaitsWithoutEndInLongSlices) {
 }
 
 TEST(StatusTest, RoundsHalfSecondsToEvenAndListsWhatHasAValue) {
-  const EmbeddingStatus half = {.state = "loading", .loading_s = 12.5};
-  EXPECT_EQ(half.describe(), "is still loading (12 s so far)");
-  const EmbeddingStatus full = {"idle", "tfidf", "", 0.0, 0.5};
-  EXPECT_EQ(full.describe(), "has not started loading");
-  using Fields = decltype(full.to_dict());
-  EXPECT_EQ(EmbeddingStatus{.state = "idle"}.to_dict(), (Fields{{"state", "idle"}}));
-  EXPECT_EQ(full.to_dict(), (Fields{{"state", "idle"},
-                                    {"backend", "tfidf"},
-                                    {"detail", ""},
-                                    {"loading_s", 0.0},
-                                    {"retry_in_s", 0.5}}));
+  const EmbeddingStatus status = {.state = "loading", .detail = "", .loading_s = 12.5};
+  EXPECT_EQ(status.describe(), "is still loading (12 s so far)");
+  using Fields = decltype(status.to_dict());
+  EXPECT_EQ(status.to_dict(), (Fields{{"state", "loading"}, {"detail", ""}, {"loading_s", 12.5}}));
+  const EmbeddingStatus late = {.state = "unavailable", .retry_in_s = 0};
+  EXPECT_EQ(late.to_dict(), (Fields{{"state", "unavailable"}, {"retry_in_s", 0.0}}));
 }
 
 }  // namespace

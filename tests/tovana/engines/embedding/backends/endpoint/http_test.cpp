@@ -54,29 +54,35 @@ class HTTPBackendTest : public ::testing::Test, public http::Transport {
                                    .wait = wait});
   }
 
+  const Texts two = {"a", "b"};
   const double timeout = 7;
   std::vector<std::pair<int, std::string>> responses;
   std::vector<std::string> sent;
   std::vector<double> waits;
-  http::Wait wait = [this](double seconds, const http::StopTest& should_stop, Clock&) {
+  http::Wait wait = [this](double seconds, const http::StopTest&, Clock&) {
     waits.push_back(seconds);
-    return should_stop && should_stop() ? http::WaitEnding::stopped : http::WaitEnding::elapsed;
+    return http::WaitEnding::elapsed;
   };
   testing::LogRecorder log;
 };
 
-TEST_F(HTTPBackendTest, SendsEachDialectsBodyToItsUrl) {
+TEST_F(HTTPBackendTest, SendsEachDialectsBodyToItsUrlAndLearnsOnlyOnesDimension) {
   reply(R"({"embeddings": [[1, 2], [3, 4]]})");
   reply(R"({"embeddings": []})");
-  EXPECT_EQ(api().embed({"a \"quoted\" text", "\xC3\xA9\xFF"}), (Vectors{{1, 2}, {3, 4}}));
-  EXPECT_THAT(api("").embed({}), IsEmpty());  // this dialect asks for nothing, too
+  APIEmbeddingBackend fixed = api("");
+  EXPECT_EQ(fixed.embed({"a \"quoted\" text", "\xC3\xA9\xFF"}), (Vectors{{1, 2}, {3, 4}}));
+  EXPECT_EQ(fixed.dimension(), 384);
+  EXPECT_THAT(fixed.embed({}), IsEmpty());  // this dialect asks for nothing, too
   for (const char* base_url : {"https://host/v1", "https://host/v1///"}) {
-    reply(R"({"data": [{"embedding": [5, 6, 7]}]})");
-    EXPECT_EQ(openai(base_url).embed({"x"}), (Vectors{{5, 6, 7}}));
+    OpenAIEmbeddingBackend learning = openai(base_url);
+    EXPECT_EQ(learning.dimension(), 1536);
+    reply(R"({"data": [{"embedding": [5, 6, 7]}, {"embedding": [8]}]})");  // unequal ones pass
+    EXPECT_EQ(learning.embed({"x", "y"}), (Vectors{{5, 6, 7}, {8}}));
+    EXPECT_EQ(learning.dimension(), 3);
+    EXPECT_THAT(learning.embed({}, {.should_stop = [] { return true; }}), IsEmpty());
   }
-  EXPECT_THAT(openai().embed({}, {.should_stop = [] { return true; }}), IsEmpty());
   const std::string asked_twice =
-      R"(https://host/v1/embeddings {"input":["x"],"model":"text-embedding-3-small"} Bearer k)";
+      R"(https://host/v1/embeddings {"input":["x","y"],"model":"text-embedding-3-small"} Bearer k)";
   EXPECT_THAT(sent,
               ElementsAre("http://127.0.0.1/embed/ "
                           "{\"texts\":[\"a \\\"quoted\\\" text\",\"\u00E9\uFFFD\"]}",
@@ -105,41 +111,44 @@ TEST_F(HTTPBackendTest, ReadsRepliesInTheOrderOfTheirIndexes) {
 }
 
 TEST_F(HTTPBackendTest, RefusesRepliesWithoutUsableVectors) {
-  const auto refuse = [&](auto backend, const std::string& body, const std::string& problem) {
+  const std::string item = "Embedding response item ", count = "API returned ";
+  const std::string no_vectors = "API response missing 'embeddings' key, got keys: ";
+  const std::string unordered = item + "1 has an 'index' that cannot be ordered";
+  const struct {
+    bool is_openai;
+    std::string body, problem;
+  } cases[] = {
+      {false, "[[1], [2]]", no_vectors + "list"},
+      {false, "{}", no_vectors + "[]"},
+      {false, "7", no_vectors + "int"},
+      {false, "7e0", no_vectors + "float"},
+      {false, "null", no_vectors + "NoneType"},
+      {false, "false", no_vectors + "bool"},
+      {false, "\"text\"", no_vectors + "str"},
+      {false, R"({"error": 1, "detail": {}, "error": 2})", no_vectors + "['error', 'detail']"},
+      {false, R"({"embeddings": [[1], [2], [3]]})", count + "3 embeddings for 2 texts"},
+      {false, R"({"embeddings": [[1, 2], [3, "4"]]})",
+       "API returned an unusable embedding for text 2 of the 2 sent to http://127.0.0.1/embed/: "
+       "expected a number at position 1 of an array, got a string"},
+      {true, "[]", "Embedding response missing 'data' key, got: list"},
+      {true, R"({"data": {}})", count + "dict embeddings for 2 texts"},
+      {true, R"({"data": [{"embedding": [1]}, {"index": 1}]})",
+       item + "1 has no 'embedding', got: ['index']"},
+      {true, R"({"data": [[1], [2]]})", item + "0 has no 'embedding', got: list"},
+      {true, R"({"data": [{"embedding": [1]}, {"index": null, "embedding": [2]}]})",
+       unordered + ": NoneType"},
+      {true, R"({"data": [{"embedding": [1]}, {"index": "1", "embedding": [2]}]})",
+       unordered + " against the others': some are strings, some are numbers"},
+  };
+  OpenAIEmbeddingBackend learning = openai();
+  for (const auto& [is_openai, body, problem] : cases) {
     reply(body);
-    const std::int64_t dimension = backend.dimension();
-    EXPECT_EQ(failure_of([&] { backend.embed({"a", "b"}); }), "RuntimeError: " + problem) << body;
-    EXPECT_EQ(backend.dimension(), dimension);
-  };
-  for (const auto& [body, type] :
-       {std::pair{"[[1], [2]]", "list"},
-        {"{}", "[]"},
-        {"7", "int"},
-        {"7e0", "float"},
-        {"null", "NoneType"},
-        {"false", "bool"},
-        {"\"text\"", "str"},
-        {R"({"error": 1, "detail": {}, "error": 2})", "['error', 'detail']"}}) {
-    refuse(api(), body, std::string("API response missing 'embeddings' key, got keys: ") + type);
+    EXPECT_EQ(failure_of([&, is_openai = is_openai] {
+                is_openai ? learning.embed(two) : api().embed(two);
+              }),
+              "RuntimeError: " + problem);
   }
-  refuse(openai(), "{}", "Embedding response missing 'data' key, got: []");
-  refuse(api(), R"({"embeddings": [[1], [2], [3]]})", "API returned 3 embeddings for 2 texts");
-  refuse(api(), R"({"embeddings": [[1, 2], [3, "4"]]})",
-         "API returned an unusable embedding for text 2 of the 2 sent to http://127.0.0.1/embed/: "
-         "expected a number at position 1 of an array, got a string");
-  const std::string item = "Embedding response item ";
-  const std::pair<std::string, std::string> openai_cases[] = {
-      {"{}", "API returned dict embeddings for 2 texts"},
-      {R"([{"embedding": [1]}, {"index": 1}])", item + "1 has no 'embedding', got: ['index']"},
-      {"[[1], [2]]", item + "0 has no 'embedding', got: list"},
-      {R"([{"embedding": [1]}, {"index": null, "embedding": [2]}])",
-       item + "1 has an 'index' that cannot be ordered: NoneType"},
-      {R"([{"embedding": [1]}, {"index": "1", "embedding": [2]}])",
-       item + "1 has an 'index' that cannot be ordered against the others': some are strings, some "
-              "are numbers"},
-  };
-  for (const auto& [data, problem] : openai_cases)
-    refuse(openai(), "{\"data\":" + data + "}", problem);
+  EXPECT_EQ(learning.dimension(), 1536);
   EXPECT_THAT(log.take_lines(), IsEmpty());
 }
 
@@ -163,33 +172,19 @@ TEST_F(HTTPBackendTest, BoundsRepliesAndWhatItTellsOfThem) {
   log.take_lines();
 }
 
-TEST_F(HTTPBackendTest, LearnsItsDimensionOnlyInTheDialectThatDoes) {
-  OpenAIEmbeddingBackend learning = openai();
-  EXPECT_EQ(learning.dimension(), 1536);
-  reply(R"({"data": [{"embedding": [1, 2, 3]}, {"embedding": [1]}]})");  // unequal ones pass
-  EXPECT_EQ(learning.embed({"a", "b"}), (Vectors{{1, 2, 3}, {1}}));
-  EXPECT_EQ(learning.dimension(), 3);
-
-  APIEmbeddingBackend fixed = api();
-  reply(R"({"embeddings": [[1, 2, 3]]})");
-  fixed.embed({"a"});
-  EXPECT_EQ(fixed.dimension(), 384);
-}
-
 TEST_F(HTTPBackendTest, ReportsAFailureOnceAndAStopNever) {
   APIEmbeddingBackend backend = api("sk-secret", "http://user:pw@127.0.0.1/embed?token=t");
   const std::string url = "http://***@127.0.0.1/embed?token=***";
   const std::string failure = "API embedding call to " + url + " failed after 3 attempts: HTTP 503";
-  const Texts texts = {"a", "b"};
   for (int attempt = 0; attempt < 3; ++attempt) fail(503);
-  EXPECT_EQ(failure_of([&] { backend.embed(texts); }),
+  EXPECT_EQ(failure_of([&] { backend.embed(two); }),
             "RuntimeError: API embedding failed: " + failure);
   EXPECT_THAT(waits, ElementsAre(0.5, 1.0));
   EXPECT_EQ(log.records().at(0).error->kind, "HttpFailure");
   EXPECT_THAT(log.take_lines(),
               ElementsAre("warning API embedding HTTP/transport call failed (url=" + url +
                           ", texts=2): " + failure));
-  EXPECT_THROW(backend.embed(texts, {.deadline = system_clock().now() - 1}), RuntimeError);
+  EXPECT_THROW(backend.embed(two, {.deadline = system_clock().now() - 1}), RuntimeError);
 
   fail(404);
   EXPECT_THAT(failure_of([&] { openai("https://host/v1?api-version=1").embed({"a"}); }),
@@ -198,7 +193,7 @@ TEST_F(HTTPBackendTest, ReportsAFailureOnceAndAStopNever) {
   EXPECT_THAT(sent.back(), ::testing::StartsWith("https://host/v1?api-version=1/embeddings "));
   EXPECT_THAT(log.take_lines(), SizeIs(2));
 
-  EXPECT_EQ(failure_of([&] { backend.embed(texts, {.should_stop = [] { return true; }}); }),
+  EXPECT_EQ(failure_of([&] { backend.embed(two, {.should_stop = [] { return true; }}); }),
             "EmbeddingStopped: API embedding stopped before attempt 1 of 3");
   EXPECT_THAT(log.take_lines(), IsEmpty());
 }
