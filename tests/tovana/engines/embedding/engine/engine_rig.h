@@ -3,7 +3,6 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -50,12 +49,12 @@ class EngineRig : public ::testing::Test {
   }
 
   /// Ends an attempt, the one under way or the next.
-  void succeed() { tell(std::nullopt); }
-  void fail(std::string message) { tell(std::move(message)); }
+  void succeed() { tell(true); }
+  void fail() { tell(false); }
 
   /// Lets an attempt fail, and returns once the loader waits to try again.
   void fail_attempt(double delay) {
-    fail("no disk");
+    fail();
     _clock.await_waiter(in(delay));
   }
 
@@ -67,26 +66,18 @@ class EngineRig : public ::testing::Test {
       _changed.notify_all();
       const testing::Waiting waiting("the test to end attempt " + std::to_string(_attempts));
       while (_endings.empty()) _changed.wait(_lock);
-      _ending = std::move(_endings.front());
+      _succeeds = _endings.front();
       _endings.pop_front();
     }
-    if (_ending) throw RuntimeError(*_ending);
+    if (!_succeeds) throw RuntimeError("no disk");
   }
 
-  std::size_t threads_started() {
-    const LockGuard guard(_lock);
-    return _started;
-  }
-
-  /// Blocks until the loader has ended.
+  /// Blocks until the loaders have ended.
   void join() {
-    std::deque<std::jthread> threads;
-    {
-      const LockGuard guard(_lock);
-      threads.swap(_threads);
-    }
     const testing::Waiting waiting("the loader to end");
-    threads.clear();
+    for (std::jthread& loader : _loaders) {
+      if (loader.joinable()) loader.join();
+    }
   }
 
   inline static const EngineConfiguration kLocal = {{"backend", "local"}, {"model_name", "m"}};
@@ -96,26 +87,23 @@ class EngineRig : public ::testing::Test {
   FakeModelRuntime _runtime;
   EngineSurroundings _surroundings = {
       .clock = &_clock, .runtime = &_runtime, .start_thread = [this](std::function<void()> loader) {
-        const LockGuard guard(_lock);
-        ++_started;
-        _threads.emplace_back(std::move(loader));
+        _loaders.emplace_back(std::move(loader));
       }};
+  std::deque<std::jthread> _loaders;  ///< All that an engine has started, one at a time.
   std::unique_ptr<EmbeddingEngine> _engine = make();
 
  private:
-  void tell(std::optional<std::string> failure) {
+  void tell(bool succeeds) {
     const LockGuard guard(_lock);
-    _endings.push_back(std::move(failure));
+    _endings.push_back(succeeds);
     _changed.notify_all();
   }
 
   Mutex _lock;
   ConditionVariable _changed;
   int _attempts TOVANA_GUARDED_BY(_lock) = 0;
-  std::size_t _started TOVANA_GUARDED_BY(_lock) = 0;
-  std::deque<std::optional<std::string>> _endings TOVANA_GUARDED_BY(_lock);
-  std::optional<std::string> _ending TOVANA_GUARDED_BY(_lock);
-  std::deque<std::jthread> _threads TOVANA_GUARDED_BY(_lock);
+  std::deque<bool> _endings TOVANA_GUARDED_BY(_lock);
+  bool _succeeds TOVANA_GUARDED_BY(_lock) = false;
 };
 
 }  // namespace tovana::embedding

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <functional>
 #include <future>
 #include <limits>
@@ -10,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/failure_text.h"
 #include "tests/tovana/engines/embedding/engine/engine_rig.h"
 #include "tovana/engines/embedding/backends/local/model_library.h"
 #include "tovana/engines/embedding/backends/tfidf/tfidf.h"
@@ -20,22 +20,17 @@ namespace tovana::embedding {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::SizeIs;
 
-/// The backend's name, or what the engine says instead of it.
-std::string outcome(const std::function<std::shared_ptr<EmbeddingBackend>()>& ask) {
-  try {
-    return ask()->name();
-  } catch (const TryAgainLaterError& error) {
-    const auto& status = dynamic_cast<const EmbeddingNotReadyError&>(error).status();
-    EXPECT_EQ(std::string(error.what()), "The embedding model " + status.describe());
-    return status.describe();
-  }
-}
+const std::string kNotReady = "EmbeddingNotReadyError: The embedding model ";
 
 class LifecycleTest : public EngineRig {
  protected:
+  /// The backend's name, or what the engine says instead of it.
   std::string now(double timeout = 0) {
-    return outcome([&] { return _engine->wait_ready(timeout); });
+    std::string name;
+    const std::string failure = failure_of([&] { name = _engine->wait_ready(timeout)->name(); });
+    return name.empty() ? failure.substr(kNotReady.size()) : name;
   }
 
   /// What a caller gets who waits, on a thread of its own, and is known to wait already.
@@ -43,13 +38,6 @@ class LifecycleTest : public EngineRig {
     auto result = std::async(std::launch::async, [this, timeout] { return now(timeout); });
     _clock.await_waiter(in(timeout));
     return result;
-  }
-
-  /// What the engine logged, without the backend's lines.
-  std::vector<std::string> engine_lines() {
-    std::vector<std::string> lines = _log.take_lines();
-    std::erase_if(lines, [](const auto& line) { return line.find("mbedding") == line.npos; });
-    return lines;
   }
 };
 
@@ -72,12 +60,13 @@ TEST_F(LifecycleTest, LoadsOnceWhoeverAsksAndHandsTheBackendToAll) {
   EXPECT_EQ(now(-5), "local:m");
   EXPECT_EQ(_engine->backend_name() + std::to_string(_engine->dimension()), "local:m384");
   join();
-  EXPECT_THAT(engine_lines(), ElementsAre("info Embedding backend ready: local:m (12.2 s)"));
+  EXPECT_THAT(_log.take_lines(), ElementsAre("info Loaded sentence-transformers model: m",
+                                             "info Embedding backend ready: local:m (12.2 s)"));
 
   _engine->close();
   _engine->close();
   EXPECT_EQ(now(), "local:m");
-  EXPECT_EQ(threads_started(), 1U);
+  EXPECT_EQ(_loaders.size(), 1U);
 }
 
 TEST_F(LifecycleTest, FailuresAreToldAtOnceAndTriedAgainAfterGrowingWaits) {
@@ -91,7 +80,7 @@ TEST_F(LifecycleTest, FailuresAreToldAtOnceAndTriedAgainAfterGrowingWaits) {
   EXPECT_EQ(_engine->status().retry_in_s, 17.8);
   EXPECT_EQ(now(60), failure + "18 s");  // nobody waits through a failure
   _engine->warm_up_async();
-  EXPECT_EQ(threads_started(), 1U);
+  EXPECT_EQ(_loaders.size(), 1U);
   _clock.advance(20, /*wakes=*/false);
   EXPECT_EQ(now(), failure + "0 s");
   EXPECT_EQ(_engine->status().retry_in_s, 0);
@@ -100,8 +89,9 @@ TEST_F(LifecycleTest, FailuresAreToldAtOnceAndTriedAgainAfterGrowingWaits) {
   for (const int delay : {30, 60, 120, 240, 480, 600, 600}) {
     if (delay > 30) fail_attempt(delay);
     _clock.advance(delay);
+    lines.emplace_back("info Model m is not cached (no disk), fetching it");
     lines.push_back("warning The embedding model could not be loaded (attempt " +
-                    std::to_string(lines.size() + 1) + "), trying again in " +
+                    std::to_string(lines.size() / 2 + 1) + "), trying again in " +
                     std::to_string(delay) + " s: RuntimeError: no disk");
   }
   await_attempts(8);
@@ -110,8 +100,9 @@ TEST_F(LifecycleTest, FailuresAreToldAtOnceAndTriedAgainAfterGrowingWaits) {
   succeed();
   join();
   EXPECT_EQ(now(), "local:m");
+  lines.emplace_back("info Loaded sentence-transformers model: m");
   lines.emplace_back("info Embedding backend ready: local:m (1.2 s)");
-  EXPECT_EQ(engine_lines(), lines);
+  EXPECT_EQ(_log.take_lines(), lines);
 
   constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
   EXPECT_EQ(retry_delay(-kMost), 30);
@@ -152,8 +143,8 @@ TEST_F(LifecycleTest, CloseEndsEverythingButAnAttemptUnderWay) {
   constexpr const char* kClosed = "was shut down before it was loaded";
   _engine->close();
   _engine->warm_up_async();
-  EXPECT_EQ(outcome([&] { return _engine->backend(); }), kClosed);
-  EXPECT_EQ(threads_started(), 0U);
+  EXPECT_EQ(now(60), kClosed);
+  EXPECT_EQ(_loaders.size(), 0U);
 
   int attempts = 0;
   for (const bool succeeds : {true, false}) {
@@ -163,10 +154,10 @@ TEST_F(LifecycleTest, CloseEndsEverythingButAnAttemptUnderWay) {
     auto waiting = waiter(60);
     _engine->close();
     EXPECT_EQ(waiting.get(), kClosed);
-    succeeds ? succeed() : fail("late");
+    succeeds ? succeed() : fail();
     join();
     EXPECT_EQ(_engine->status(), EmbeddingStatus{.state = "closed"});
-    EXPECT_EQ(engine_lines().size(), succeeds ? 0U : 1U);
+    EXPECT_THAT(_log.take_lines(), SizeIs(succeeds ? 1 : 2));  // of the attempt alone
   }
   for (const bool destroys : {false, true}) {
     _engine = make();
@@ -203,7 +194,7 @@ TEST_F(LifecycleTest, BackendOfTheCallersIsReadyAndLeftAlone) {
   engine.close();
   EXPECT_EQ(engine.wait_ready(0), backend);
   EXPECT_EQ(engine.status(), (EmbeddingStatus{.state = "ready", .backend = "tfidf"}));
-  EXPECT_EQ(threads_started(), 0U);
+  EXPECT_EQ(_loaders.size(), 0U);
 }
 
 TEST_F(LifecycleTest, NoLockIsHeldWhileLoadingLoggingOrEmbedding) {
@@ -216,7 +207,7 @@ TEST_F(LifecycleTest, NoLockIsHeldWhileLoadingLoggingOrEmbedding) {
     std::jthread([&] {
       engine->status();
       engine->fallback_reason();
-      outcome([&] { return engine->wait_ready(0); });
+      failure_of([&] { engine->wait_ready(0); });
       factory.release(factory.acquire(kLocal));
       ++calls;
     }).join();
@@ -235,9 +226,7 @@ TEST_F(LifecycleTest, NoLockIsHeldWhileLoadingLoggingOrEmbedding) {
   join();
   engine->embed_single("text");
   engine->embed({"text"}, {.should_stop = [&] { return call_back(), false; }});
-  // Twice the library in each attempt; the model, not cached, not fetched, then cached; four log
-  // lines (not cached, failed, loaded, ready); twice an encode and once the stop test.
-  EXPECT_EQ(calls, 4 + 3 + 4 + 2 + 1);
+  EXPECT_EQ(calls, 4 + 3 + 4 + 2 + 1);  // library, model, log lines, encode, stop test
 }
 
 TEST(LoaderThreadTest, IsNamedAndTakesNoSignals) {

@@ -17,15 +17,12 @@ namespace tovana::embedding {
 /// and a default that a thread copies the first time it computes; setting sets both.
 class FakeModelRuntime final : public ModelRuntime, public TorchRuntime {
  public:
-  explicit FakeModelRuntime(std::int64_t default_threads = 16) : _default(default_threads) {}
-
   /// Called at these points, without a lock: to fail, or to wait for another thread. Set before
   /// use.
   std::function<void()> on_load_library = [] {};
   std::function<void(bool local_files_only)> on_load_model = [](bool) {};
   std::function<void()> on_encode = [] {};
   std::function<void(std::int64_t count)> on_set = [](std::int64_t) {};
-  std::size_t columns = 2;
 
   /// Everything that was asked, in order: "library", "cached NAME", "fetch NAME", "get", "set N",
   /// "encode N" with the thread count. Taking it empties it.
@@ -72,7 +69,7 @@ class FakeModelRuntime final : public ModelRuntime, public TorchRuntime {
   }
 
  private:
-  /// Vectors `{length of the text, 1 if normalised, 0…}`.
+  /// Vectors `{length of the text, 1 if normalised}`.
   class Model final : public SentenceTransformer {
    public:
     explicit Model(FakeModelRuntime& runtime) : _runtime(runtime) {}
@@ -81,11 +78,10 @@ class FakeModelRuntime final : public ModelRuntime, public TorchRuntime {
                        bool normalize_embeddings) const override {
       _runtime.note("encode " + std::to_string(_runtime.current()));
       _runtime.on_encode();
-      FloatMatrix matrix{.columns = _runtime.columns, .values = {}};
+      FloatMatrix matrix{.columns = 2, .values = {}};
       for (const std::string_view text : texts) {
         matrix.values.push_back(static_cast<float>(text.size()));
         matrix.values.push_back(normalize_embeddings ? 1.0F : 0.0F);
-        matrix.values.resize(matrix.values.size() + matrix.columns - 2);
       }
       return matrix;
     }
@@ -106,7 +102,7 @@ class FakeModelRuntime final : public ModelRuntime, public TorchRuntime {
 
   mutable Mutex _lock;
   bool _is_loaded TOVANA_GUARDED_BY(_lock) = false;
-  std::int64_t _default TOVANA_GUARDED_BY(_lock);
+  std::int64_t _default TOVANA_GUARDED_BY(_lock) = 16;
   std::map<std::thread::id, std::int64_t> _of_thread TOVANA_GUARDED_BY(_lock);
   std::vector<std::string> _calls TOVANA_GUARDED_BY(_lock);
 };

@@ -1,11 +1,11 @@
 #include "tovana/engines/embedding/backends/tfidf/tfidf.h"
 
-#include <future>
 #include <limits>
 #include <map>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -59,25 +59,23 @@ TEST(TFIDF, CutsTheFirstSuffixThatLeavesThreeCharacters) {
 }
 
 TEST(TFIDF, GivesTheKnownVectorsToTheLastDigit) {
-  using Elements = std::map<std::size_t, double>;  // those that are not zero
-  const std::pair<Texts, std::vector<Elements>> cases[] = {
-      {{"getUserName"},
-       {{{181, -0.5773502691896258}, {238, 0.5773502691896258}, {176, 0.5773502691896258}}}},
-      {{"getUserName", "get user"},
-       {{{181, -0.5015489070943787}, {238, 0.5015489070943787}, {176, 0.7049094889309326}},
-        {{181, -0.7071067811865475}, {238, 0.7071067811865475}}}},
-      {{"GET user Get"}, {{{181, -0.8610369959439764}, {238, 0.5085423203783267}}}},
-      {{"a.b::c(d)", "", " \n", "_"}, {{}, {}, {}, {}}},
-      {{}, {}},
+  const auto vector = [](const std::map<std::size_t, double>& not_zero) {
+    Vector elements(256);
+    for (const auto& [index, element] : not_zero) elements[index] = element;
+    return elements;
   };
-  for (const auto& [texts, vectors] : cases) {
-    std::vector<Vector> expected;
-    for (const Elements& elements : vectors) {
-      expected.emplace_back(256);
-      for (const auto& [index, element] : elements) expected.back()[index] = element;
-    }
-    EXPECT_EQ(TFIDFEmbeddingBackend().embed(texts), expected);
-  }
+  TFIDFEmbeddingBackend backend;
+  const std::vector<Vector> batch = {
+      vector({{181, -0.5015489070943787}, {238, 0.5015489070943787}, {176, 0.7049094889309326}}),
+      vector({{181, -0.7071067811865475}, {238, 0.7071067811865475}})};
+  EXPECT_EQ(backend.embed({"getUserName", "get user"}), batch);
+  // The squares are added up in the order of the elements.
+  EXPECT_EQ(backend.embed({"alpha ALPHA beta beta gamma gamma gamma delta delta"}).at(0),
+            vector({{5, 0.58195149786718},
+                    {44, -0.4695148042146437},
+                    {99, 0.4695148042146437},
+                    {152, -0.4695148042146437}}));
+  EXPECT_EQ(backend.embed({"a.b::c(d)", "", " \n"}), std::vector<Vector>(3, Vector(256)));
   EXPECT_EQ(EVP_MD_fetch(nullptr, "MD5", nullptr), nullptr) << "the configuration does not bite";
 }
 
@@ -95,19 +93,14 @@ TEST(TFIDF, SurvivesAnyDimension) {
 
 TEST(TFIDF, ServesManyThreadsAtOnce) {
   TFIDFEmbeddingBackend backend;
-  std::vector<Texts> batches(8);
-  std::vector<std::future<std::vector<Vector>>> results;
-  for (Texts& batch : batches) {
-    for (int word = 0; word < 100; ++word) {
-      batch.push_back("word" + std::to_string(60 * results.size() + batch.size()));
-    }
-    results.push_back(std::async(std::launch::async, [&backend, &batch] {
-      for (int round = 0; round < 20; ++round) backend.embed(batch);
-      return backend.embed(batch);
-    }));
-  }
-  for (std::size_t i = 0; i < batches.size(); ++i) {
-    EXPECT_EQ(results[i].get(), backend.embed(batches[i]));
+  Texts batch;
+  for (int word = 0; word < 500; ++word) batch.push_back("word" + std::to_string(word));
+  const std::vector<Vector> vectors = backend.embed(batch);
+  std::vector<std::jthread> threads;
+  for (int thread = 0; thread < 8; ++thread) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < 20; ++round) ASSERT_EQ(backend.embed(batch), vectors);
+    });
   }
 }
 
