@@ -40,11 +40,10 @@ class DetectionTest : public ::testing::Test {
 
 TEST_F(DetectionTest, DecidesByConfigurationAndLibrary) {
   using enum Library;
-  const std::string because = " because ";
-  const std::string no_api_url = because + "API backend requested but no api_url configured";
-  const std::string no_base_url = because + "OpenAI backend requested but no base_url configured";
-  const std::string no_library = because + "sentence-transformers is not installed";
-  const std::string local_failed = because + "Local backend failed: ";
+  const std::string no_api_url = " because API backend requested but no api_url configured";
+  const std::string no_base_url = " because OpenAI backend requested but no base_url configured";
+  const std::string no_library = " because sentence-transformers is not installed";
+  const std::string local_failed = " because Local backend failed: ";
   const std::string bad_url = "ValueError: api_url must start with http:// or https://, got: 'ftp'";
   const std::string bad_model = "model_name must be a text, got null";
   const std::string bad_dimension = "dimension must be a whole number, got the text 'x'";
@@ -79,11 +78,8 @@ TEST_F(DetectionTest, DecidesByConfigurationAndLibrary) {
       {{{"backend", "local"}, {"model_name", nullptr}}, loads, "ValueError: " + bad_model},
       {{{"backend", "local"}, {"api_url", "http://h"}}, missing, "tfidf 256" + no_library},
 
-      {{}, loads, "local:all-MiniLM-L6-v2 384"},
+      {{{"backend", nullptr}, {"api_url", 5}}, loads, "local:all-MiniLM-L6-v2 384"},
       {{{"api_url", "http://h"}}, broken, bad_library},
-      {{{"backend", nullptr}, {"model_name", "all-mpnet-base-v2"}, {"api_url", 5}},
-       loads,
-       "local:all-mpnet-base-v2 768"},
       {{{"model_name", nullptr}, {"api_url", "http://h"}},
        loads,
        "api:api 384" + local_failed + bad_model},

@@ -47,11 +47,8 @@ class HTTPBackendTest : public ::testing::Test, public http::Transport {
         {.api_url = url, .api_key = key, .timeout = timeout, .transport = this, .wait = wait});
   }
   OpenAIEmbeddingBackend openai(std::string base_url = "https://host/v1") {
-    return OpenAIEmbeddingBackend({.base_url = base_url,
-                                   .api_key = "k",
-                                   .timeout = timeout,
-                                   .transport = this,
-                                   .wait = wait});
+    return OpenAIEmbeddingBackend(
+        {.base_url = base_url, .api_key = "k", .timeout = timeout, .transport = this});
   }
 
   const Texts two = {"a", "b"};
@@ -92,7 +89,7 @@ TEST_F(HTTPBackendTest, SendsEachDialectsBodyToItsUrlAndLearnsOnlyOnesDimension)
 TEST_F(HTTPBackendTest, ReadsRepliesInTheOrderOfTheirIndexes) {
   // Items as INDEX:PLACE, an index that is missing as "-".
   for (const std::string items :
-       {"1:1 0:0", "2:2 -:0 0:1", "0.5:1 true:2 -3:0 1:3", "\"b\":1 \"a\":0", "null:0",
+       {"2:2 -:0 0:1", "0.5:1 true:2 -3:0 1:3", "\"b\":1 \"a\":0", "null:0",
         "9007199254740993:1 9007199254740992.0:0 18446744073709551615:2",
         "7:0 7:1 7:2 7:3 7:4 7:5 7:6 7:7 7:8 7:9 7:10 7:11 7:12 7:13 7:14 7:15 7:16 7:17"}) {
     std::istringstream words(items);
@@ -167,7 +164,6 @@ TEST_F(HTTPBackendTest, BoundsRepliesAndWhatItTellsOfThem) {
   EXPECT_EQ(embed_four(1'100'000, 800'000), "none");
   EXPECT_THAT(embed_four(1'200'000, 1), ::testing::HasSubstr("more than 1179"));
   EXPECT_THAT(embed_four(1, 5'000'000), ::testing::HasSubstr("larger than 4 MiB"));
-  log.take_lines();
 }
 
 TEST_F(HTTPBackendTest, ReportsAFailureOnceAndAStopNever) {

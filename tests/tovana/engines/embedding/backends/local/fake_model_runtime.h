@@ -31,12 +31,6 @@ class FakeModelRuntime final : public ModelRuntime, public TorchRuntime {
     return std::exchange(_calls, {});
   }
 
-  /// What a thread that has not computed yet would get.
-  std::int64_t default_threads() const {
-    const LockGuard guard(_lock);
-    return _default;
-  }
-
   TorchRuntime* loaded_torch() noexcept override {
     const LockGuard guard(_lock);
     return _is_loaded ? this : nullptr;

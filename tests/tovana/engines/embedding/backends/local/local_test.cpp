@@ -98,7 +98,7 @@ TEST_F(LocalBackendTest, ThreadsThatMeetShareALoadAndEncodeAtOnce) {
   workers.clear();
   EXPECT_THAT(_runtime.take_calls(),
               AllOf(Contains("cached m").Times(1), Contains("encode 2").Times(kThreads)));
-  EXPECT_EQ(_runtime.default_threads(), 16);
+  EXPECT_EQ(_runtime.get_num_threads(), 16);  // the default, of a thread that never computed
 }
 
 TEST_F(LocalBackendTest, ThreadBoundIsSetOnlyBelowTorchsOwnAndGivenBackWhateverFails) {

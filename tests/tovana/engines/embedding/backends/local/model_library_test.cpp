@@ -85,10 +85,8 @@ TEST(ModelLibraryTest, SaysWhyAFileCannotBeLoadedAndTriesItAgain) {
       {text, "file too short"},
   };
   for (const auto& [path, reason] : cases) {
-    for (int attempt = 0; attempt < 2; ++attempt) {
-      EXPECT_THAT(failure_of([&] { ModelLibrary::open(path); }),
-                  AllOf(HasSubstr("ModelLibraryError: "), HasSubstr(path), HasSubstr(reason)));
-    }
+    EXPECT_THAT(failure_of([&] { ModelLibrary::open(path); }),
+                AllOf(HasSubstr("ModelLibraryError: "), HasSubstr(path), HasSubstr(reason)));
   }
   fs::remove(text);
   fs::copy(plugin("good"), text);
@@ -103,15 +101,12 @@ TEST(ModelLibraryTest, TurnsFailuresIntoErrorsAndGivesEverythingBack) {
 
   auto model = load(*library, "model");
   EXPECT_THAT(encode(*model, "abc"), ElementsAre(2, 4, 1, 3, 4, 1));
-  const std::string broke_off = "with an exception, which it never should: ";
-  const std::pair<const char*, std::string> cases[] = {
-      {"fail ValueError", "ModelFilesError: does not work"},
-      {"fail c10::Error", "RuntimeError: c10::Error: does not work"},
-      {"fail std::bad_alloc", "std::bad_alloc: std::bad_alloc"},
-      {"throw", broke_off + "std::logic_error: oops"},
-      {"throw int", broke_off + "of an unknown type"},
-  };
-  for (const auto& [wish, failure] : cases) {
+  for (const auto& [wish, failure] :
+       {std::pair{"fail ValueError", "ModelFilesError: does not work"},
+        {"fail c10::Error", "RuntimeError: c10::Error: does not work"},
+        {"fail std::bad_alloc", "std::bad_alloc: std::bad_alloc"},
+        {"throw", "with an exception, which it never should: std::logic_error: oops"},
+        {"throw int", "with an exception, which it never should: of an unknown type"}}) {
     EXPECT_THAT(failure_of([&] { load(*library, wish); }), HasSubstr(failure));
     EXPECT_THAT(failure_of([&] { encode(*model, wish); }), HasSubstr(failure));
   }
@@ -137,9 +132,8 @@ TEST(ModelRuntimeTest, LoadsFromTheCacheAndSaysWhatItMayNotFetch) {
   ASSERT_NE(model_runtime().loaded_torch(), nullptr);
   EXPECT_EQ(model_runtime().loaded_torch()->get_num_threads(), 16);
 
-  LocalEmbeddingBackend absent("absent-model");
-  EXPECT_THAT(failure_of([&] { absent.warm_up(); }),
-              AllOf(HasSubstr("absent-model' (sentence-transformers/absent-model) is not in the "),
+  EXPECT_THAT(failure_of([] { LocalEmbeddingBackend("absent").warm_up(); }),
+              AllOf(HasSubstr("(sentence-transformers/absent) is not in the cache"),
                     HasSubstr("HF_HUB_OFFLINE")));
 }
 

@@ -1,14 +1,7 @@
 #pragma once
 
-/// What the plugins of this folder and the test that loads them as the model library agree on. A
-/// wish is a text to encode, or the last part of a model's directory:
-///
-/// | wish | comes to |
-/// |---|---|
-/// | "fail KIND" | an error of that kind |
-/// | "throw", "throw int" | a std::logic_error, an int across the boundary |
-/// | "nothing" | success without a model |
-/// | "hang" | never returns |
+/// What the plugins of this folder and the test that loads them as the model library agree on. What
+/// a text to encode, or the last part of a model's directory, makes them do is `act` in plugin.cpp.
 namespace tovana::testing {
 
 /// A plugin that hangs, here or in its constructor, writes a byte to this descriptor first. From

@@ -1,9 +1,14 @@
+#include "tovana/engines/embedding/engine/engine.h"
+
+#include <cmath>
 #include <functional>
 #include <future>
 #include <limits>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -13,24 +18,30 @@
 #include "tests/tovana/engines/embedding/engine/engine_rig.h"
 #include "tovana/engines/embedding/backends/local/model_library.h"
 #include "tovana/engines/embedding/backends/tfidf/tfidf.h"
-#include "tovana/engines/embedding/engine/engine.h"
 #include "tovana/engines/embedding/sharing/shared_engines.h"
 
 namespace tovana::embedding {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::SizeIs;
+using Fields = decltype(EmbeddingStatus().to_dict());
 
 const std::string kNotReady = "EmbeddingNotReadyError: The embedding model ";
 
-class LifecycleTest : public EngineRig {
+class EngineTest : public EngineRig {
  protected:
   /// The backend's name, or what the engine says instead of it.
   std::string now(double timeout = 0) {
     std::string name;
     const std::string failure = failure_of([&] { name = _engine->wait_ready(timeout)->name(); });
     return name.empty() ? failure.substr(kNotReady.size()) : name;
+  }
+
+  std::string failure(const EmbedOptions& options) {
+    return failure_of([&] { _engine->embed({"text"}, options); });
   }
 
   /// What a caller gets who waits, on a thread of its own, and is known to wait already.
@@ -41,7 +52,7 @@ class LifecycleTest : public EngineRig {
   }
 };
 
-TEST_F(LifecycleTest, LoadsOnceWhoeverAsksAndHandsTheBackendToAll) {
+TEST_F(EngineTest, LoadsOnceWhoeverAsksAndHandsTheBackendToAll) {
   EXPECT_EQ(_engine->status(), EmbeddingStatus{.state = "idle"});
   EXPECT_EQ(now(), "is still loading (0 s so far)");  // and has started it
   std::vector<std::jthread> callers;
@@ -50,26 +61,24 @@ TEST_F(LifecycleTest, LoadsOnceWhoeverAsksAndHandsTheBackendToAll) {
   await_attempts(1);
   auto impatient = waiter(5);
   auto patient = waiter(60);
-  _clock.advance(12.25);
+  _clock.advance(12.5);
   EXPECT_EQ(impatient.get(), "is still loading (12 s so far)");
-  EXPECT_EQ(_engine->status(), (EmbeddingStatus{.state = "loading", .loading_s = 12.2}));
+  EXPECT_EQ(_engine->status().to_dict(), (Fields{{"state", "loading"}, {"loading_s", 12.5}}));
 
   succeed();
   EXPECT_EQ(patient.get(), "local:m");
   EXPECT_EQ(_engine->status(), (EmbeddingStatus{.state = "ready", .backend = "local:m"}));
-  EXPECT_EQ(now(-5), "local:m");
   EXPECT_EQ(_engine->backend_name() + std::to_string(_engine->dimension()), "local:m384");
   join();
   EXPECT_THAT(_log.take_lines(), ElementsAre("info Loaded sentence-transformers model: m",
-                                             "info Embedding backend ready: local:m (12.2 s)"));
+                                             "info Embedding backend ready: local:m (12.5 s)"));
 
   _engine->close();
-  _engine->close();
-  EXPECT_EQ(now(), "local:m");
+  EXPECT_EQ(now(-5), "local:m");
   EXPECT_EQ(_loaders.size(), 1U);
 }
 
-TEST_F(LifecycleTest, FailuresAreToldAtOnceAndTriedAgainAfterGrowingWaits) {
+TEST_F(EngineTest, FailuresAreToldAtOnceAndTriedAgainAfterGrowingWaits) {
   const std::string failure =
       "could not be loaded (RuntimeError: no disk); the next attempt is in ";
   _engine->warm_up_async();
@@ -83,7 +92,9 @@ TEST_F(LifecycleTest, FailuresAreToldAtOnceAndTriedAgainAfterGrowingWaits) {
   EXPECT_EQ(_loaders.size(), 1U);
   _clock.advance(20, /*wakes=*/false);
   EXPECT_EQ(now(), failure + "0 s");
-  EXPECT_EQ(_engine->status().retry_in_s, 0);
+  EXPECT_EQ(
+      _engine->status().to_dict(),
+      (Fields{{"state", "unavailable"}, {"detail", "RuntimeError: no disk"}, {"retry_in_s", 0.0}}));
 
   std::vector<std::string> lines;
   for (const int delay : {30, 60, 120, 240, 480, 600, 600}) {
@@ -109,7 +120,7 @@ TEST_F(LifecycleTest, FailuresAreToldAtOnceAndTriedAgainAfterGrowingWaits) {
   EXPECT_EQ(retry_delay(kMost), 600);
 }
 
-TEST_F(LifecycleTest, SaysInEveryStateWhyTheBackendIsNotTheBest) {
+TEST_F(EngineTest, SaysInEveryStateWhyTheBackendIsNotTheBest) {
   _runtime.on_load_library = [&] {
     end_as_told();
     throw ModelLibraryNotInstalled();
@@ -139,7 +150,7 @@ TEST_F(LifecycleTest, SaysInEveryStateWhyTheBackendIsNotTheBest) {
   expect({.state = "closed", .detail = reason});
 }
 
-TEST_F(LifecycleTest, CloseEndsEverythingButAnAttemptUnderWay) {
+TEST_F(EngineTest, CloseEndsEverythingButAnAttemptUnderWay) {
   constexpr const char* kClosed = "was shut down before it was loaded";
   _engine->close();
   _engine->warm_up_async();
@@ -172,7 +183,7 @@ TEST_F(LifecycleTest, CloseEndsEverythingButAnAttemptUnderWay) {
   _engine.reset();  // in the middle of an attempt, which finds all that it touches
 }
 
-TEST_F(LifecycleTest, SurvivesAThreadThatDoesNotStartAndAnErrorOfNoKnownKind) {
+TEST_F(EngineTest, SurvivesAThreadThatDoesNotStartAndAnErrorOfNoKnownKind) {
   bool has_threads = false;
   _surroundings.start_thread = [&, start = _surroundings.start_thread](auto loader) {
     if (!has_threads) throw std::system_error(EAGAIN, std::generic_category());
@@ -188,7 +199,7 @@ TEST_F(LifecycleTest, SurvivesAThreadThatDoesNotStartAndAnErrorOfNoKnownKind) {
             " s");
 }
 
-TEST_F(LifecycleTest, BackendOfTheCallersIsReadyAndLeftAlone) {
+TEST_F(EngineTest, BackendOfTheCallersIsReadyAndLeftAlone) {
   auto backend = std::make_shared<TFIDFEmbeddingBackend>(3);
   EmbeddingEngine engine(kLocal, backend, {.surroundings = &_surroundings});
   engine.close();
@@ -197,7 +208,101 @@ TEST_F(LifecycleTest, BackendOfTheCallersIsReadyAndLeftAlone) {
   EXPECT_EQ(_loaders.size(), 0U);
 }
 
-TEST_F(LifecycleTest, NoLockIsHeldWhileLoadingLoggingOrEmbedding) {
+TEST_F(EngineTest, WaitsForTheModelAsLongAsItMay) {
+  const std::string loading = kNotReady + "is still loading (";
+  for (const EmbedOptions& options :
+       {EmbedOptions{.wait = false, .deadline = in(9)}, EmbedOptions{.deadline = in(-1)},
+        EmbedOptions{.deadline = std::nan("")}}) {
+    EXPECT_EQ(failure(options), loading + "0 s so far)");
+  }
+  EXPECT_THROW(_engine->embed_single("text", {.wait = false}), EmbeddingNotReadyError);
+  int waited = 0;
+  for (const auto& [deadline, wait] :
+       {std::pair<std::optional<double>, int>{5, 5}, {500, 60}, {std::nullopt, 60}}) {
+    const EmbedOptions options = {.deadline = deadline ? in(*deadline) : deadline};
+    auto caller = std::async(std::launch::async, [&] { return failure(options); });
+    _clock.await_waiter(in(wait));
+    _clock.advance(wait);
+    waited += wait;
+    EXPECT_EQ(caller.get(), loading + std::to_string(waited) + " s so far)");
+  }
+  auto caller = std::async(std::launch::async, [&] { return _engine->embed({"four", "three"}); });
+  succeed();
+  EXPECT_THAT(caller.get(), ElementsAre(ElementsAre(4, 1), ElementsAre(5, 1)));
+  EXPECT_THAT(_engine->embed_single("four", {.wait = false}), ElementsAre(4, 1));
+  EXPECT_THAT(_engine->embed({"four"}, {.deadline = in(-1)}), ElementsAre(ElementsAre(4, 1)));
+}
+
+TEST_F(EngineTest, WhatComputesInThisProcessIsStoppedOnlyBeforeItStarts) {
+  int asked = 0;
+  bool stop = false;
+  const EmbedOptions options = {.should_stop = [&] { return ++asked, stop; }};
+  EXPECT_THAT(_engine->embed({}, options), IsEmpty());  // no texts need no engine
+  EXPECT_EQ(_engine->status().state, "idle");
+  succeed();
+  EXPECT_EQ(failure(options), "none");
+  EXPECT_EQ(asked, 1);
+  _runtime.take_calls();
+  stop = true;
+  EXPECT_EQ(failure(options),
+            "EmbeddingStopped: the embedding call was asked to stop before it started");
+  EXPECT_THAT(_runtime.take_calls(), IsEmpty());
+}
+
+TEST_F(EngineTest, AnEndpointGetsStopTestAndDeadline) {
+  _engine = make({{"backend", "openai"}, {"base_url", "http://127.0.0.1:1"}});
+  _engine->backend();
+  int asked = 0;
+  EXPECT_EQ(failure({.should_stop = [&] { return ++asked, true; }}),
+            "EmbeddingStopped: OpenAI embedding stopped before attempt 1 of 3");
+  EXPECT_EQ(asked, 1);
+  EXPECT_THAT(failure({.deadline = 0}), HasSubstr("deadline"));
+}
+
+struct OneRow final : storage::Database {
+  std::optional<storage::DatabaseRow> fetchone(const std::string& sql) override {
+    EXPECT_EQ(sql, "SELECT model_name FROM symbol_embeddings LIMIT 1");
+    return row;
+  }
+  std::optional<storage::DatabaseRow> row;
+};
+
+TEST_F(EngineTest, StoredVectorsOfAnotherBackendNeedMigration) {
+  using storage::NamedRow;
+  using storage::PositionalRow;
+  OneRow db;
+  for (const auto& empty : {decltype(db.row)(), {PositionalRow{}}, {NamedRow{}}}) {
+    db.row = empty;
+    EXPECT_FALSE(_engine->check_backend_migration(db));
+  }
+  EXPECT_EQ(_engine->status().state, "idle");
+  succeed();
+  _engine->backend();
+  join();
+  _log.take_lines();
+
+  storage::Blob same_bytes;
+  for (const char byte : std::string_view("local:m")) same_bytes.push_back(std::byte(byte));
+  const std::pair<storage::DatabaseRow, std::string> cases[] = {
+      {PositionalRow{"local:m", "x"}, ""},
+      {NamedRow{{"model_name", "local:m"}}, ""},
+      {PositionalRow{"local:M"}, "local:M"},
+      {PositionalRow{nullptr}, "None"},
+      {PositionalRow{7}, "7"},
+      {PositionalRow{same_bytes}, "a blob of 7 bytes"},
+  };
+  std::vector<std::string> lines;
+  for (const auto& [row, changed_from] : cases) {
+    db.row = row;
+    EXPECT_EQ(_engine->check_backend_migration(db), !changed_from.empty());
+    if (changed_from.empty()) continue;
+    lines.push_back("info Embedding backend changed from '" + changed_from +
+                    "' to 'local:m' — re-embedding needed");
+  }
+  EXPECT_EQ(_log.take_lines(), lines);
+}
+
+TEST_F(EngineTest, NoLockIsHeldWhileLoadingLoggingOrEmbedding) {
   SharedEngines factory([&](EngineConfiguration config) { return make(std::move(config)); });
   const auto engine = factory.acquire(kLocal);
   int calls = 0;
@@ -248,27 +353,16 @@ TEST(LoaderThreadTest, IsNamedAndTakesNoSignals) {
 TEST(SystemClockTest, WaitsWithoutEndInLongSlices) {
   Mutex mutex;
   ConditionVariable changed;
-  bool told = false;
   int waits = 0;
+  bool told = false;
   const LockGuard guard(mutex);
   const std::jthread teller([&] {
     const LockGuard while_it_waits(mutex);
     told = true;
     changed.notify_all();
   });
-  for (; !told; ++waits) {
-    system_clock().wait_until(changed, mutex, std::numeric_limits<double>::infinity());
-  }
+  for (; !told; ++waits) system_clock().wait_until(changed, mutex, HUGE_VAL);
   EXPECT_LT(waits, 10);
-}
-
-TEST(StatusTest, RoundsHalfSecondsToEvenAndListsWhatHasAValue) {
-  const EmbeddingStatus status = {.state = "loading", .detail = "", .loading_s = 12.5};
-  EXPECT_EQ(status.describe(), "is still loading (12 s so far)");
-  using Fields = decltype(status.to_dict());
-  EXPECT_EQ(status.to_dict(), (Fields{{"state", "loading"}, {"detail", ""}, {"loading_s", 12.5}}));
-  const EmbeddingStatus late = {.state = "unavailable", .retry_in_s = 0};
-  EXPECT_EQ(late.to_dict(), (Fields{{"state", "unavailable"}, {"retry_in_s", 0.0}}));
 }
 
 }  // namespace
