@@ -42,11 +42,6 @@ struct EmbedLimits {
 /// Threads: any operation may be called from any number of threads at once.
 class _HTTPEmbeddingBackend : public EmbeddingBackend {
  public:
-  /// For a dialect that outlives the backend. `Options` are those of either kind below, of which
-  /// all but the URL count. Sends nothing and checks nothing.
-  template <class Options>
-  _HTTPEmbeddingBackend(std::string url, const _Dialect& dialect, Options options);
-
   /// The dialect's kind, ":", the model name.
   const std::string& name() const noexcept override { return _name; }
 
@@ -75,6 +70,12 @@ class _HTTPEmbeddingBackend : public EmbeddingBackend {
   /// Throws RuntimeError for another number of them, and for one that is anything but a list of
   /// finite numbers; then the dimension stays.
   std::vector<Vector> _vectors(http::JsonValue reply, std::size_t count);
+
+ protected:
+  /// For a dialect that outlives the backend. `Options` are those of either kind below, of which
+  /// all but the URL count. Sends nothing and checks nothing.
+  template <class Options>
+  _HTTPEmbeddingBackend(std::string url, const _Dialect& dialect, Options options);
 
  private:
   /// The endpoint's reply. A failure is logged here.
