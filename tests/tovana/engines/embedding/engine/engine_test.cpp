@@ -85,7 +85,7 @@ TEST_F(EngineTest, FailuresAreToldAtOnceAndTriedAgainAfterGrowingWaits) {
   auto waiting = waiter(60);
   fail_attempt(30);
   EXPECT_EQ(waiting.get(), failure + "30 s");
-  _clock.advance(12.25);
+  _clock.advance(12.25, /*wakes=*/false);
   EXPECT_EQ(_engine->status().retry_in_s, 17.8);
   EXPECT_EQ(now(60), failure + "18 s");  // nobody waits through a failure
   _engine->warm_up_async();
