@@ -4,8 +4,8 @@
 #include <atomic>
 #include <charconv>
 #include <cstdio>
-#include <map>
 #include <memory>
+#include <utility>
 
 #include <spdlog/pattern_formatter.h>
 
@@ -60,14 +60,12 @@ constexpr std::size_t kLongestPrefix = 64;
 /// Held only for moments: nothing is written, and no foreign code runs under it.
 constinit Mutex log_mutex;
 
-/// Everything that is shared between loggers. Never destroyed: threads log while the process exits.
+/// What all loggers share. Never destroyed: threads log while the process exits.
 /// Of spdlog it has the line's layout alone: spdlog's sinks hold a lock while they write, which a
 /// child that is forked meanwhile would wait for for ever, and its registry is destroyed at exit.
 struct LogState {
   std::atomic<LogLevel> level = LogLevel::info;
   std::shared_ptr<const LogSink> sink TOVANA_GUARDED_BY(log_mutex);
-  std::map<std::string, std::unique_ptr<const Logger>, std::less<>> loggers
-      TOVANA_GUARDED_BY(log_mutex);
   spdlog::pattern_formatter layout TOVANA_GUARDED_BY(log_mutex){"%Y-%m-%d %H:%M:%S.%e %l %v"};
 };
 
@@ -146,7 +144,7 @@ void Logger::deliver(LogLevel level, const std::exception* error, std::string_vi
     const LockGuard lock(log_mutex);
     sink = state.sink;
   }
-  LogRecord record{_name, level, format, std::move(arguments), std::nullopt};
+  LogRecord record{std::string(_name), level, format, std::move(arguments), std::nullopt};
   if (error != nullptr) {
     record.error = LogRecord::ErrorInformation{error_kind(*error), error->what()};
   }
@@ -155,16 +153,6 @@ void Logger::deliver(LogLevel level, const std::exception* error, std::string_vi
   } else {
     write_to_standard_error(record);
   }
-}
-
-const Logger& logger(std::string_view name) {
-  LogState& state = log_state();
-  const LockGuard lock(log_mutex);
-  const auto found = state.loggers.find(name);
-  if (found != state.loggers.end()) return *found->second;
-  return *state.loggers
-              .emplace(std::string(name), std::make_unique<const Logger>(std::string(name)))
-              .first->second;
 }
 
 }  // namespace tovana

@@ -15,16 +15,16 @@
 /// Logging with the format and its arguments kept apart until somebody prints them, so that a host
 /// can route records, group them by format, or render them its own way.
 ///
-///     const Logger& log = logger("engines.embedding");
+///     constexpr Logger log("engines.embedding");
 ///     log.info("Embedding backend ready: %s (%.1f s)", name, seconds);
 ///
 /// Formats are printf-style and checked at compile time against the arguments' types: %s takes a
 /// text (or an optional one; an empty optional prints as None), %d a whole number, %f and %.Nf a
 /// number with a fraction, %% a percent sign. No other conversion exists.
 ///
-/// Any thread may log at any time, also while the process exits. A log call never throws: a record
-/// that cannot be made or delivered is dropped. No lock is held while a sink runs, so a sink may
-/// call back into whatever logged. A child may log that was forked while other threads did.
+/// Any thread may log at any time, also while the process exits, and so may a child that was forked
+/// while other threads did. A log call never throws: a record that cannot be made or delivered is
+/// dropped.
 namespace tovana {
 
 enum class LogLevel { debug, info, warning };
@@ -50,7 +50,9 @@ struct LogRecord {
 };
 
 /// Receives records, on the thread that logged, several threads at a time. What it throws is
-/// dropped.
+/// dropped. The log holds no lock meanwhile: a sink may log, which calls it again, and set another
+/// sink. The work that logged goes on when the sink returns and may hold locks of its own, so a sink
+/// neither embeds nor asks an engine anything, and waits for no thread that may.
 using LogSink = std::function<void(const LogRecord&)>;
 
 /// The default sink: writes a line to stderr with the time, the level, the logger, the message and
@@ -145,12 +147,11 @@ LogArgument make_argument(const T& value) {
 
 }  // namespace logging_detail
 
-/// One module's way to log. Get it from `logger`; it lives for ever.
+/// One module's way to log. `name` is the module's path with dots, "engines.embedding": a string
+/// literal, or what else lives for ever.
 class Logger {
  public:
-  explicit Logger(std::string name) : _name(std::move(name)) {}
-  Logger(const Logger&) = delete;
-  Logger& operator=(const Logger&) = delete;
+  constexpr explicit Logger(std::string_view name) noexcept : _name(name) {}
 
   template <class... Arguments>
   using Format = logging_detail::CheckedFormat<std::type_identity_t<Arguments>...>;
@@ -189,11 +190,7 @@ class Logger {
   void deliver(LogLevel level, const std::exception* error, std::string_view format,
                std::vector<LogArgument> arguments) const;
 
-  std::string _name;
+  std::string_view _name;
 };
-
-/// The logger of a module, named by its path with dots: "engines.embedding". The same name gives
-/// the same logger.
-const Logger& logger(std::string_view name);
 
 }  // namespace tovana

@@ -28,7 +28,7 @@ class LoggingTest : public ::testing::Test {
   }
 
   std::vector<LogRecord> _records;
-  const Logger& _log = logger("test.module");
+  const Logger _log{"test.module"};
 };
 
 TEST_F(LoggingTest, KeepsFormatAndArgumentsApartAndRendersThem) {
@@ -86,7 +86,7 @@ TEST_F(LoggingTest, WorksInAChildForkedAnywhereInAnotherRecord) {
       const pid_t child = ::fork();
       if (child == 0) {
         ::alarm(10);  // ends a child that hangs
-        logger("test.child").info("child");
+        Logger("test.child").info("child");
         ::_exit(0);
       }
       int status = -1;

@@ -19,6 +19,8 @@
 namespace tovana::http {
 namespace {
 
+constexpr Logger log("engines.http");
+
 constexpr std::array<std::string_view, 8> kCredentialWords = {"auth",   "key",  "token", "secret",
                                                               "cookie", "pass", "sig",   "code"};
 
@@ -307,9 +309,8 @@ void warn_if_exposed(const Credentials& credentials, const std::string& url,
   const std::optional<UrlOrigin> origin = url_origin(url);
   if (!origin || origin->scheme != "http" || origin->is_loopback()) return;
   if (!names_host(url) || !first_warning_for(origin->host)) return;
-  logger("engines.http")
-      .warning("%s: the key for %s is sent over plain http, where others can read it: use https",
-               label, credentials.masked(origin->host));
+  log.warning("%s: the key for %s is sent over plain http, where others can read it: use https",
+              label, credentials.masked(origin->host));
 }
 
 }  // namespace tovana::http

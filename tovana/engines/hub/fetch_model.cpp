@@ -35,10 +35,7 @@ constexpr std::uint64_t kLargestFile = 50'000'000'000;
 /// Of a file that holds no weights.
 constexpr std::uint64_t kLargestSmallFile = 100'000'000;
 
-const Logger& log() {
-  static const Logger& module_logger = logger("engines.hub");
-  return module_logger;
-}
+constexpr Logger log("engines.hub");
 
 /// The commit as its listing has it, with the files that have been fetched so far.
 class ListedModel final : public AvailableFiles {
@@ -199,7 +196,7 @@ class Fetch {
     check_contents(model, needed.present);
     store(model);
     _cache.remove_abandoned();
-    log().info("Fetched the model %s, commit %s", _name.repo_id, _commit);
+    log.info("Fetched the model %s, commit %s", _name.repo_id, _commit);
     return find_cached_model(_name, _settings);
   }
 
@@ -289,8 +286,8 @@ class Fetch {
   }
 
   void tell_of_wait(const WantedFile& file) const {
-    log().info("Waiting for another process that fetches %s of the model %s",
-               _client.masked(files::in_quotes(file.name)), _name.repo_id);
+    log.info("Waiting for another process that fetches %s of the model %s",
+             _client.masked(files::in_quotes(file.name)), _name.repo_id);
     const std::string shown = _client.masked(file.name);
     _progress.tell({.file = shown, .file_size = file.listed.size, .is_waiting = true});
   }

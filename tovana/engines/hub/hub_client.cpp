@@ -37,10 +37,7 @@ constexpr const char* kRepoNotFound = "RepoNotFound";
 constexpr const char* kRevisionNotFound = "RevisionNotFound";
 constexpr const char* kEntryNotFound = "EntryNotFound";
 
-const Logger& log() {
-  static const Logger& module_logger = logger("engines.hub");
-  return module_logger;
-}
+constexpr Logger log("engines.hub");
 
 bool is_good(int status) { return status == 200 || status == 206; }
 
@@ -271,7 +268,7 @@ HubAnswer HubClient::_get(const std::string& url, http::Headers headers, Timeout
   HubAnswer anonymous = _follow(url, headers, timeouts, sink, false);
   if (!anonymous.is_good()) return answer;
   if (!_token_is_refused.exchange(true)) {
-    log().warning(
+    log.warning(
         "The model hub %s refuses the token (HF_TOKEN or the file of a login); going on without it",
         _shown_endpoint);
   }
@@ -362,7 +359,7 @@ void HubClient::wait_after(const HubAnswer& answer, double seconds) const {
   const std::string problem = masked(
       status != 0 && !is_good(status) ? "HTTP " + std::to_string(status) : answer.outcome.problem);
   const std::string url = masked(http::masked_url(answer.url));
-  log().info("Fetching from %s: %s; trying again in %.0f s", url, problem, seconds);
+  log.info("Fetching from %s: %s; trying again in %.0f s", url, problem, seconds);
   _on_request({.problem = problem, .retry_in_s = seconds});
   if (http::wait_unless_stopped(seconds, _should_stop, _clock) == http::WaitEnding::stopped) {
     throw_stopped();

@@ -14,10 +14,7 @@
 namespace tovana::embedding {
 namespace {
 
-const Logger& log() {
-  static const Logger& module_logger = logger("engines.embedding");
-  return module_logger;
-}
+constexpr Logger log("engines.embedding");
 
 /// Rounded correctly, by way of the decimal digits: 0.15 is less than its digits say and becomes
 /// 0.1, where multiplying by ten first would make it 0.2.
@@ -155,12 +152,12 @@ void BackendLoader::_load() {
         _state = State::ready;
         _changed.notify_all();
       }
-      log().info("Embedding backend ready: %s (%.1f s)", backend->name(), _clock.now() - started);
+      log.info("Embedding backend ready: %s (%.1f s)", backend->name(), _clock.now() - started);
       return;
     }
     ++failures;
     const double delay = retry_delay(failures);
-    log().warning(
+    log.warning(
         "The embedding model could not be loaded (attempt %d), trying again in %.0f s: %s: %s",
         failures, delay, failure.kind, failure.message);
     if (!_retry_after(failure, delay)) return;

@@ -16,10 +16,7 @@
 namespace tovana::embedding {
 namespace {
 
-const Logger& log() {
-  static const Logger& module_logger = logger("engines.embedding");
-  return module_logger;
-}
+constexpr Logger log("engines.embedding");
 
 /// One choice of a backend.
 class Detection {
@@ -60,7 +57,7 @@ class Detection {
 
   std::shared_ptr<EmbeddingBackend> _forced_local() const {
     if (!_load_library()) {
-      log().warning(
+      log.warning(
           "Local backend requested but sentence-transformers not installed, falling back to "
           "TF-IDF");
       return _make_tfidf();
@@ -73,21 +70,21 @@ class Detection {
       try {
         const std::string model = _model_name(DEFAULT_LOCAL_MODEL);
         std::shared_ptr<EmbeddingBackend> local = _make_local(model);
-        log().info("Using local embedding backend: %s", model);
+        log.info("Using local embedding backend: %s", model);
         return local;
       } catch (const std::exception& error) {
         _set_fallback({.cause = Fallback::Cause::local_backend_failed,
                        .reason = std::string("Local backend failed: ") + error.what()});
-        log().warning("Failed to create local backend: %s", error.what());
+        log.warning("Failed to create local backend: %s", error.what());
       }
     } else {
-      log().debug("sentence-transformers not available");
+      log.debug("sentence-transformers not available");
     }
     if (const std::optional<std::string> url = _usable_url("api_url")) {
-      log().info("Using API embedding backend");
+      log.info("Using API embedding backend");
       return _make_api(*url);
     }
-    log().info("Using TF-IDF embedding backend (stdlib-only fallback)");
+    log.info("Using TF-IDF embedding backend (stdlib-only fallback)");
     return _make_tfidf();
   }
 
@@ -105,7 +102,7 @@ class Detection {
 
   std::shared_ptr<EmbeddingBackend> _not_configured(const std::string& reason) const {
     _set_fallback({.cause = Fallback::Cause::not_configured, .reason = reason});
-    log().warning("%s, falling back to TF-IDF", reason);
+    log.warning("%s, falling back to TF-IDF", reason);
     return _make_tfidf();
   }
 

@@ -14,6 +14,7 @@ using storage::DatabaseValue;
 using storage::NamedRow;
 using storage::PositionalRow;
 
+constexpr Logger log("engines.embedding");
 constexpr const char* kModelNameColumn = "model_name";
 
 /// The value of the one column; null for a row without columns.
@@ -51,9 +52,8 @@ bool EmbeddingEngine::check_backend_migration(storage::Database& db) {
   const std::string current_backend = backend_name();
   const auto* const stored_text = std::get_if<std::string>(stored_backend);
   if (stored_text != nullptr && *stored_text == current_backend) return false;
-  logger("engines.embedding")
-      .info("Embedding backend changed from '%s' to '%s' — re-embedding needed",
-            std::visit(Printed{}, *stored_backend), current_backend);
+  log.info("Embedding backend changed from '%s' to '%s' — re-embedding needed",
+           std::visit(Printed{}, *stored_backend), current_backend);
   return true;
 }
 

@@ -14,10 +14,7 @@
 namespace tovana::embedding {
 namespace {
 
-const Logger& log() {
-  static const Logger& module_logger = logger("engines.embedding");
-  return module_logger;
-}
+constexpr Logger log("engines.embedding");
 
 /// More than any model has; the numbers of a vector take up to about 30 bytes each as text, so that
 /// this is room for every layout.
@@ -101,8 +98,8 @@ http::JsonReply _HTTPEmbeddingBackend::_post(const std::vector<std::string>& tex
   } catch (const http::Stopped& stopped) {
     throw EmbeddingStopped(label + " " + stopped.what());
   } catch (const http::HttpFailure& failure) {
-    log().warning_with_error(failure, "%s HTTP/transport call failed (url=%s, texts=%d): %s", label,
-                             http::masked_url(_url), texts.size(), std::string(failure.what()));
+    log.warning_with_error(failure, "%s HTTP/transport call failed (url=%s, texts=%d): %s", label,
+                           http::masked_url(_url), texts.size(), std::string(failure.what()));
     throw RuntimeError(label + " failed: " + failure.what());
   }
 }

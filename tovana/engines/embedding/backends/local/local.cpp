@@ -11,10 +11,7 @@
 namespace tovana::embedding {
 namespace {
 
-const Logger& log() {
-  static const Logger& module_logger = logger("engines.embedding");
-  return module_logger;
-}
+constexpr Logger log("engines.embedding");
 
 /// Texts as a model takes them: the given ones, but for those that had to be repaired.
 class WellFormedTexts {
@@ -75,11 +72,11 @@ const SentenceTransformer& LocalEmbeddingBackend::_load_model() {
   try {
     model = _runtime->sentence_transformer(_model_name, /*local_files_only=*/true);
   } catch (const std::exception& error) {
-    log().info("Model %s is not cached (%s), fetching it", _model_name, error.what());
+    log.info("Model %s is not cached (%s), fetching it", _model_name, error.what());
     model = _runtime->sentence_transformer(_model_name, /*local_files_only=*/false);
   }
   _model = std::move(model);
-  log().info("Loaded sentence-transformers model: %s", _model_name);
+  log.info("Loaded sentence-transformers model: %s", _model_name);
   return *_model;
 }
 
