@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tovana/base/text.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::tool {
@@ -95,21 +96,13 @@ class RecordHandler {
   std::string _problem;
 };
 
-std::string_view without_white_space(std::string_view text) {
-  constexpr std::string_view kWhiteSpace = " \t\r\n";
-  const std::size_t start = text.find_first_not_of(kWhiteSpace);
-  return start == std::string_view::npos
-             ? std::string_view()
-             : text.substr(start, text.find_last_not_of(kWhiteSpace) + 1 - start);
-}
-
 /// The members of an object that is known to be valid, as they are written.
 std::vector<std::string_view> split_members(std::string_view object) {
   std::vector<std::string_view> members;
   std::size_t depth = 0;
   std::size_t start = 0;
   const auto end_member = [&](std::size_t end) {
-    members.push_back(without_white_space(object.substr(start, end - start)));
+    members.push_back(trimmed(object.substr(start, end - start)));
     start = end + 1;
   };
   for (std::size_t i = 0; i < object.size(); ++i) {

@@ -8,11 +8,10 @@
 #include <cstdint>
 
 #include "failure.h"
+#include "tovana/base/text.h"
 
 namespace tovana::tool {
 namespace {
-
-constexpr std::string_view kHexDigits = "0123456789abcdef";
 
 /// "-2.2250738585072014e-308"
 constexpr std::size_t kLongestNumber = 24;

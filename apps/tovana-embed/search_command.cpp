@@ -1,6 +1,4 @@
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -87,11 +85,7 @@ std::string printable(std::string_view text) {
 }
 
 void write_hit(Output& output, double score, const std::string& text) {
-  std::array<char, 16> digits{};
-  const char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), score,
-                                        std::chars_format::fixed, 4)
-                              .ptr;
-  output.write({digits.data(), end});
+  output.write(with_decimals(score, 4));
   output.write("\t");
   output.write(printable(text));
   output.write("\n");

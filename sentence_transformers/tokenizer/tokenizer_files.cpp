@@ -11,7 +11,7 @@ std::string TokenizerFiles::path_of(std::string_view name) const {
 }
 
 TokenizerFiles TokenizerFiles::read(const files::ModelDirectory& directory) {
-  constexpr std::size_t kLargest = std::size_t{64} << 20U;
+  constexpr std::size_t kLargest = files::ModelDirectory::kLargestJson;
   TokenizerFiles files;
   files.folder = directory.path().string();
   files.tokenizer_json = directory.read("tokenizer.json", kLargest);

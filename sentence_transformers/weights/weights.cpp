@@ -15,8 +15,6 @@ namespace {
 
 constexpr std::string_view kSingle = "model.safetensors";
 constexpr std::string_view kIndex = "model.safetensors.index.json";
-constexpr std::uint64_t kLargestFile = std::uint64_t{64} << 30U;
-constexpr std::size_t kLargestIndex = std::size_t{64} << 20U;
 
 SafetensorsFile open_weights(const files::ModelDirectory& directory,
                              const files::FileHandle& file) {
@@ -27,7 +25,8 @@ SafetensorsFile open_weights(const files::ModelDirectory& directory,
 
 [[noreturn]] void refuse_without_safetensors(const files::ModelDirectory& directory) {
   for (const std::string_view name : {"pytorch_model.bin", "pytorch_model.bin.index.json"}) {
-    std::optional<files::FileHandle> file = directory.open(name, kLargestFile);
+    std::optional<files::FileHandle> file =
+        directory.open(name, files::ModelDirectory::kLargestFile);
     if (!file) continue;
     throw files::ModelFilesError(
         file->path() +
@@ -64,17 +63,20 @@ Weights::Weights(std::vector<SafetensorsFile> files, TensorMap tensors) noexcept
 
 Weights Weights::load(const files::ModelDirectory& directory) {
   std::vector<SafetensorsFile> files;
-  if (const std::optional<files::FileHandle> file = directory.open(kSingle, kLargestFile)) {
+  if (const std::optional<files::FileHandle> file =
+          directory.open(kSingle, files::ModelDirectory::kLargestFile)) {
     files.push_back(open_weights(directory, *file));
     TensorMap tensors = files.front().tensors();
     return Weights(std::move(files), std::move(tensors));
   }
 
-  const std::optional<nlohmann::json> index = directory.read_json(kIndex, kLargestIndex);
+  const std::optional<nlohmann::json> index =
+      directory.read_json(kIndex, files::ModelDirectory::kLargestJson);
   if (!index) refuse_without_safetensors(directory);
   TensorMap tensors;
   for (const auto& [shard, names] : tensors_by_shard(directory, *index)) {
-    const std::optional<files::FileHandle> file = directory.open(shard, kLargestFile);
+    const std::optional<files::FileHandle> file =
+        directory.open(shard, files::ModelDirectory::kLargestFile);
     if (!file) {
       throw files::ModelFilesError(directory.path_of(shard) + ": not there, though " +
                                    std::string(kIndex) + " names it");

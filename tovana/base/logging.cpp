@@ -1,8 +1,6 @@
 #include "tovana/base/logging.h"
 
-#include <array>
 #include <atomic>
-#include <charconv>
 #include <cstdio>
 #include <memory>
 #include <utility>
@@ -18,14 +16,6 @@ namespace {
 
 using logging_detail::Conversion;
 
-std::string formatted_number(double value, int decimals) {
-  std::array<char, 512> digits;  // 309 before the point at most, and nine behind it
-  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value,
-                                 std::chars_format::fixed, decimals)
-                       .ptr;
-  return {digits.data(), end};
-}
-
 /// How many digits a conversion asks for behind the point; "%f" asks for printf's six.
 int decimals_of(std::string_view conversion) {
   return conversion.starts_with('.') ? conversion[1] - '0' : 6;
@@ -37,7 +27,7 @@ struct ArgumentPrinter {
   std::string operator()(std::monostate) const { return "None"; }
   std::string operator()(std::int64_t value) const { return std::to_string(value); }
   std::string operator()(double value) const {
-    return formatted_number(value, decimals_of(conversion));
+    return with_decimals(value, decimals_of(conversion));
   }
   std::string operator()(const std::string& value) const { return value; }
 };

@@ -1,5 +1,7 @@
 #include "tovana/base/text.h"
 
+#include <array>
+#include <charconv>
 #include <cstdint>
 #include <cstring>
 
@@ -82,6 +84,27 @@ void append_lower_case_by_pieces(std::string_view text, std::string& result) {
 
 }  // namespace
 
+std::string ascii_lower(std::string_view text) {
+  std::string lowered(text);
+  for (char& byte : lowered) byte = ascii_lower(byte);
+  return lowered;
+}
+
+std::string_view trimmed(std::string_view text) noexcept {
+  constexpr std::string_view kWhiteSpace = " \t\r\n";
+  const std::size_t first = text.find_first_not_of(kWhiteSpace);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(kWhiteSpace) + 1 - first);
+}
+
+std::string with_decimals(double number, int decimals) {
+  std::array<char, 512> digits;  // 309 before the point at most
+  char* const begin = digits.data();
+  return {
+      begin,
+      std::to_chars(begin, begin + digits.size(), number, std::chars_format::fixed, decimals).ptr};
+}
+
 bool is_ascii(std::string_view text) noexcept {
   const char* bytes = text.data();
   std::size_t left = text.size();
@@ -147,7 +170,6 @@ void append_lower_case(std::string_view text, std::string& result) {
 }
 
 std::string escape_control_characters(std::string_view text) {
-  constexpr std::string_view kHexDigits = "0123456789abcdef";
   std::string escaped;
   escaped.reserve(text.size());
   for (std::size_t position = 0; position < text.size();) {

@@ -11,6 +11,28 @@
 /// Every function here takes any bytes whatsoever, is pure, and may run on any thread.
 namespace tovana {
 
+/// An ASCII capital in lower case; any other byte as it is.
+constexpr char ascii_lower(char byte) noexcept {
+  return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
+}
+
+/// The text with its ASCII capitals in lower case. For a text of people see `append_lower_case`.
+std::string ascii_lower(std::string_view text);
+
+constexpr bool is_ascii_alphanumeric(char byte) noexcept {
+  return (byte >= '0' && byte <= '9') || (ascii_lower(byte) >= 'a' && ascii_lower(byte) <= 'z');
+}
+
+/// The text without the spaces, tabs and line ends at its two ends: the white space of JSON and of
+/// HTTP, not Unicode's.
+std::string_view trimmed(std::string_view text) noexcept;
+
+inline constexpr std::string_view kHexDigits = "0123456789abcdef";
+
+/// The number with so many digits behind the point, 0 to 9; without a point for 0. Its exact value
+/// is rounded, a tie to the even digit.
+std::string with_decimals(double number, int decimals);
+
 /// What an ill-formed sequence becomes: U+FFFD, the replacement character.
 inline constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD";
 

@@ -47,6 +47,10 @@ class ModelDirectory {
  public:
   /// Configuration files are a few kilobytes; this leaves room for the oddest of them.
   static constexpr std::size_t kLargestConfig = std::size_t{4} << 20U;
+  /// Vocabularies, listings and indices may be tens of megabytes. Larger ones are not read.
+  static constexpr std::size_t kLargestJson = std::size_t{64} << 20U;
+  /// Larger files are not a model's.
+  static constexpr std::uint64_t kLargestFile = std::uint64_t{64} << 30U;
 
   /// A folder whose files all lie in it. Throws ModelFilesError when there is no such folder.
   explicit ModelDirectory(const std::filesystem::path& root);

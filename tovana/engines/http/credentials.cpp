@@ -34,16 +34,7 @@ constexpr std::size_t kShortestAnywhere = 4;
 /// With the backslashes of a text that was escaped several times.
 constexpr std::size_t kLongestEscape = 16;
 
-char lower(char letter) {
-  return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
-}
-
-bool is_word_character(char character) {
-  const char letter = lower(character);
-  return (letter >= 'a' && letter <= 'z') || (letter >= '0' && letter <= '9');
-}
-
-bool equal_letters(char one, char other) { return lower(one) == lower(other); }
+bool equal_letters(char one, char other) { return ascii_lower(one) == ascii_lower(other); }
 
 bool carries_credentials(std::string_view name) {
   return std::any_of(kCredentialWords.begin(), kCredentialWords.end(), [&](std::string_view word) {
@@ -172,8 +163,8 @@ std::string without(std::string_view secret, std::string_view text) {
   std::string masked;
   for (std::size_t at = 0; at < text.size();) {
     const std::size_t size = spelled_size(text.substr(at), secret);
-    const bool is_word = (at == 0 || !is_word_character(text[at - 1])) &&
-                         (at + size >= text.size() || !is_word_character(text[at + size]));
+    const bool is_word = (at == 0 || !is_ascii_alphanumeric(text[at - 1])) &&
+                         (at + size >= text.size() || !is_ascii_alphanumeric(text[at + size]));
     if (size > 0 && (secret.size() >= kShortestAnywhere || is_word)) {
       masked += "***";
       at += size;

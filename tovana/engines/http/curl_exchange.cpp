@@ -9,6 +9,7 @@
 #include <optional>
 #include <utility>
 
+#include "tovana/base/text.h"
 #include "tovana/engines/http/credentials.h"
 #include "tovana/engines/http/curl_errors.h"
 #include "tovana/engines/http/url.h"
@@ -68,12 +69,6 @@ void check(CURLMcode result) {
 template <class Value>
 void set(CURL* easy, CURLoption option, Value value) {
   check(curl_easy_setopt(easy, option, value));
-}
-
-std::string_view trimmed(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(" \t\r\n");
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t\r\n") + 1 - first);
 }
 
 std::string seconds_text(double seconds) {

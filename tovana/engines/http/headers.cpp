@@ -2,15 +2,14 @@
 
 #include <algorithm>
 
+#include "tovana/base/text.h"
+
 namespace tovana::http {
 
 bool HeaderNameLess::operator()(std::string_view left, std::string_view right) const noexcept {
-  const auto lower = [](char letter) {
-    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
-  };
   return std::lexicographical_compare(
       left.begin(), left.end(), right.begin(), right.end(),
-      [&](char one, char other) { return lower(one) < lower(other); });
+      [&](char one, char other) { return ascii_lower(one) < ascii_lower(other); });
 }
 
 }  // namespace tovana::http

@@ -45,10 +45,6 @@ std::string_view advice_for(int status) {
   }
 }
 
-bool is_blank(std::string_view text) {
-  return text.find_first_not_of(" \t\r\n") == std::string_view::npos;
-}
-
 /// How one attempt ended: with a reply, or with a problem.
 struct Attempt {
   std::optional<JsonReply> reply = std::nullopt;
@@ -127,7 +123,7 @@ class Call {
     const std::string advice =
         is_redirect ? redirect_problem(head.headers) : std::string(advice_for(head.status));
     if (!advice.empty()) problem += ", " + advice;
-    if (!is_blank(body)) problem += "; the server says " + quoted(body);
+    if (!trimmed(body).empty()) problem += "; the server says " + quoted(body);
     return problem;
   }
 
@@ -149,7 +145,7 @@ class Call {
 
   Attempt read_reply(const ResponseHead& head, std::string& text) const {
     const std::string status = "HTTP " + std::to_string(head.status);
-    if (is_blank(text)) return {.problem = "the reply is empty (" + status + ")"};
+    if (trimmed(text).empty()) return {.problem = "the reply is empty (" + status + ")"};
     try {
       return {.reply = JsonReply::parse(std::move(text), _options.most_values)};
     } catch (const RuntimeError& error) {

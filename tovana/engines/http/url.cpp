@@ -36,12 +36,6 @@ CurlUrl parsed_url(const std::string& url, const std::string& base) {
   return parsed;
 }
 
-void lower_case(std::string& ascii) {
-  for (char& letter : ascii) {
-    if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
-  }
-}
-
 /// "name=value&flag" with the values masked. A part without a name may itself be a token.
 std::string masked_query(std::string_view query) {
   std::string masked;
@@ -128,9 +122,7 @@ std::optional<UrlOrigin> url_origin(const std::string& url, const std::string& b
   const auto host = part_of(parsed, CURLUPART_HOST);
   const auto port = part_of(parsed, CURLUPART_PORT);
   if (!scheme || !host || !port) return std::nullopt;
-  UrlOrigin origin{*scheme, *host, *port};
-  lower_case(origin.scheme);
-  lower_case(origin.host);
+  UrlOrigin origin{ascii_lower(*scheme), ascii_lower(*host), *port};
   if (origin.host.starts_with('[') && origin.host.ends_with(']')) {
     origin.host = origin.host.substr(1, origin.host.size() - 2);
   }

@@ -2,12 +2,13 @@
 
 #include <algorithm>
 
+#include "tovana/base/text.h"
+
 namespace tovana::hub {
 namespace {
 
 bool is_lower_hex(std::string_view text) {
-  return std::ranges::all_of(
-      text, [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+  return text.find_first_not_of(kHexDigits) == std::string_view::npos;
 }
 
 }  // namespace

@@ -19,13 +19,6 @@ namespace {
 namespace fs = std::filesystem;
 using files::ModelDirectory;
 
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view kBlanks = " \t\r\n";
-  const std::size_t first = text.find_first_not_of(kBlanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
-
 bool is_existing_folder(const fs::path& path) {
   std::error_code error;
   return fs::is_directory(path, error);

@@ -33,9 +33,8 @@ NameInText name_in(std::string_view text) {
     if (end == std::string_view::npos) return {{}, 1};
     return {text.substr(2, end - 2), end + 1};
   }
-  const auto end = std::find_if_not(text.begin() + 1, text.end(), [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
-  });
+  const auto end = std::find_if_not(text.begin() + 1, text.end(),
+                                    [](char c) { return is_ascii_alphanumeric(c) || c == '_'; });
   const auto size = static_cast<std::size_t>(end - text.begin());
   return {text.substr(1, size - 1), size};
 }
@@ -137,9 +136,7 @@ std::filesystem::path cache_root(const Variables& variables) {
 
 std::string without_line_ends(std::string text) {
   std::erase_if(text, [](char c) { return c == '\r' || c == '\n'; });
-  const std::size_t first = text.find_first_not_of(" \t");
-  if (first == std::string::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t") + 1 - first);
+  return std::string(trimmed(text));
 }
 
 std::string token_file_content(const Variables& variables) {

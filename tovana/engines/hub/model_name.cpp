@@ -86,16 +86,10 @@ constexpr std::array<std::string_view, 68> kClassicModels = {
 static_assert(std::ranges::is_sorted(kClassicModels));
 
 bool is_classic(std::string_view name) {
-  std::string lower(name);
-  for (char& c : lower) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return std::ranges::binary_search(kClassicModels, std::string_view(lower));
+  return std::ranges::binary_search(kClassicModels, std::string_view(ascii_lower(name)));
 }
 
-bool is_word_character(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
-}
+bool is_word_character(char c) { return is_ascii_alphanumeric(c) || c == '_'; }
 
 bool is_valid_part(std::string_view part) {
   return !part.empty() && part.size() <= kLongestPart && is_word_character(part.front()) &&

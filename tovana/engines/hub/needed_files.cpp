@@ -222,11 +222,11 @@ std::string AvailableFiles::shown(std::string_view name) const {
 }
 
 std::optional<files::FileHandle> AvailableFiles::open(std::string_view name) const {
-  return _model_directory().open(_place(name), kLargestModelFile);
+  return _model_directory().open(_place(name), files::ModelDirectory::kLargestFile);
 }
 
 std::optional<nlohmann::json> AvailableFiles::read_json(std::string_view name) const {
-  return _model_directory().read_json(_place(name), kLargestJson);
+  return _model_directory().read_json(_place(name), files::ModelDirectory::kLargestJson);
 }
 
 NeededFiles needed_files(const AvailableFiles& files) {

@@ -14,12 +14,6 @@
 
 namespace tovana::hub {
 
-/// Larger files are not a model's.
-inline constexpr std::uint64_t kLargestModelFile = std::uint64_t{64} << 30U;
-
-/// Larger JSON files are not read.
-inline constexpr std::size_t kLargestJson = std::size_t{64} << 20U;
-
 /// How much has to be known of a file.
 enum class Need {
   required,   ///< It is there.

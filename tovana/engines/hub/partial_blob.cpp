@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "tovana/base/libcrypto.h"
+#include "tovana/base/text.h"
 #include "tovana/engines/hub/leftover.h"
 #include "tovana/exceptions/exceptions.h"
 
@@ -97,9 +98,8 @@ std::string ContentHash::finish() {
   check_libcrypto(EVP_DigestFinal_ex(_context.get(), digest.data(), &size));
   std::string hex;
   for (unsigned i = 0; i < size; ++i) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    hex += kDigits[digest[i] >> 4U];
-    hex += kDigits[digest[i] & 15U];
+    hex += kHexDigits[digest[i] >> 4U];
+    hex += kHexDigits[digest[i] & 15U];
   }
   return hex;
 }

@@ -22,7 +22,8 @@ using ListedSizes = std::map<std::string, std::uint64_t, std::less<>>;
 /// pointer in place of a large file, "lfs_size" is the file's own.
 std::optional<ListedSizes> read_listing(const ModelDirectory& repository, const std::string& name) {
   try {
-    const std::optional<nlohmann::json> tree = repository.read_json(name, kLargestJson);
+    const std::optional<nlohmann::json> tree =
+        repository.read_json(name, ModelDirectory::kLargestJson);
     if (!tree || tree->at("format_version") != 1) return std::nullopt;
     ListedSizes listing;
     for (const auto& [file, entry] : tree->at("files").items()) {

@@ -1,13 +1,13 @@
 #include "tovana/engines/embedding/engine/backend_loader.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <exception>
 #include <utility>
 
 #include "tovana/base/background_thread.h"
 #include "tovana/base/logging.h"
+#include "tovana/base/text.h"
 #include "tovana/engines/embedding/engine/detection.h"
 #include "tovana/exceptions/exceptions.h"
 
@@ -19,12 +19,9 @@ constexpr Logger log("engines.embedding");
 /// Rounded correctly, by way of the decimal digits: 0.15 is less than its digits say and becomes
 /// 0.1, where multiplying by ten first would make it 0.2.
 double to_one_decimal_place(double seconds) {
-  std::array<char, 512> digits;  // the largest double has 309 before the point
-  char* const begin = digits.data();
-  const char* const end =
-      std::to_chars(begin, begin + digits.size(), seconds, std::chars_format::fixed, 1).ptr;
+  const std::string digits = with_decimals(seconds, 1);
   double rounded = seconds;
-  std::from_chars(begin, end, rounded);
+  std::from_chars(digits.data(), digits.data() + digits.size(), rounded);
   return rounded;
 }
 

@@ -1,20 +1,15 @@
 #include "tovana/engines/embedding/engine/status.h"
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 
+#include "tovana/base/text.h"
 #include "tovana/engines/embedding/settings.h"
 
 namespace tovana::embedding {
 namespace {
 
 std::string whole_seconds(std::optional<double> seconds) {
-  std::array<char, 512> digits;  // the largest double has 309
-  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), seconds.value_or(0),
-                                 std::chars_format::fixed, 0)
-                       .ptr;
-  return {digits.data(), end};
+  return with_decimals(seconds.value_or(0), 0);
 }
 
 }  // namespace
