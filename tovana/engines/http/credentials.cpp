@@ -223,6 +223,28 @@ void add_userinfo(std::string_view url, std::vector<std::string>& secrets) {
   }
 }
 
+/// Adds a header's value: whole, without its first word, which may name the kind of key as in
+/// "Bearer k", and each of the other words.
+void add_header_value(std::string_view value, std::vector<std::string>& secrets) {
+  const std::string_view key = value.substr(value.find(' ') + 1);
+  for (const std::string_view whole : {value, key}) {
+    secrets.emplace_back(whole);
+    secrets.push_back(base64(whole));  // as a server may write what it was sent
+  }
+  for (const std::string_view word : parts_of(key, " ")) secrets.emplace_back(word);
+}
+
+/// The parameters in a URL's query; a part without "=" is a value without a name.
+std::vector<std::pair<std::string_view, std::string_view>> parameters_of(std::string_view url) {
+  std::vector<std::pair<std::string_view, std::string_view>> parameters;
+  for (const std::string_view part : parts_of(query_of(url), "&")) {
+    const std::size_t equals = part.find('=');
+    const bool has_name = equals != std::string_view::npos;
+    parameters.emplace_back(has_name ? part.substr(0, equals) : "", part.substr(equals + 1));
+  }
+  return parameters;
+}
+
 /// The hosts that a warning has named. Never destroyed: calls may run while the process exits.
 struct WarnedHosts {
   const pid_t process = getpid();
@@ -240,35 +262,25 @@ bool first_warning_for(const std::string& host) {
 
 }  // namespace
 
-Credentials::Credentials(const Headers& headers, std::string_view url,
-                         const Environment* environment)
-    : _environment(environment) {
-  for (const auto& [name, value] : headers) {
-    if (value.empty() || !carries_credentials(name)) continue;
-    _has_key = true;
-    _secrets.push_back(value);
-    // The first word of several names the kind of key, as in "Bearer k".
-    const std::string_view key = std::string_view(value).substr(value.find(' ') + 1);
-    _secrets.emplace_back(key);
-    for (const std::string_view encoded : {std::string_view(value), key}) {
-      _secrets.push_back(base64(encoded));  // as a server may write what it was sent
-    }
-    for (const std::string_view word : parts_of(key, " ")) _secrets.emplace_back(word);
-  }
-  add_userinfo(url, _secrets);
-  _has_key = _has_key || has_user(url);
-  for (const std::string_view part : parts_of(query_of(url), "&")) {
-    const std::size_t equals = part.find('=');
-    const bool has_name = equals != std::string_view::npos;
-    const std::string_view value = has_name ? part.substr(equals + 1) : part;
-    const bool is_key = has_name && carries_credentials(part.substr(0, equals));
-    _has_key = _has_key || (is_key && !value.empty());
-    if (is_key || value.size() >= kShortestAnywhere) _secrets.push_back(percent_decoded(value));
-  }
+bool Credentials::empty() const {
+  const auto is_key = [](const auto& named) {
+    return !named.second.empty() && carries_credentials(named.first);
+  };
+  return std::ranges::none_of(_headers, is_key) && !has_user(_url) &&
+         std::ranges::none_of(parameters_of(_url), is_key);
 }
 
-std::string Credentials::masked(std::string_view text) const {
-  std::vector<std::string> secrets = _secrets;
+std::vector<std::string> Credentials::secrets() const {
+  std::vector<std::string> secrets;
+  for (const auto& [name, value] : _headers) {
+    if (carries_credentials(name)) add_header_value(value, secrets);
+  }
+  add_userinfo(_url, secrets);
+  for (const auto& [name, value] : parameters_of(_url)) {
+    if (carries_credentials(name) || value.size() >= kShortestAnywhere) {
+      secrets.push_back(percent_decoded(value));
+    }
+  }
   for (const char* variable : kProxyVariables) {
     if (const auto proxy = environment_variable(variable, _environment)) {
       add_userinfo(*proxy, secrets);
@@ -277,8 +289,12 @@ std::string Credentials::masked(std::string_view text) const {
   std::erase_if(secrets, [](const std::string& secret) { return secret.empty(); });
   // Wholes before their parts.
   std::ranges::stable_sort(secrets, std::ranges::greater(), &std::string::size);
+  return secrets;
+}
+
+std::string Credentials::masked(std::string_view text) const {
   std::string masked(text);
-  for (const std::string& secret : secrets) masked = without(secret, masked);
+  for (const std::string& secret : secrets()) masked = without(secret, masked);
   return masked;
 }
 

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tovana/base/environment.h"
@@ -14,18 +15,22 @@ namespace tovana::http {
 /// What a request carries that nobody is to see: the values of headers such as Authorization and
 /// X-Api-Key, and of "Bearer k" also the k alone, whole and in its words; user and password of its
 /// URL and the values of its query; and the users and passwords of the proxies that the environment
-/// names, also in the base64 of basic authentication. Whatever a
-/// server, a library or an environment says goes through `masked` or `excerpt` on its way into a
-/// message.
+/// names, also in the base64 of basic authentication. Whatever a server, a library or an environment
+/// says goes through `masked` or `excerpt` on its way into a message.
+///
+/// Only these two work the secrets out: a call that succeeds does not pay for them.
+///
+/// Threads: nothing changes; any number may read. The process's environment is read at each call.
 class Credentials {
  public:
   /// The process's own environment counts when `environment` is null; otherwise it has to outlive
   /// the object.
-  explicit Credentials(const Headers& headers, std::string_view url = {},
-                       const Environment* environment = nullptr);
+  explicit Credentials(Headers headers, std::string url = {},
+                       const Environment* environment = nullptr)
+      : _headers(std::move(headers)), _url(std::move(url)), _environment(environment) {}
 
   /// Whether the request carries no key: in no header, nor in its URL.
-  bool empty() const noexcept { return !_has_key; }
+  bool empty() const;
 
   /// The text with "***" in place of every secret that it repeats, in upper or lower case, with
   /// escapes of JSON, URLs or HTML in it or without, also where the text breaks off inside the
@@ -37,8 +42,11 @@ class Credentials {
   std::string excerpt(std::string_view text, std::size_t most_bytes) const;
 
  private:
-  std::vector<std::string> _secrets;
-  bool _has_key = false;
+  /// Every secret, none of them empty, the longest first.
+  std::vector<std::string> secrets() const;
+
+  Headers _headers;
+  std::string _url;
   const Environment* _environment;
 };
 
