@@ -50,9 +50,9 @@ constexpr std::size_t kLongestPrefix = 64;
 /// Held only for moments: nothing is written, and no foreign code runs under it.
 constinit Mutex log_mutex;
 
-/// What all loggers share. Never destroyed: threads log while the process exits.
-/// Of spdlog it has the line's layout alone: spdlog's sinks hold a lock while they write, which a
-/// child that is forked meanwhile would wait for for ever, and its registry is destroyed at exit.
+/// What all loggers share. Never destroyed: threads log while the process exits. Of spdlog it has
+/// the line's layout alone: spdlog's sinks hold a lock while they write, which a child that is
+/// forked meanwhile would wait for for ever, and its registry is destroyed at exit.
 struct LogState {
   std::atomic<LogLevel> level = LogLevel::info;
   std::shared_ptr<const LogSink> sink TOVANA_GUARDED_BY(log_mutex);

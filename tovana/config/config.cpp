@@ -5,7 +5,7 @@
 #include <fstream>
 #include <iterator>
 
-// Compiled in: one file parses TOML, and nobody who links this needs the library.
+// Compiled in: who links this does not need the library.
 #define TOML_HEADER_ONLY 1
 #include <toml++/toml.h>
 

@@ -34,7 +34,7 @@ struct Config {
 ///
 /// What is missing keeps its default; sections and keys of other components are passed over. Throws
 /// RuntimeError when the file cannot be read, and ValueError, with the file, the line and what to
-/// write instead, when it is not TOML or a value is no text.
+/// write instead, when it is not TOML or a value is not a text.
 Config load_config(const std::filesystem::path& file);
 
 /// Where the user's settings are kept: `$XDG_CONFIG_HOME/tovana/settings.toml`, by default under

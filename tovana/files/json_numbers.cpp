@@ -16,7 +16,7 @@ bool is_beyond(std::string_view text) {
          std::errc::result_out_of_range;
 }
 
-/// Of a number that is no double: whether it lies beyond them, and not between them and 0.
+/// Of a number that is not a double: whether it lies beyond them, and not between them and 0.
 bool is_huge(std::string_view text) {
   const std::size_t first = std::min(text.find_first_not_of("-0"), text.size());
   const std::size_t exponent_at = std::min(text.find_first_of("eE"), text.size());

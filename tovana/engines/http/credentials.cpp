@@ -120,7 +120,7 @@ std::optional<Spelled> escape_at(std::string_view text) {
   }
 }
 
-/// The character at the beginning of a text as it stands there; a byte that is no UTF-8 for itself.
+/// The character at the beginning of a text as it stands there; a byte that is not UTF-8 for itself.
 Spelled plain_at(std::string_view text) {
   const utf8::Decoded decoded = utf8::decode(text.data(), text.data() + text.size());
   if (!decoded.well_formed) return {static_cast<unsigned char>(text.front()), 1};

@@ -131,7 +131,7 @@ void CurlExchange::configure(const std::string& ca_file) {
   set(easy, CURLOPT_CONNECTTIMEOUT_MS, milliseconds(usable(_request.idle_timeout_s)));
   set(easy, CURLOPT_TCP_KEEPALIVE, 1L);
   // Refused while the handle still has the buffer of a transfer that failed before it had a
-  // connection. That one does, so it is no failure.
+  // connection. That one does, so it is not a failure.
   static_cast<void>(curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBufferBytes));
   set(easy, CURLOPT_MAXAGE_CONN, kOldestIdleConnectionS);
 

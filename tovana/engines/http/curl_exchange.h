@@ -24,7 +24,8 @@ class CurlExchange {
   CurlExchange(const CurlExchange&) = delete;
   CurlExchange& operator=(const CurlExchange&) = delete;
 
-  /// Once only. Throws what the sink throws and std::bad_alloc.
+  /// Once only. Throws what the sink and the stop test throw, std::bad_alloc, and RuntimeError when
+  /// libcurl fails in another way than by the network.
   Outcome run();
 
  private:

@@ -51,7 +51,7 @@ int close_socket(void* slot, curl_socket_t closed) {
 }
 
 /// Adds the sockets of an idle slot, to be asked whether their servers have closed them. Bytes that
-/// have come are no reason: TLS sends tickets for later unasked.
+/// have come do not mean that: TLS sends tickets for later unasked.
 void append_polls(const CurlSlot& slot, std::vector<pollfd>& polls) {
   for (const curl_socket_t socket : slot.sockets) {
     if (socket != CURL_SOCKET_BAD) polls.push_back({socket, POLLRDHUP, 0});

@@ -26,7 +26,7 @@ struct CurlSlot {
   CurlSlot(const CurlSlot&) = delete;
   CurlSlot& operator=(const CurlSlot&) = delete;
 
-  /// Makes the next transfer's connection tell its socket. Throws nothing.
+  /// Has `sockets` kept by the connections that the next transfer opens and closes.
   void watch_sockets() noexcept;
 
   CURLM* multi;

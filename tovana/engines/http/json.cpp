@@ -52,6 +52,26 @@ JsonKind kind_of(const element& value) noexcept {
   return JsonKind::null;
 }
 
+std::string_view kind_name(JsonKind kind) noexcept {
+  switch (kind) {
+    case JsonKind::object:
+      return "an object";
+    case JsonKind::array:
+      return "an array";
+    case JsonKind::string:
+      return "a string";
+    case JsonKind::whole_number:
+      return "a whole number";
+    case JsonKind::real:
+      return "a number with a fraction";
+    case JsonKind::boolean:
+      return "a boolean";
+    case JsonKind::null:
+      break;
+  }
+  return "null";
+}
+
 /// The value as the type that holds its kind; `expected` is that kind in words.
 template <class T>
 T as(const element& value, const char* expected) {
@@ -165,26 +185,6 @@ std::string explanation(simdjson::error_code error, std::string_view text) {
 struct JsonReply::Document {
   simdjson::dom::document parsed;
 };
-
-std::string_view kind_name(JsonKind kind) noexcept {
-  switch (kind) {
-    case JsonKind::object:
-      return "an object";
-    case JsonKind::array:
-      return "an array";
-    case JsonKind::string:
-      return "a string";
-    case JsonKind::whole_number:
-      return "a whole number";
-    case JsonKind::real:
-      return "a number with a fraction";
-    case JsonKind::boolean:
-      return "a boolean";
-    case JsonKind::null:
-      break;
-  }
-  return "null";
-}
 
 JsonKind JsonValue::kind() const noexcept { return kind_of(view(_words)); }
 

@@ -16,9 +16,6 @@ namespace tovana::http {
 
 enum class JsonKind { object, array, string, whole_number, real, boolean, null };
 
-/// The kind in words, with its article: "an object", "a whole number", "null".
-std::string_view kind_name(JsonKind kind) noexcept;
-
 /// One value inside a `JsonReply`: a view of two words, passed by value. It, and every text taken
 /// from it, is valid as long as the reply it came from lives; moving the reply does not disturb it.
 ///

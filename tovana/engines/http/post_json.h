@@ -54,9 +54,9 @@ struct PostOptions {
 /// Blocks for as long as the policy allows. Throws
 /// - Stopped when the policy's stop test says stop;
 /// - HttpFailure for every other way in which the call can fail;
-/// - ValueError for a body that is no object;
+/// - ValueError for a body that is not an object;
 /// - unchanged, what the policy's stop test, wait and clock or the transport throw, and
-/// std::bad_alloc.
+///   std::bad_alloc.
 ///
 /// Tried again are timeouts, dropped connections (refused and reset ones, failed name look-ups and
 /// cut bodies among them) and the policy's statuses; a reply that is not JSON is not. An error's

@@ -29,18 +29,17 @@ struct Request {
   /// connecting and the TLS handshake together have to be done in one such stretch too.
   double idle_timeout_s = 30.0;
 
-  /// Seconds that end the exchange in any case, also in the middle of a transfer.
-  /// Both count in real time; what is not above 0 counts as one millisecond.
+  /// Seconds that end the exchange in any case, also in the middle of a transfer. This and the
+  /// others count in real time; what is not above 0 counts as one millisecond.
   double total_timeout_s = std::numeric_limits<double>::infinity();
 
   /// Seconds that the body of a response whose status is not 2xx is waited for once its head is
   /// there. That status has decided; the body only explains it. Ends the exchange as `timed_out`.
   double error_body_timeout_s = 1.0;
 
-  /// Offers the server gzip; the sink gets the decoded bytes. A large body that was
-  /// compressed beyond measure ends the exchange as `failed`. Leave it off where bytes are counted
-  /// or resumed by their position: a stream that is cut inside gzip's framing may end as
-  /// `complete`.
+  /// Offers the server gzip; the sink gets the decoded bytes. A large body that was compressed
+  /// beyond measure ends the exchange as `failed`. Leave it off where bytes are counted or resumed
+  /// by their position: a stream that is cut inside gzip's framing may end as `complete`.
   bool accept_gzip = false;
 
   /// Asked at least ten times a second while the exchange is under way, on the thread that called
@@ -87,7 +86,7 @@ enum class Ending {
 
 struct Outcome {
   Ending ending = Ending::complete;
-  ResponseHead head = {};  ///< As far as it arrived: a status is no proof of a whole response.
+  ResponseHead head = {};  ///< As far as it arrived: a status does not prove a whole response.
   std::string problem =
       {};  ///< For a person, one line; no secrets; empty when complete or aborted.
 };

@@ -26,7 +26,7 @@ std::optional<std::string> part_of(const CurlUrl& url, CURLUPart part,
   return std::string(text);
 }
 
-/// Null for what is no URL. A relative `url` is read against `base`, unless that is empty.
+/// Null for what is not a URL. A relative `url` is read against `base`, unless that is empty.
 CurlUrl parsed_url(const std::string& url, const std::string& base) {
   CurlUrl parsed(curl_url(), &curl_url_cleanup);
   if (parsed == nullptr) throw std::bad_alloc();

@@ -24,12 +24,12 @@ struct UrlOrigin {
   bool operator==(const UrlOrigin&) const = default;
 };
 
-/// The origin of an absolute URL; none for a text that is no such URL or names no host. A relative
+/// The origin of an absolute URL; none for a text that is not one or names no host. A relative
 /// `url` is resolved against `base` when that is given.
 std::optional<UrlOrigin> url_origin(const std::string& url, const std::string& base = {});
 
 /// What `reference`, which may be relative, stands for on the page `base`: the absolute URL; none
-/// when that is no URL.
+/// when that is not a URL.
 std::optional<std::string> resolved_url(const std::string& reference, const std::string& base);
 
 /// The text as one segment of a URL's path: all but letters, digits and "-._~" become %XX.
