@@ -1,7 +1,7 @@
 #include <iostream>
 #include <limits>
 
-#include "fake_hub.h"
+#include "tests/tovana/engines/hub/fake_hub.h"
 
 /// Serves a folder as a repository of the tests' hub, prints the hub's URL and goes on until its
 /// standard input ends.

@@ -1,4 +1,4 @@
-#include "fake_hub.h"
+#include "tests/tovana/engines/hub/fake_hub.h"
 
 #include <cstdlib>
 #include <fstream>

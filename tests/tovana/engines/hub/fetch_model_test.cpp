@@ -24,13 +24,13 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include "fake_hub.h"
 #include "tests/support/certificates.h"
 #include "tests/support/failure_text.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_folder.h"
 #include "tests/support/waiting.h"
+#include "tests/tovana/engines/hub/fake_hub.h"
 #include "tovana/engines/http/curl_transport.h"
 #include "tovana/engines/hub/fetch_errors.h"
 #include "tovana/engines/hub/fetch_progress.h"
