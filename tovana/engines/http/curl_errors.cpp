@@ -16,9 +16,7 @@ long long_info(CURL* easy, CURLINFO info) {
 /// Whether the connection to or behind a SOCKS proxy broke or did not come about. Other causes lie
 /// in the request, such as its password, or in what the proxy may do, and stay.
 bool may_pass(CURL* easy) {
-  CURLproxycode code = CURLPX_OK;
-  curl_easy_getinfo(easy, CURLINFO_PROXY_ERROR, &code);
-  switch (code) {
+  switch (long_info(easy, CURLINFO_PROXY_ERROR)) {
     case CURLPX_CLOSED:
     case CURLPX_RECV_ADDRESS:
     case CURLPX_RECV_AUTH:
