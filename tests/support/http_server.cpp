@@ -1,7 +1,6 @@
 #include "tests/support/http_server.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
@@ -13,18 +12,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "tovana/engines/http/sigpipe_guard.h"
+
 namespace tovana::testing {
 namespace {
 
 constexpr std::string_view kHeadEnd = "\r\n\r\n";
-
-/// Closed sockets raise SIGPIPE here too; the signal is the client's to be tested with.
-void block_sigpipe() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
 
 }  // namespace
 
@@ -111,8 +104,9 @@ void HttpServer::accept_connections() {
 }
 
 void HttpServer::serve(Connection& connection) {
-  block_sigpipe();
-  if (connection._tls && SSL_accept(connection._tls.get()) != 1) connection.refuse();
+  const http::SigpipeGuard guard;
+  // A client whose handshake has failed reads why and goes.
+  if (connection._tls && SSL_accept(connection._tls.get()) != 1) connection.stall();
   while (connection.read_head()) {
     {
       const LockGuard lock(_mutex);
@@ -215,15 +209,6 @@ void HttpServer::Connection::close() {
 void HttpServer::Connection::reset() {
   const linger drop_all{.l_onoff = 1, .l_linger = 0};
   ::setsockopt(_socket, SOL_SOCKET, SO_LINGER, &drop_all, sizeof drop_all);
-  close();
-}
-
-void HttpServer::Connection::refuse() {
-  // Closed with bytes unread, the socket would send an RST, which overtakes the alert.
-  ::shutdown(_socket, SHUT_WR);
-  char buffer[1 << 10];
-  while (::recv(_socket, buffer, sizeof buffer, 0) > 0) {
-  }
   close();
 }
 

@@ -33,8 +33,8 @@ class HttpServer {
   /// own thread. Unless it closed the connection, the next request on it is read afterwards.
   using Script = std::function<void(Connection&)>;
 
-  /// With a context it speaks TLS. Without one, the beginning of a TLS handshake, or of one
-  /// with a SOCKS proxy, counts as a request. The socket is closed in the end.
+  /// With a context it speaks TLS. Without one, the beginning of a TLS handshake, or of one with a
+  /// SOCKS proxy, counts as a request. The socket is closed in the end.
   explicit HttpServer(Script script, std::shared_ptr<SSL_CTX> tls = nullptr,
                       LoopbackSocket at = bind_to_loopback());
   /// Ends all connections, whatever their scripts are doing.
@@ -102,8 +102,6 @@ class HttpServer::Connection {
   friend class HttpServer;
   bool read_more();
   bool read_head();
-  /// After a handshake that failed: lets the client read why.
-  void refuse();
   /// From another thread: wakes this one from whatever it waits for.
   void hang_up();
 

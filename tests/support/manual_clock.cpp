@@ -49,4 +49,10 @@ void ManualClock::wait_until(ConditionVariable& changed, LockReference& held, do
   _waiters.erase(self);
 }
 
+void FakeClock::wait_until(ConditionVariable& /*changed*/, LockReference& /*held*/,
+                           double deadline) {
+  const LockGuard guard(_mutex);
+  _now = std::max(_now, deadline);
+}
+
 }  // namespace tovana::testing

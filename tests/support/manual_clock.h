@@ -8,7 +8,7 @@
 namespace tovana::testing {
 
 /// A clock that stands still until a test moves it. Threads that wait on it do wait.
-class ManualClock final : public Clock {
+class ManualClock : public Clock {
  public:
   explicit ManualClock(double start = 1000) : _now(start) {}
 
@@ -24,6 +24,9 @@ class ManualClock final : public Clock {
  protected:
   void wait_until(ConditionVariable& changed, LockReference& held, double deadline) override;
 
+  mutable Mutex _mutex;
+  double _now TOVANA_GUARDED_BY(_mutex);
+
  private:
   struct Waiter {
     ConditionVariable* changed;
@@ -31,10 +34,17 @@ class ManualClock final : public Clock {
     double deadline;
   };
 
-  mutable Mutex _mutex;
   ConditionVariable _waiters_changed;
-  double _now TOVANA_GUARDED_BY(_mutex);
   std::list<Waiter> _waiters TOVANA_GUARDED_BY(_mutex);
+};
+
+/// One on which every wait ends at once, having moved the time to the end of the wait.
+class FakeClock final : public ManualClock {
+ public:
+  using ManualClock::ManualClock;
+
+ private:
+  void wait_until(ConditionVariable& changed, LockReference& held, double deadline) override;
 };
 
 }  // namespace tovana::testing

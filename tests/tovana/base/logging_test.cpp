@@ -7,9 +7,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include "tests/support/child_process.h"
 #include "tests/support/failing_new.h"
 #include "tovana/exceptions/exceptions.h"
 
@@ -83,15 +82,11 @@ TEST_F(LoggingTest, WorksInAChildForkedAnywhereInAnotherRecord) {
     has_forked = false;
     const auto fork_and_log = [&] {
       has_forked = true;
-      const pid_t child = ::fork();
-      if (child == 0) {
-        ::alarm(10);  // ends a child that hangs
+      const auto log = [] {
         Logger("test.child").info("child");
-        ::_exit(0);
-      }
-      int status = -1;
-      ASSERT_EQ(::waitpid(child, &status, 0), child);
-      EXPECT_EQ(status, 0) << allocations;
+        return 0;
+      };
+      EXPECT_EQ(testing::run_in_child(log), 0) << allocations;
     };
     const tovana::testing::FailingNew forking(allocations, fork_and_log);
     _log.info("parent: %s", std::string(500, 'x'));

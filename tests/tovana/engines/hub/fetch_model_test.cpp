@@ -26,8 +26,8 @@
 
 #include "tests/support/certificates.h"
 #include "tests/support/failure_text.h"
-#include "tests/support/fake_clock.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/manual_clock.h"
 #include "tests/support/temp_folder.h"
 #include "tests/support/waiting.h"
 #include "tests/tovana/engines/hub/fake_hub.h"
