@@ -24,17 +24,14 @@ TEST(ConfigTest, ReadsItsPartOfTheDaemonsFile) {
   EXPECT_EQ(config.generation.embedding_model, "");
   EXPECT_EQ(load("").daemon.embedding_backend, "auto");
   EXPECT_EQ(load("").generation.base_url, std::nullopt);
-
   for (const auto& [content, problem] :
        {std::pair{"[daemon]\nembedding_backend = 3",
                   ":2: daemon.embedding_backend must be a text in quotes"},
         {"\ngeneration = 'x'", ":2: generation must be a section, [generation]"},
-        {"[daemon]\nembedding_backend = local", ":2: not TOML: "},
-        {"[daemon\n", ":1: not TOML: "}}) {
+        {"[daemon]\nembedding_backend = local", ":2: not TOML: "}}) {
     EXPECT_THAT(failure_of([&, text = content] { load(text); }),
                 ::testing::StartsWith("ValueError: " + file.string() + problem));
   }
-  EXPECT_THROW(load_config(folder.path()), RuntimeError);
   EXPECT_THROW(load_config(folder.path() / "missing"), RuntimeError);
 }
 

@@ -1,6 +1,7 @@
 #include "tovana/storage/sqlite/sqlite_database.h"
 
 #include <filesystem>
+#include <memory>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -12,32 +13,34 @@
 namespace tovana::storage {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 /// The daemon's end: writes the database that is read here.
 class Writer {
  public:
-  explicit Writer(const std::filesystem::path& path) { sqlite3_open(path.c_str(), &_connection); }
-  ~Writer() { sqlite3_close(_connection); }
-  Writer(const Writer&) = delete;
-  Writer& operator=(const Writer&) = delete;
-
+  explicit Writer(const std::filesystem::path& path) {
+    sqlite3* opened = nullptr;
+    sqlite3_open(path.c_str(), &opened);
+    _connection.reset(opened, &sqlite3_close);
+  }
   void run(const char* sql) {
-    ASSERT_EQ(sqlite3_exec(_connection, sql, nullptr, nullptr, nullptr), SQLITE_OK)
-        << sqlite3_errmsg(_connection);
+    ASSERT_EQ(sqlite3_exec(_connection.get(), sql, nullptr, nullptr, nullptr), SQLITE_OK);
   }
 
  private:
-  sqlite3* _connection = nullptr;
+  std::shared_ptr<sqlite3> _connection;
 };
 
 TEST(SqliteDatabaseTest, GivesTheFirstRowAsItIsStored) {
   const TempFolder folder;
-  const auto path = folder.path() / ":memory:?#%";  // names that SQLite might read its own way
-  Writer writer(path);
+  std::filesystem::current_path(folder.path());
+  Writer writer(folder.path() / ":memory:");
   writer.run("CREATE TABLE t (a); PRAGMA journal_mode=WAL;");
-  SqliteDatabase db(path);
+  SqliteDatabase db(":memory:", 1.5);  // a name that SQLite has another use for
   EXPECT_EQ(db.fetchone("SELECT a FROM t LIMIT 1"), std::nullopt);
+  EXPECT_EQ(db.fetchone("PRAGMA busy_timeout"), DatabaseRow(PositionalRow{1500}));
   writer.run("INSERT INTO t VALUES ('tfidf'), (zeroblob(9000))");  // in the log, not in the file
   const auto row = db.fetchone("SELECT a, NULL, 7, 0.5, x'00ff', 'a' || char(0) || 'b' FROM t");
   EXPECT_EQ(row,
@@ -47,54 +50,48 @@ TEST(SqliteDatabaseTest, GivesTheFirstRowAsItIsStored) {
 }
 
 TEST(SqliteDatabaseTest, SaysWhatIsWrongWithTheFile) {
+  using Cause = DatabaseError::Cause;
   const TempFolder folder;
-  const auto problem = [](const std::filesystem::path& path, DatabaseError::Cause cause) {
-    try {
-      SqliteDatabase(path).fetchone("SELECT model_name FROM symbol_embeddings LIMIT 1");
-    } catch (const DatabaseError& error) {
-      EXPECT_EQ(error.cause(), cause) << error.what();
-      EXPECT_THAT(error.what(), ::testing::StartsWith(path.string() + ": "));
-      return std::string(error.what());
-    }
-    return std::string("none");
-  };
   const auto path = folder.path() / "x.db";
-  EXPECT_THAT(problem(path, DatabaseError::Cause::no_such_file), HasSubstr("no such database"));
+  const auto copy = folder.path() / "copy.db";
+  const auto expect = [](const std::filesystem::path& file, Cause cause, const char* said) {
+    try {
+      SqliteDatabase(file, 0).fetchone("SELECT model_name FROM symbol_embeddings LIMIT 1");
+      ADD_FAILURE() << said;
+    } catch (const DatabaseError& error) {
+      EXPECT_EQ(error.cause(), cause);
+      EXPECT_THAT(error.what(), AllOf(StartsWith(file.string() + ": "), HasSubstr(said)));
+    }
+  };
+  expect(path, Cause::no_such_file, "no such database");
   EXPECT_FALSE(std::filesystem::exists(path));
-  write_file(path, "");
-  EXPECT_THAT(problem(path, DatabaseError::Cause::other_schema),
-              HasSubstr("no such table: symbol_embeddings; is it the daemon's database?"));
   write_file(path, std::string(4096, 'x'));
-  problem(path, DatabaseError::Cause::not_a_database);
-  problem(folder.path(), DatabaseError::Cause::not_a_database);
+  expect(path, Cause::not_a_database, "give the path");
+  expect(folder.path(), Cause::not_a_database, "is a directory");
   std::filesystem::create_symlink("loop", folder.path() / "loop");
-  EXPECT_THAT(problem(folder.path() / "loop", DatabaseError::Cause::unreadable),
-              HasSubstr("Too many levels of symbolic links; give another path"));
-
+  expect(folder.path() / "loop", Cause::unreadable, "symbolic links; give another path");
   write_file(path, "");
+  expect(path, Cause::other_schema, "symbol_embeddings; is it the daemon's database?");
+
   Writer writer(path);
   writer.run("CREATE TABLE symbol_embeddings (name)");
-  problem(path, DatabaseError::Cause::other_schema);
+  expect(path, Cause::other_schema, "no such column");
   writer.run("INSERT INTO symbol_embeddings VALUES (zeroblob(9000))");
   // What a writer leaves that is broken off once some of its pages have reached the file.
-  const auto copy = folder.path() / "copy.db";
   writer.run("PRAGMA cache_size=1; BEGIN; UPDATE symbol_embeddings SET name = zeroblob(9999999)");
   std::filesystem::copy_file(path, copy);
   std::filesystem::copy_file(path.string() + "-journal", copy.string() + "-journal");
-  EXPECT_THAT(problem(copy, DatabaseError::Cause::broken_off), HasSubstr("let the daemon"));
+  expect(copy, Cause::broken_off, "let the daemon");
   writer.run("COMMIT");
   std::filesystem::remove(copy.string() + "-journal");
   const auto size = std::filesystem::file_size(path);
   for (const auto left : {size - 1, size - 4096, std::uintmax_t{5000}}) {
     std::filesystem::copy_file(path, copy, std::filesystem::copy_options::overwrite_existing);
     std::filesystem::resize_file(copy, left);
-    problem(copy, DatabaseError::Cause::not_a_database);
+    expect(copy, Cause::not_a_database, "");
   }
-
   writer.run("BEGIN EXCLUSIVE");
-  EXPECT_THROW(SqliteDatabase(path, 0).fetchone("SELECT model_name FROM symbol_embeddings"),
-               DatabaseLockedError);
-  writer.run("COMMIT");
+  EXPECT_THROW(SqliteDatabase(path, 0).fetchone("SELECT name"), DatabaseLockedError);
 }
 
 }  // namespace
