@@ -5,7 +5,6 @@
 #include <nlohmann/json.hpp>
 
 #include "soak/exit_runs.h"
-#include "tests/support/certificates.h"
 #include "tests/support/http_server.h"
 #include "tovana/engines/http/curl_transport.h"
 #include "tovana/engines/http/post_json.h"

@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "tovana/base/libcrypto.h"
 #include "tovana/engines/http/sigpipe_guard.h"
 
 namespace tovana::testing {
@@ -25,6 +26,19 @@ std::string response(int status, std::string_view body, std::string_view headers
   return "HTTP/1.1 " + std::to_string(status) +
          " Scripted\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" +
          std::string(headers) + "\r\n" + std::string(body);
+}
+
+std::string authority_file() { return TOVANA_TEST_CERTIFICATES "/authority.pem"; }
+
+std::shared_ptr<SSL_CTX> server_context(const std::string& name) {
+  initialize_libcrypto();
+  const std::string file = TOVANA_TEST_CERTIFICATES "/" + name + ".pem";  // with its key
+  std::shared_ptr<SSL_CTX> context(SSL_CTX_new(TLS_server_method()), &SSL_CTX_free);
+  if (SSL_CTX_use_certificate_file(context.get(), file.c_str(), SSL_FILETYPE_PEM) != 1 ||
+      SSL_CTX_use_PrivateKey_file(context.get(), file.c_str(), SSL_FILETYPE_PEM) != 1) {
+    throw std::runtime_error("cannot read " + file);
+  }
+  return context;
 }
 
 LoopbackSocket bind_to_loopback() {

@@ -116,6 +116,13 @@ class HttpServer::Connection {
   std::thread _thread;
 };
 
+/// The PEM file of the authority that signed the certificates of the servers.
+std::string authority_file();
+
+/// The context of a server that shows one of them: "server", which is valid for 127.0.0.1,
+/// "other_host" or "expired".
+std::shared_ptr<SSL_CTX> server_context(const std::string& name = "server");
+
 /// The response that `Connection::respond` sends.
 std::string response(int status, std::string_view body, std::string_view headers = {});
 

@@ -17,8 +17,8 @@ TEST(ConfigTest, ReadsItsPartOfTheDaemonsFile) {
     return load_config(file);
   };
   const Config config = load(
-      "[daemon]\nport = 7\nembedding_backend = 'openai'\n"
-      "[generation]\nbase_url = \"http://x/v1\"\nembedding_model = ''\n[wiki]\nx = 1\n");
+      "wiki.x = 1\n[daemon]\nport = 7\nembedding_backend = 'openai'\n"
+      "[generation]\nbase_url = \"http://x/v1\"\nembedding_model = ''\n");
   EXPECT_EQ(config.daemon.embedding_backend, "openai");
   EXPECT_EQ(config.generation.base_url, "http://x/v1");
   EXPECT_EQ(config.generation.embedding_model, "");
@@ -36,12 +36,12 @@ TEST(ConfigTest, ReadsItsPartOfTheDaemonsFile) {
 }
 
 TEST(ConfigTest, FindsTheUsersFile) {
-  const auto found = [](const Environment& environment) {
-    return user_config_file(&environment).value_or("none").string();
-  };
-  EXPECT_EQ(found({{"XDG_CONFIG_HOME", "/c"}, {"HOME", "/h"}}), "/c/tovana/settings.toml");
-  EXPECT_EQ(found({{"XDG_CONFIG_HOME", "c"}, {"HOME", "/h"}}), "/h/.config/tovana/settings.toml");
-  EXPECT_EQ(found({{"XDG_CONFIG_HOME", ""}}), "none");
+  const Environment absolute = {{"XDG_CONFIG_HOME", "/c"}, {"HOME", "/h"}};
+  const Environment relative = {{"XDG_CONFIG_HOME", "c"}, {"HOME", "/h"}};
+  const Environment neither = {{"XDG_CONFIG_HOME", ""}};
+  EXPECT_EQ(user_config_file(&absolute), "/c/tovana/settings.toml");
+  EXPECT_EQ(user_config_file(&relative), "/h/.config/tovana/settings.toml");
+  EXPECT_EQ(user_config_file(&neither), std::nullopt);
 }
 
 }  // namespace

@@ -14,10 +14,7 @@ namespace tovana::http {
 namespace {
 
 using namespace std::string_literals;
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::SizeIs;
+using namespace ::testing;
 
 TEST(Credentials, AreMaskedHoweverTheyAreSpelled) {
   const Headers headers = {{"AUTHORIZATION", "Bearer sk-Very/\"long\"&secret"},

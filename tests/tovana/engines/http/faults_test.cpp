@@ -15,7 +15,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "tests/support/certificates.h"
 #include "tests/support/child_process.h"
 #include "tests/support/failing_new.h"
 #include "tests/support/failure_text.h"
@@ -37,19 +36,8 @@ namespace {
 
 using namespace std::string_literals;
 using namespace std::string_view_literals;
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::SizeIs;
-using tovana::testing::FailingNew;
-using tovana::testing::FakeClock;
-using tovana::testing::HttpServer;
-using tovana::testing::LogRecorder;
-using tovana::testing::open_descriptors;
-using tovana::testing::response;
-using tovana::testing::run_in_child;
-using tovana::testing::server_context;
+using namespace ::testing;
+using namespace tovana::testing;
 using Connection = HttpServer::Connection;
 using Script = HttpServer::Script;
 
@@ -226,7 +214,7 @@ TEST(HttpFaults, ADeadConnectionOfEarlierIsReplacedWithoutAnAttempt) {
 TEST(HttpFaults, TheWayToTheServer) {
   const LogRecorder log;
   CurlTransport transport;
-  const auto [listener, port] = tovana::testing::bind_to_loopback();
+  const auto [listener, port] = bind_to_loopback();
   const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/";
   EXPECT_THAT(call(transport, url), AllOf(HasSubstr("failed after 3 attempts"),
                                           HasSubstr("refused: is the server running")));
@@ -324,7 +312,7 @@ TEST(HttpFaults, MalformedRequestsAreNotSent) {
 }
 
 TEST(HttpFaults, Tls) {
-  const std::string ca_file = tovana::testing::authority_file();
+  const std::string ca_file = authority_file();
   const std::shared_ptr<SSL_CTX> outdated = server_context();
   SSL_CTX_set_max_proto_version(outdated.get(), TLS1_1_VERSION);
   const std::shared_ptr<SSL_CTX> asking = server_context();
@@ -501,7 +489,7 @@ TEST(CurlTransport, ClosesIdleConnectionsOfAllSlotsWithTheNextCall) {
 
 TEST(CurlTransport, AForkedChildLeavesItsParentsConnectionsAlone) {
   FakeClock clock;
-  CurlTransport transport({.ca_file = tovana::testing::authority_file(), .clock = &clock});
+  CurlTransport transport({.ca_file = authority_file(), .clock = &clock});
   HttpServer server([](Connection& connection) { connection.respond(200, kGood); },
                     server_context());
   EXPECT_EQ(call(transport, server.url()), "none");
@@ -548,7 +536,7 @@ std::function<int()>* last_of_exit = nullptr;
 TEST(CurlTransport, GoesOnWhileTheProcessExits) {
   HttpServer server([](Connection& connection) { connection.respond(200, "[1]"); },
                     server_context());
-  CurlTransport transport({.ca_file = tovana::testing::authority_file()});
+  CurlTransport transport({.ca_file = authority_file()});
   std::function<int()> call_again = [&] {
     return post_json(server.url(), {{"a", 1}}, {.transport = &transport}).root().numbers()[0] != 1;
   };

@@ -20,12 +20,8 @@ namespace tovana::http {
 namespace {
 
 using namespace std::string_literals;
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::StartsWith;
-using tovana::testing::run_in_child;
+using namespace ::testing;
+using namespace tovana::testing;
 
 std::string nested(std::size_t levels) {
   return std::string(levels, '[') + "0" + std::string(levels, ']');
@@ -79,7 +75,7 @@ TEST(Json, CanBeReadInAChildForkedAnywhereInAnotherParse) {
       };
       EXPECT_EQ(run_in_child(parse_and_exit), 0) << allocations;
     };
-    const tovana::testing::FailingNew forking(allocations, fork_and_parse);
+    const FailingNew forking(allocations, fork_and_parse);
     JsonReply::parse("[]");
   }
   EXPECT_GT(allocations, 4);

@@ -23,16 +23,8 @@ namespace tovana::http {
 namespace {
 
 using namespace std::string_literals;
-using ::testing::AllOf;
-using ::testing::DoubleNear;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
-using tovana::testing::FakeClock;
-using tovana::testing::LogRecorder;
+using namespace ::testing;
+using namespace tovana::testing;
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 const std::string kKey = "sk-very/secret";

@@ -24,7 +24,6 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include "tests/support/certificates.h"
 #include "tests/support/failure_text.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/manual_clock.h"

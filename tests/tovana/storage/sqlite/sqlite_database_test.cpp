@@ -1,6 +1,7 @@
 #include "tovana/storage/sqlite/sqlite_database.h"
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -13,35 +14,26 @@
 namespace tovana::storage {
 namespace {
 
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
+using namespace ::testing;
 
-/// The daemon's end: writes the database that is read here.
-class Writer {
- public:
-  explicit Writer(const std::filesystem::path& path) {
-    sqlite3* opened = nullptr;
-    sqlite3_open(path.c_str(), &opened);
-    _connection.reset(opened, &sqlite3_close);
-  }
-  void run(const char* sql) {
-    ASSERT_EQ(sqlite3_exec(_connection.get(), sql, nullptr, nullptr, nullptr), SQLITE_OK);
-  }
-
- private:
-  std::shared_ptr<sqlite3> _connection;
-};
+/// The daemon's end: runs what writes the database that is read here.
+std::function<void(const char*)> writer_of(const std::filesystem::path& path) {
+  sqlite3* opened = nullptr;
+  sqlite3_open(path.c_str(), &opened);
+  return [connection = std::shared_ptr<sqlite3>(opened, &sqlite3_close)](const char* sql) {
+    ASSERT_EQ(sqlite3_exec(connection.get(), sql, nullptr, nullptr, nullptr), SQLITE_OK);
+  };
+}
 
 TEST(SqliteDatabaseTest, GivesTheFirstRowAsItIsStored) {
   const TempFolder folder;
   std::filesystem::current_path(folder.path());
-  Writer writer(folder.path() / ":memory:");
-  writer.run("CREATE TABLE t (a); PRAGMA journal_mode=WAL;");
+  const auto write = writer_of(folder.path() / ":memory:");
+  write("CREATE TABLE t (a); PRAGMA journal_mode=WAL;");
   SqliteDatabase db(":memory:", 1.5);  // a name that SQLite has another use for
   EXPECT_EQ(db.fetchone("SELECT a FROM t LIMIT 1"), std::nullopt);
   EXPECT_EQ(db.fetchone("PRAGMA busy_timeout"), DatabaseRow(PositionalRow{1500}));
-  writer.run("INSERT INTO t VALUES ('tfidf'), (zeroblob(9000))");  // in the log, not in the file
+  write("INSERT INTO t VALUES ('tfidf'), (zeroblob(9000))");  // in the log, not in the file
   const auto row = db.fetchone("SELECT a, NULL, 7, 0.5, x'00ff', 'a' || char(0) || 'b' FROM t");
   EXPECT_EQ(row,
             DatabaseRow(PositionalRow{"tfidf", nullptr, 7, 0.5, Blob{std::byte{0}, std::byte{0xff}},
@@ -73,16 +65,16 @@ TEST(SqliteDatabaseTest, SaysWhatIsWrongWithTheFile) {
   write_file(path, "");
   expect(path, Cause::other_schema, "symbol_embeddings; is it the daemon's database?");
 
-  Writer writer(path);
-  writer.run("CREATE TABLE symbol_embeddings (name)");
+  const auto write = writer_of(path);
+  write("CREATE TABLE symbol_embeddings (name)");
   expect(path, Cause::other_schema, "no such column");
-  writer.run("INSERT INTO symbol_embeddings VALUES (zeroblob(9000))");
+  write("INSERT INTO symbol_embeddings VALUES (zeroblob(9000))");
   // What a writer leaves that is broken off once some of its pages have reached the file.
-  writer.run("PRAGMA cache_size=1; BEGIN; UPDATE symbol_embeddings SET name = zeroblob(9999999)");
+  write("PRAGMA cache_size=1; BEGIN; UPDATE symbol_embeddings SET name = zeroblob(9999999)");
   std::filesystem::copy_file(path, copy);
   std::filesystem::copy_file(path.string() + "-journal", copy.string() + "-journal");
   expect(copy, Cause::broken_off, "let the daemon");
-  writer.run("COMMIT");
+  write("COMMIT");
   std::filesystem::remove(copy.string() + "-journal");
   const auto size = std::filesystem::file_size(path);
   for (const auto left : {size - 1, size - 4096, std::uintmax_t{5000}}) {
@@ -90,7 +82,7 @@ TEST(SqliteDatabaseTest, SaysWhatIsWrongWithTheFile) {
     std::filesystem::resize_file(copy, left);
     expect(copy, Cause::not_a_database, "");
   }
-  writer.run("BEGIN EXCLUSIVE");
+  write("BEGIN EXCLUSIVE");
   EXPECT_THROW(SqliteDatabase(path, 0).fetchone("SELECT name"), DatabaseLockedError);
 }
 
