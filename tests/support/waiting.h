@@ -11,34 +11,28 @@ namespace tovana::testing {
 class Waiting {
  public:
   explicit Waiting(std::string what) {
-    const std::lock_guard lock(entries().mutex);
-    entries().of_threads.push_front(std::move(what));
-    _entry = entries().of_threads.begin();
+    const std::lock_guard lock(_mutex);
+    _entry = _entries.insert(_entries.end(), std::move(what));
   }
   ~Waiting() {
-    const std::lock_guard lock(entries().mutex);
-    entries().of_threads.erase(_entry);
+    const std::lock_guard lock(_mutex);
+    _entries.erase(_entry);
   }
   Waiting(const Waiting&) = delete;
   Waiting& operator=(const Waiting&) = delete;
 
   /// What all threads wait for now, each behind a semicolon.
   static std::string all() {
-    const std::lock_guard lock(entries().mutex);
+    const std::lock_guard lock(_mutex);
     std::string all;
-    for (const std::string& entry : entries().of_threads) all += "; " + entry;
+    for (const std::string& entry : _entries) all += "; " + entry;
     return all;
   }
 
  private:
-  struct Entries {
-    std::mutex mutex;
-    std::list<std::string> of_threads;
-  };
-  static Entries& entries() {
-    static auto* const made = new Entries;  // never destroyed: threads may wait until the very end
-    return *made;
-  }
+  // Never destroyed: threads may wait until the very end.
+  inline static std::mutex& _mutex = *new std::mutex;
+  inline static std::list<std::string>& _entries = *new std::list<std::string>;
 
   std::list<std::string>::iterator _entry;
 };
