@@ -10,70 +10,63 @@
 
 #include "tests/support/child_process.h"
 #include "tests/support/failing_new.h"
+#include "tests/support/log_recorder.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana {
 namespace {
 
-/// Collects records for one test and puts the default sink and level back.
-class LoggingTest : public ::testing::Test {
- protected:
-  LoggingTest() {
-    set_log_sink([this](const LogRecord& record) { _records.push_back(record); });
-  }
-  ~LoggingTest() override {
-    set_log_sink({});
-    set_log_level(LogLevel::info);
-  }
+constexpr Logger kLog("test.module");
 
-  std::vector<LogRecord> _records;
-  const Logger _log{"test.module"};
-};
-
-TEST_F(LoggingTest, KeepsFormatAndArgumentsApartAndRendersThem) {
+TEST(Logging, KeepsFormatAndArgumentsApartAndRendersThem) {
+  const testing::LogRecorder log;
+  set_log_level(LogLevel::info);
   const std::string name = "100 % %s";
-  _log.warning("%s: %d of %d, %.0f s, %.1f, %f %%, %s and %s", name, -3, std::size_t{7}, 12.5, 0.25,
+  kLog.warning("%s: %d of %d, %.0f s, %.1f, %f %%, %s and %s", name, -3, std::size_t{7}, 12.5, 0.25,
                0.5f, std::optional<std::string>(), "literal");
-  _log.debug("below the level: %s", name);
+  kLog.debug("below the level: %s", name);
   set_log_level(LogLevel::debug);
-  _log.debug("no arguments");
+  kLog.debug("no arguments");
 
-  ASSERT_EQ(_records.size(), 2U);
-  EXPECT_EQ(_records[0].logger, "test.module");
-  EXPECT_EQ(_records[0].level, LogLevel::warning);
-  EXPECT_EQ(_records[0].format, "%s: %d of %d, %.0f s, %.1f, %f %%, %s and %s");
-  EXPECT_EQ(_records[0].arguments,
+  const std::vector<LogRecord> records = log.records();
+  ASSERT_EQ(records.size(), 2U);
+  EXPECT_EQ(records[0].logger, "test.module");
+  EXPECT_EQ(records[0].level, LogLevel::warning);
+  EXPECT_EQ(records[0].format, "%s: %d of %d, %.0f s, %.1f, %f %%, %s and %s");
+  EXPECT_EQ(records[0].arguments,
             (std::vector<LogArgument>{name, std::int64_t{-3}, std::int64_t{7}, 12.5, 0.25, 0.5,
                                       LogArgument(), "literal"}));
-  EXPECT_EQ(_records[0].message(), "100 % %s: -3 of 7, 12 s, 0.2, 0.500000 %, None and literal");
-  EXPECT_EQ(_records[1].message(), "no arguments");
+  EXPECT_EQ(records[0].message(), "100 % %s: -3 of 7, 12 s, 0.2, 0.500000 %, None and literal");
+  EXPECT_EQ(records[1].message(), "no arguments");
 }
 
-TEST_F(LoggingTest, AttachesErrorsByKind) {
-  _log.warning_with_error(ValueError(": of ours"), "failed");
-  _log.warning_with_error(std::out_of_range(": foreign"), "failed");
-  ASSERT_EQ(_records.size(), 2U);
-  EXPECT_EQ(_records[0].error->kind + _records[0].error->message, "ValueError: of ours");
-  EXPECT_EQ(_records[1].error->kind + _records[1].error->message, "std::out_of_range: foreign");
+TEST(Logging, AttachesErrorsByKind) {
+  const testing::LogRecorder log;
+  kLog.warning_with_error(ValueError(": of ours"), "failed");
+  kLog.warning_with_error(std::out_of_range(": foreign"), "failed");
+  const std::vector<LogRecord> records = log.records();
+  ASSERT_EQ(records.size(), 2U);
+  EXPECT_EQ(records[0].error->kind + records[0].error->message, "ValueError: of ours");
+  EXPECT_EQ(records[1].error->kind + records[1].error->message, "std::out_of_range: foreign");
 }
 
-TEST_F(LoggingTest, SurvivesASinkThatLogsReplacesItselfAndThrows) {
+TEST(Logging, SurvivesASinkThatLogsReplacesItselfAndThrows) {
+  const testing::LogRecorder restores_the_sink;
   std::vector<std::string> seen;
   set_log_sink([&](const LogRecord& record) {
     seen.emplace_back(record.format);
     if (record.format == "outer") {
-      _log.info("inner");  // hangs if a lock is held around a sink
+      kLog.info("inner");  // hangs if a lock is held around a sink
       set_log_sink([&](const LogRecord& later) { seen.push_back(later.message() + "!"); });
     }
     throw std::runtime_error("sink");
   });
-  _log.info("outer");
-  _log.info("last");
+  kLog.info("outer");
+  kLog.info("last");
   EXPECT_EQ(seen, (std::vector<std::string>{"outer", "inner", "last!"}));
 }
 
-TEST_F(LoggingTest, WorksInAChildForkedAnywhereInAnotherRecord) {
-  set_log_sink({});
+TEST(Logging, WorksInAChildForkedAnywhereInAnotherRecord) {
   ::testing::internal::CaptureStderr();
   int allocations = 0;
   for (bool has_forked = true; has_forked; ++allocations) {
@@ -87,7 +80,7 @@ TEST_F(LoggingTest, WorksInAChildForkedAnywhereInAnotherRecord) {
       EXPECT_EQ(testing::run_in_child(log), 0) << allocations;
     };
     const tovana::testing::FailingNew forking(allocations, fork_and_log);
-    _log.info("parent: %s", std::string(500, 'x'));
+    kLog.info("parent: %s", std::string(500, 'x'));
   }
   EXPECT_GT(allocations, 4);
   const std::string written = ::testing::internal::GetCapturedStderr();
