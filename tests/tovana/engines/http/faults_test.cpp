@@ -1,4 +1,5 @@
 #include <atomic>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
@@ -395,7 +396,7 @@ TEST(CurlTransport, BoundsBodiesByTheirDecodedBytesAndTime) {
   EXPECT_TRUE(bounded.is_too_large());
   EXPECT_LE(bounded.text().size(), 1'000'000U);
   // Time that is as good as none is not no limit.
-  for (const auto& [limit, said] : {std::pair(0.3, "0.3 s"), std::pair(0.0003, "0.0003 s")}) {
+  for (const auto& [limit, said] : {std::pair(0.3, "0.3 s"), std::pair(std::nan(""), "0.001 s")}) {
     ReplySink sink(1'000'000);
     const Request request{.url = server.url("/drip"), .total_timeout_s = limit};
     EXPECT_EQ(transport.send(request, sink).problem, "not done after "s + said);
