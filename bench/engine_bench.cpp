@@ -33,6 +33,8 @@ const std::string kText = "parse the configuration file of the daemon";
 class EndlessRuntime final : public ModelRuntime {
  public:
   TorchRuntime* loaded_torch() noexcept override { return nullptr; }
+  std::optional<ModelLibraryDescription> loaded_library() noexcept override { return {}; }
+  void check_model(const std::filesystem::path&, const std::filesystem::path&) override {}
   void load_library() override { std::latch(1).wait(); }
   std::unique_ptr<const SentenceTransformer> sentence_transformer(const std::string&,
                                                                   bool) override {

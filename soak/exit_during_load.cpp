@@ -5,7 +5,6 @@
 #include "soak/exit_runs.h"
 #include "tests/tovana/engines/embedding/backends/local/fake_model_runtime.h"
 #include "tovana/base/logging.h"
-#include "tovana/engines/embedding/backends/local/exit_guard.h"
 #include "tovana/engines/embedding/engine/engine.h"
 #include "tovana/engines/embedding/engine/engine_surroundings.h"
 #include "tovana/exceptions/exceptions.h"
@@ -43,7 +42,6 @@ void exit_during_load(EmbeddingEngine& engine, std::chrono::microseconds span, u
     }
   };
   const auto load_and_exit = [&] {
-    embedding::protect_exit_of_this_thread();
     engine.warm_up_async();
     for (int i = 0; i < 3; ++i) std::thread(embed).detach();
     soak::exit_within(span, seed);

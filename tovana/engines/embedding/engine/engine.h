@@ -54,8 +54,8 @@ struct EmbedOptions {
 /// backends, loggers and stop tests may call the engine.
 ///
 /// Lifetime: the engine may be destroyed while it loads, which ends like `close`, but not during a
-/// call of its own. The process may exit at any moment without waiting for the load; exit_guard.h
-/// says what that takes of a host.
+/// call of its own. The process may exit at any moment, from any thread, without waiting for the
+/// load; its handlers and destructors run as ever (but see LocalEmbeddingBackend).
 class EmbeddingEngine {
  public:
   /// Loads nothing. With a `backend` the engine is ready with it at once, as its maker left it.

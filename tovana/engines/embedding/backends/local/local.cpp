@@ -6,7 +6,6 @@
 
 #include "tovana/base/logging.h"
 #include "tovana/base/text.h"
-#include "tovana/engines/embedding/backends/local/exit_guard.h"
 
 namespace tovana::embedding {
 namespace {
@@ -59,12 +58,11 @@ std::vector<Vector> LocalEmbeddingBackend::embed(const std::vector<std::string>&
   if (texts.empty()) return {};
   const WellFormedTexts given(texts);
   return rows(_threads->bounded(embed_threads(_environment), [&] {
-    return model.encode(given.views(), /*normalize_embeddings=*/true);
+    return model.encode(given.views(), {.normalize_embeddings = true}).vectors;
   }));
 }
 
 const SentenceTransformer& LocalEmbeddingBackend::_load_model() {
-  protect_exit_of_this_thread();
   const LockGuard guard(_model_lock);
   if (_model != nullptr) return *_model;
   _runtime->load_library();

@@ -28,9 +28,9 @@ namespace tovana::embedding {
 /// Threads: any operation may be called from any number of threads at once; they encode in
 /// parallel. While one loads, the others wait for it in `embed` and `warm_up`.
 ///
-/// Exit: the process may exit at any moment of a load or a call, from the main thread or from one
-/// that has embedded with a local backend; exit_guard.h says what that takes from a host, and what
-/// to do for other threads.
+/// Exit: the process may exit at any moment of a load or a call, from any thread. Nothing is waited
+/// for, and the host's handlers and destructors run, unless the model library is one that guards
+/// the exit: the one on libtorch does, and says what that costs.
 class LocalEmbeddingBackend final : public EmbeddingBackend {
  public:
   /// What a backend stands on, for tests to replace. Each has to outlive it; null is the process's

@@ -15,7 +15,6 @@
 #include <sys/stat.h>
 
 #include "tovana/base/text.h"
-#include "tovana/engines/embedding/backends/local/exit_guard.h"
 #include "tovana/files/model_files_error.h"
 
 namespace tovana::embedding {
@@ -51,9 +50,7 @@ std::string system_reason() { return std::generic_category().message(errno); }
 /// Calls an operation of the table. The library promises to throw nothing; one that breaks that
 /// promise costs an error here, not the process.
 template <class Operation, class... Arguments>
-void call(const abi::Table& table, const char* name, CallInFlight::Kind kind, Operation operation,
-          Arguments... arguments) {
-  const CallInFlight in_flight(kind);
+void call(const abi::Table& table, const char* name, Operation operation, Arguments... arguments) {
   abi::Error* error = nullptr;
   try {
     error = operation(arguments...);
@@ -72,30 +69,35 @@ class LibraryModel final : public SentenceTransformer {
   LibraryModel(const abi::Table& table, Handle model)
       : _table(table), _model(std::move(model)), _dimension(table.dimension(_model.get())) {}
 
-  ~LibraryModel() override {
-    try {
-      const CallInFlight in_flight(CallInFlight::Kind::computing);
-      _model.reset();
-    } catch (...) {  // the process is exiting, and the model's memory goes with it
-      static_cast<void>(_model.release());
-    }
-  }
-  LibraryModel(const LibraryModel&) = delete;
-  LibraryModel& operator=(const LibraryModel&) = delete;
-
-  FloatMatrix encode(std::span<const std::string_view> texts,
-                     bool normalize_embeddings) const override {
-    std::vector<abi::Text> given;
-    given.reserve(texts.size());
-    for (const std::string_view each : texts) given.push_back(text(each));
+  EncodedTexts encode(std::span<const std::string_view> texts,
+                      const EncodeOptions& options) const override {
     if (texts.size() > std::numeric_limits<std::size_t>::max() / _dimension) {
       throw std::bad_alloc();
     }
-    FloatMatrix matrix{.columns = _dimension,
-                       .values = std::vector<float>(texts.size() * _dimension)};
-    call(_table, "encode", CallInFlight::Kind::computing, _table.encode, _model.get(), given.data(),
-         given.size(), std::int32_t{normalize_embeddings}, matrix.values.data());
-    return matrix;
+    std::vector<abi::Text> given;
+    given.reserve(texts.size());
+    for (const std::string_view each : texts) given.push_back(text(each));
+    const abi::Text prompt_name = text(options.prompt_name.value_or(""));
+    EncodedTexts encoded = {
+        .vectors = {.columns = _dimension, .values = std::vector<float>(texts.size() * _dimension)},
+        .token_counts = std::vector<std::uint32_t>(options.count_tokens ? texts.size() : 0)};
+    const abi::EncodeCall wanted = {
+        .texts = given.data(),
+        .count = given.size(),
+        .normalize = options.normalize_embeddings,
+        .prompt_name = options.prompt_name ? &prompt_name : nullptr,
+        .vectors = encoded.vectors.values.data(),
+        .token_counts = options.count_tokens ? encoded.token_counts.data() : nullptr};
+    call(_table, "encode", _table.encode, _model.get(), &wanted);
+    return encoded;
+  }
+
+  std::vector<std::string> prompt_names() const override {
+    std::vector<std::string> names(_table.prompt_count(_model.get()));
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      names[i] = view(_table.prompt_name(_model.get(), i));
+    }
+    return names;
   }
 
  private:
@@ -148,6 +150,19 @@ void* open_object(const fs::path& path) {
   return object;
 }
 
+/// Throws unless the table is one of this program's version.
+void check_version(const abi::Table& table, const fs::path& path) {
+  // The version is where it is in every version; nothing else has to be.
+  if (table.version == abi::kVersion && table.size == sizeof(abi::Table)) return;
+  throw ModelLibraryError("the model library " + path.string() + " has boundary version " +
+                          std::to_string(table.version) + " (" + std::to_string(table.size) +
+                          " bytes), this program needs version " + std::to_string(abi::kVersion) +
+                          " (" + std::to_string(sizeof(abi::Table)) +
+                          " bytes); install both from one release, or name another model library "
+                          "in " +
+                          MODEL_LIBRARY_ENV);
+}
+
 }  // namespace
 
 fs::path model_library_path(const Environment* environment) {
@@ -168,19 +183,7 @@ fs::path model_library_path(const Environment* environment) {
   throw ModelLibraryNotInstalled();
 }
 
-ModelLibrary::ModelLibrary(const abi::Table& table, const fs::path& path) : _table(table) {
-  // The version is where it is in every version; nothing else has to be.
-  if (table.version != abi::kVersion || table.size != sizeof(abi::Table)) {
-    throw ModelLibraryError("the model library " + path.string() + " has boundary version " +
-                            std::to_string(table.version) + " (" + std::to_string(table.size) +
-                            " bytes), this program needs version " + std::to_string(abi::kVersion) +
-                            " (" + std::to_string(sizeof(abi::Table)) +
-                            " bytes); install both from one release");
-  }
-}
-
 std::unique_ptr<ModelLibrary> ModelLibrary::open(const fs::path& path) {
-  const CallInFlight in_flight(CallInFlight::Kind::loading);
   void* const object = open_object(path);
   void* const symbol = dlsym(object, abi::kSymbol);
   if (symbol == nullptr) {
@@ -191,27 +194,44 @@ std::unique_ptr<ModelLibrary> ModelLibrary::open(const fs::path& path) {
   if (table == nullptr) {
     throw ModelLibraryError("the model library " + path.string() + " cannot work on this machine");
   }
-  return std::make_unique<ModelLibrary>(*table, path);
+  check_version(*table, path);
+  try {
+    call(*table, "open", table->open);
+  } catch (const Error& error) {
+    throw ModelLibraryError("cannot use the model library " + path.string() + ": " + error.what());
+  }
+  return std::unique_ptr<ModelLibrary>(new ModelLibrary(*table));
+}
+
+ModelLibraryDescription ModelLibrary::describe() const noexcept {
+  const abi::Description description = _table.describe();
+  return {.runtime = view(description.runtime), .kernels = view(description.kernels)};
 }
 
 std::int64_t ModelLibrary::get_num_threads() {
   std::int32_t count = 0;
-  call(_table, "get_num_threads", CallInFlight::Kind::computing, _table.get_num_threads, &count);
+  call(_table, "get_num_threads", _table.get_num_threads, &count);
   return count;
 }
 
 void ModelLibrary::set_num_threads(std::int64_t count) {
-  // Torch counts in int; a team of so many threads is none of its own making.
+  // The boundary counts in 32 bits; a team of so many threads is none of the library's own making.
   const auto bounded = static_cast<std::int32_t>(
       std::min<std::int64_t>(count, std::numeric_limits<std::int32_t>::max()));
-  call(_table, "set_num_threads", CallInFlight::Kind::computing, _table.set_num_threads, bounded);
+  call(_table, "set_num_threads", _table.set_num_threads, bounded);
+}
+
+void ModelLibrary::check_model(const fs::path& directory, const fs::path& allowed_root) const {
+  call(_table, "check_model", _table.check_model, text(directory.native()),
+       text(allowed_root.native()));
 }
 
 std::unique_ptr<const SentenceTransformer> ModelLibrary::load_model(
-    const fs::path& directory, const fs::path& allowed_root) const {
+    const fs::path& directory, const fs::path& allowed_root,
+    const abi::LoadOptions& options) const {
   abi::Model* loaded = nullptr;
-  call(_table, "load_model", CallInFlight::Kind::loading, _table.load_model,
-       text(directory.native()), text(allowed_root.native()), &loaded);
+  call(_table, "load_model", _table.load_model, text(directory.native()),
+       text(allowed_root.native()), &options, &loaded);
   LibraryModel::Handle model(loaded, _table.free_model);
   if (model == nullptr || _table.dimension(model.get()) == 0) {
     throw RuntimeError("the model library returned neither a usable model nor an error for " +

@@ -11,8 +11,8 @@
 #include "tovana/engines/embedding/backends/local/model_runtime.h"
 #include "tovana/exceptions/exceptions.h"
 
-/// The model library: a shared object beside this component, which alone links libtorch and is
-/// opened only when a local model is wanted.
+/// The model library: a shared object beside this component, which runs the models and is opened
+/// only when a local model is wanted.
 namespace tovana::embedding {
 
 /// The path of the model library's file, when it is not to be looked for beside the component. An
@@ -48,31 +48,34 @@ std::filesystem::path model_library_path(const Environment* environment = nullpt
 /// The model library, behind its table of C functions.
 ///
 /// Its failures come out as ModelFilesError (model files that cannot serve), std::bad_alloc, or
-/// RuntimeError; all of them also throw RuntimeError once the process has begun to exit. Threads:
-/// any operation on any number of threads at once. Lives as long as the process: models refer to
-/// it.
+/// RuntimeError. Threads: any operation on any number of threads at once. Lives as long as the
+/// process: models refer to it.
 class ModelLibrary final : public TorchRuntime {
  public:
-  /// For a table that lives as long as the process: what is opened, or linked in. Throws
-  /// ModelLibraryError for one that was compiled against another version of the boundary; `path` is
-  /// what messages name.
-  ModelLibrary(const model_library_abi::Table& table, const std::filesystem::path& path);
-
-  /// Opens the file at an absolute path, for good: it is never closed. Blocks while its code and
-  /// libtorch's are loaded. Throws ModelLibraryError when it or a library that it needs cannot be
-  /// loaded, or when it is no model library of this version. After that the file
-  /// can be tried again; but one that was of another version, and has been replaced since, may be
-  /// seen as it was until the process starts anew.
+  /// Opens the file at an absolute path, for good: it is never closed. Blocks while its code, and
+  /// that of the libraries it works with, are loaded. Throws ModelLibraryError, naming the path,
+  /// when one of them cannot be loaded, or when it is no model library of this version. After that
+  /// the file can be tried again; but one that was of another version, and has been replaced since,
+  /// may be seen as it was until the process starts anew.
   static std::unique_ptr<ModelLibrary> open(const std::filesystem::path& path);
+
+  ModelLibraryDescription describe() const noexcept;
 
   std::int64_t get_num_threads() override;
   void set_num_threads(std::int64_t count) override;
 
+  /// Whether a model could be loaded from a directory, by all but the numbers of its weights.
+  void check_model(const std::filesystem::path& directory,
+                   const std::filesystem::path& allowed_root) const;
+
   /// Loads a model from a directory, reading no file outside `allowed_root`, both absolute.
   std::unique_ptr<const SentenceTransformer> load_model(
-      const std::filesystem::path& directory, const std::filesystem::path& allowed_root) const;
+      const std::filesystem::path& directory, const std::filesystem::path& allowed_root,
+      const model_library_abi::LoadOptions& options = {}) const;
 
  private:
+  explicit ModelLibrary(const model_library_abi::Table& table) : _table(table) {}
+
   const model_library_abi::Table& _table;
 };
 

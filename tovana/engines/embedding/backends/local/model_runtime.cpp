@@ -19,7 +19,18 @@ class ProcessModelRuntime final : public ModelRuntime {
  public:
   TorchRuntime* loaded_torch() noexcept override { return _library; }
 
+  std::optional<ModelLibraryDescription> loaded_library() noexcept override {
+    const ModelLibrary* const library = _library;
+    if (library == nullptr) return std::nullopt;
+    return library->describe();
+  }
+
   void load_library() override { _open_library(); }
+
+  void check_model(const std::filesystem::path& directory,
+                   const std::filesystem::path& allowed_root) override {
+    _open_library().check_model(directory, allowed_root);
+  }
 
   std::unique_ptr<const SentenceTransformer> sentence_transformer(const std::string& model_name,
                                                                   bool local_files_only) override {

@@ -2,19 +2,22 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-/// What the local backend and its thread bound ask of the model library and of torch, which it
-/// brings along. The process has one runtime; tests hand in their own.
+/// What the local backend and its thread bound ask of the model library. The process has one
+/// runtime; tests hand in their own.
 ///
 /// Threads: any operation may be called from any number of threads at once.
 namespace tovana::embedding {
 
-/// Torch's setting of intra-op threads.
+/// The model library's setting of threads, which is made as torch's of its intra-op threads: one a
+/// thread, and a default.
 class TorchRuntime {
  public:
   virtual ~TorchRuntime() = default;
@@ -33,28 +36,66 @@ struct FloatMatrix {
   std::vector<float> values;
 };
 
+/// How texts are encoded, by name only.
+struct EncodeOptions {
+  bool normalize_embeddings = false;  ///< Whether each vector is scaled to unit length.
+
+  /// The prompt that stands before every text; null for the model's default prompt, or none where
+  /// it has no default.
+  std::optional<std::string_view> prompt_name = std::nullopt;
+
+  bool count_tokens = false;  ///< Whether `EncodedTexts::token_counts` is wanted.
+};
+
+struct EncodedTexts {
+  FloatMatrix vectors;  ///< One row a text, in their order.
+
+  /// `[texts]`: how many tokens of each were encoded, the prompt's and the special ones included,
+  /// what was cut off not; empty unless it was asked for.
+  std::vector<std::uint32_t> token_counts;
+};
+
 /// A loaded model.
 class SentenceTransformer {
  public:
   virtual ~SentenceTransformer() = default;
 
-  /// One row a text, in order, each scaled to unit length if `normalize_embeddings` is set. The
-  /// texts are well-formed, and there is at least one. Throws RuntimeError.
-  virtual FloatMatrix encode(std::span<const std::string_view> texts,
-                             bool normalize_embeddings) const = 0;
+  /// The texts are well-formed, and there is at least one. Throws ModelFilesError for a prompt that
+  /// the model does not have, naming those it has, and RuntimeError.
+  virtual EncodedTexts encode(std::span<const std::string_view> texts,
+                              const EncodeOptions& options) const = 0;
+
+  /// The names of the model's prompts.
+  virtual std::vector<std::string> prompt_names() const = 0;
+};
+
+/// What the model library computes with. The texts live as long as the process.
+struct ModelLibraryDescription {
+  std::string_view runtime;  ///< "native", or another library's name and version.
+  std::string_view kernels;  ///< The instruction set of the arithmetic: "avx512".
 };
 
 class ModelRuntime {
  public:
   virtual ~ModelRuntime() = default;
 
-  /// Torch, if it is loaded in this process; null if not. Loads nothing and never blocks.
+  /// The setting of the model library, if that is loaded in this process; null if not, whatever
+  /// libtorch the host has loaded for itself. Loads nothing and never blocks.
   virtual TorchRuntime* loaded_torch() noexcept = 0;
 
-  /// Loads the model library, and torch with it, unless it is loaded. May block for seconds. Throws
+  /// What the model library is, if it is loaded in this process. Loads nothing and never blocks.
+  virtual std::optional<ModelLibraryDescription> loaded_library() noexcept = 0;
+
+  /// Loads the model library unless it is loaded. May block for seconds. Throws
   /// ModelLibraryNotInstalled (model_library.h) or, when it is there but cannot be loaded,
   /// RuntimeError; a later call tries again.
   virtual void load_library() = 0;
+
+  /// Whether the model in a directory could be loaded, without the time and the memory of doing so.
+  /// Both paths are absolute, and no file outside `allowed_root` is read. Loads the library where
+  /// that has not been done, and throws as that; ModelFilesError when the files cannot serve.
+  virtual void check_model(const std::filesystem::path& directory,
+                           const std::filesystem::path& allowed_root) = 0;
 
   /// Loads a model by its name (or from a directory, see `hub`), from the local cache only or
   /// fetching it when it is not cached. May block for as long as that takes. Loads the library

@@ -36,6 +36,11 @@ class FakeModelRuntime final : public ModelRuntime, public TorchRuntime {
     return _is_loaded ? this : nullptr;
   }
 
+  std::optional<ModelLibraryDescription> loaded_library() noexcept override { return std::nullopt; }
+
+  void check_model(const std::filesystem::path& /*directory*/,
+                   const std::filesystem::path& /*allowed_root*/) override {}
+
   void load_library() override {
     note("library");
     on_load_library();
@@ -68,16 +73,18 @@ class FakeModelRuntime final : public ModelRuntime, public TorchRuntime {
    public:
     explicit Model(FakeModelRuntime& runtime) : _runtime(runtime) {}
 
-    FloatMatrix encode(std::span<const std::string_view> texts,
-                       bool normalize_embeddings) const override {
+    std::vector<std::string> prompt_names() const override { return {}; }
+
+    EncodedTexts encode(std::span<const std::string_view> texts,
+                        const EncodeOptions& options) const override {
       _runtime.note("encode " + std::to_string(_runtime.current()));
       _runtime.on_encode();
       FloatMatrix matrix{.columns = 2, .values = {}};
       for (const std::string_view text : texts) {
         matrix.values.push_back(static_cast<float>(text.size()));
-        matrix.values.push_back(normalize_embeddings ? 1.0F : 0.0F);
+        matrix.values.push_back(options.normalize_embeddings ? 1.0F : 0.0F);
       }
-      return matrix;
+      return {.vectors = std::move(matrix), .token_counts = {}};
     }
 
    private:

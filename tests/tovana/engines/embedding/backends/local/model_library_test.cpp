@@ -21,7 +21,6 @@
 #include "tests/support/failure_text.h"
 #include "tests/support/temp_folder.h"
 #include "tests/tovana/engines/embedding/backends/local/plugins/plugin.h"
-#include "tovana/engines/embedding/backends/local/exit_guard.h"
 #include "tovana/engines/embedding/backends/local/local.h"
 #include "tovana/engines/embedding/engine/engine.h"
 #include "tovana/engines/embedding/sharing/shared_engines.h"
@@ -33,6 +32,7 @@ using namespace tovana::testing;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 namespace fs = std::filesystem;
 
 fs::path plugin(const std::string& name) { return fs::path(PLUGIN_FOLDER) / (name + ".so"); }
@@ -42,8 +42,9 @@ std::unique_ptr<const SentenceTransformer> load(const ModelLibrary& library,
   return library.load_model("/models/" + wish, "/models");
 }
 
-std::vector<float> encode(const SentenceTransformer& model, const std::string_view wish) {
-  return model.encode(std::array{std::string_view("ab"), wish}, true).values;
+EncodedTexts encode(const SentenceTransformer& model, const std::string_view wish,
+                    const EncodeOptions& options = {}) {
+  return model.encode(std::array{std::string_view("ab"), wish}, options);
 }
 
 TEST(ModelLibraryTest, IsFoundWhereItIsNamedOrBesideTheExecutable) {
@@ -79,8 +80,9 @@ TEST(ModelLibraryTest, SaysWhyAFileCannotBeLoadedAndTriesItAgain) {
   const std::pair<fs::path, std::string> cases[] = {
       {plugin("no_symbol"), "no symbol tovana_model_library"},
       {plugin("no_table"), "cannot work on this machine"},
-      {plugin("wrong_version"), "boundary version 0"},
+      {plugin("old_version"), "boundary version 1 "},
       {plugin("wrong_size"), "(0 bytes)"},
+      {plugin("failing_open"), "does not work"},
       {folder.path(), "cannot read file data"},
       {text, "file too short"},
   };
@@ -91,6 +93,10 @@ TEST(ModelLibraryTest, SaysWhyAFileCannotBeLoadedAndTriesItAgain) {
   fs::remove(text);
   fs::copy(plugin("good"), text);
   ModelLibrary::open(text);
+  EXPECT_THAT(failure_of([] { ModelLibrary::open(plugin("failing_open")); }),
+              AllOf(HasSubstr("ModelLibraryError: "), HasSubstr(plugin("failing_open")),
+                    HasSubstr("the first attempt does not work")));
+  ModelLibrary::open(plugin("failing_open"));
 }
 
 TEST(ModelLibraryTest, TurnsFailuresIntoErrorsAndGivesEverythingBack) {
@@ -100,7 +106,15 @@ TEST(ModelLibraryTest, TurnsFailuresIntoErrorsAndGivesEverythingBack) {
   library->set_num_threads(4);
 
   auto model = load(*library, "model");
-  EXPECT_THAT(encode(*model, "abc"), ElementsAre(2, 4, 1, 3, 4, 1));
+  EXPECT_THAT(model->prompt_names(), ElementsAre("query", "document"));
+  const EncodedTexts plain = encode(*model, "abc");
+  EXPECT_THAT(plain.vectors.values, ElementsAre(2, 4, 0, 3, 4, 0));
+  EXPECT_THAT(plain.token_counts, IsEmpty());
+  const EncodedTexts all = encode(
+      *model, "abc", {.normalize_embeddings = true, .prompt_name = "query", .count_tokens = true});
+  EXPECT_THAT(all.vectors.values, ElementsAre(7, 4, 1, 8, 4, 1));
+  EXPECT_THAT(all.token_counts, ElementsAre(2, 3));
+  library->check_model("/models/model", "/models");
   for (const auto& [wish, failure] :
        {std::pair{"fail ValueError", "ModelFilesError: does not work"},
         {"fail c10::Error", "RuntimeError: c10::Error: does not work"},
@@ -108,6 +122,8 @@ TEST(ModelLibraryTest, TurnsFailuresIntoErrorsAndGivesEverythingBack) {
         {"throw", "with an exception, which it never should: std::logic_error: oops"},
         {"throw int", "with an exception, which it never should: of an unknown type"}}) {
     EXPECT_THAT(failure_of([&] { load(*library, wish); }), HasSubstr(failure));
+    EXPECT_THAT(failure_of([&] { library->check_model(fs::path("/m") / wish, "/m"); }),
+                HasSubstr(failure));
     EXPECT_THAT(failure_of([&] { encode(*model, wish); }), HasSubstr(failure));
   }
   EXPECT_THAT(failure_of([&] { load(*library, "nothing"); }), HasSubstr("neither a usable model"));
@@ -128,9 +144,12 @@ TEST(ModelRuntimeTest, LoadsFromTheCacheAndSaysWhatItMayNotFetch) {
   setenv("TOVANA_EMBED_THREADS", "2", 1);
   LocalEmbeddingBackend backend("tiny-bert-cls");
   EXPECT_EQ(model_runtime().loaded_torch(), nullptr);
+  EXPECT_FALSE(model_runtime().loaded_library());
   EXPECT_THAT(backend.embed({"abc"}), ElementsAre(Vector{3, 2, 1}));  // 2: the bound's threads
   ASSERT_NE(model_runtime().loaded_torch(), nullptr);
   EXPECT_EQ(model_runtime().loaded_torch()->get_num_threads(), 16);
+  EXPECT_EQ(model_runtime().loaded_library().value().runtime, "fake");
+  EXPECT_EQ(model_runtime().loaded_library().value().kernels, "none");
 
   EXPECT_THAT(failure_of([] { LocalEmbeddingBackend("absent").warm_up(); }),
               AllOf(HasSubstr("(sentence-transformers/absent) is not in the cache"),
@@ -182,47 +201,27 @@ TEST(NoWaitTest, NothingThatPromisesNotToWaitWaitsForALibraryThatOpens) {
   EXPECT_EXIT(call_while_a_library_opens(), ::testing::ExitedWithCode(0), "");
 }
 
-/// Exits with status 7 while another thread is stuck in the library, and holds a stream besides.
-[[noreturn]] void exit_during(const char* library, const char* model, bool is_main_thread) {
-  const auto wait_and_exit = [=] {
-    if (!is_main_thread) protect_exit_of_this_thread();
-    await_hang([=] {
-      flockfile(stdin);
-      encode(*load(*ModelLibrary::open(plugin(library)), model), "hang");
-    });
-    std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
-    std::fputs("flushed", stderr);
-    std::exit(7);
-  };
-  if (!is_main_thread) std::thread(wait_and_exit).join();
-  wait_and_exit();
-  _exit(1);
-}
-
-TEST(ExitTest, KeepsItsStatusAtAnyMomentOfALoadOrACall) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  for (const auto& [library, model] :
-       {std::pair{"hanging_constructor", ""}, {"good", "hang"}, {"good", "model"}}) {
-    for (const bool is_main_thread : {true, false}) {
-      EXPECT_EXIT(exit_during(library, model, is_main_thread), ::testing::ExitedWithCode(7),
-                  "flushed");
-    }
+/// Exits with status 7 while other threads are stuck in a load and in a call of the model library.
+[[noreturn]] void exit_during_load_and_call(bool on_main_thread) {
+  for (const char* const model : {"hang", "model"}) {
+    await_hang([model] { encode(*load(*ModelLibrary::open(plugin("good")), model), "hang"); });
   }
+  struct Host {
+    ~Host() { std::fputs("its statics, ", stderr); }
+  };
+  static const Host host;
+  std::atexit([] { std::fputs("its handlers, ", stderr); });
+  std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
+  if (!on_main_thread) std::thread([] { std::exit(7); }).join();
+  std::exit(7);
 }
 
-TEST(ExitTest, RunsTheHostsHandlersWhenNothingIsInFlightAndRefusesCallsFromThem) {
+TEST(ExitTest, LeavesTheHostItsStatusHandlersAndStaticsDuringALoadAndACall) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  static ModelLibrary* library = nullptr;
-  const auto exit_idle = [] {
-    std::atexit([] {
-      const std::string failure = failure_of([] { library->get_num_threads(); });
-      _exit(failure.find("exiting") != std::string::npos ? 9 : 1);
-    });
-    library = ModelLibrary::open(plugin("good")).release();
-    library->get_num_threads();
-    std::exit(0);
-  };
-  EXPECT_EXIT(exit_idle(), ::testing::ExitedWithCode(9), "");
+  for (const bool on_main_thread : {true, false}) {
+    EXPECT_EXIT(exit_during_load_and_call(on_main_thread), ::testing::ExitedWithCode(7),
+                "its handlers, its statics, ");
+  }
 }
 
 }  // namespace

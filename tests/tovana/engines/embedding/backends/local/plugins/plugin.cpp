@@ -1,7 +1,7 @@
 #include "tests/tovana/engines/embedding/backends/local/plugins/plugin.h"
 
-#include <atomic>
-#include <cstdlib>
+#include <array>
+#include <cstring>
 #include <stdexcept>
 #include <string_view>
 
@@ -27,16 +27,7 @@ void free_error(Error* error) {
   delete error;
 }
 
-/// As libtorch's statics: whoever destroys it below a computation crashes.
-struct InUse {
-  ~InUse() {
-    if (is_hanging) std::abort();
-  }
-  static inline std::atomic<bool> is_hanging = false;
-} made_at_start;
-
 [[noreturn]] void hang() {
-  InUse::is_hanging = true;
   static_cast<void>(write(kHangingDescriptor, "h", 1) + 1);
   for (;;) pause();
 }
@@ -52,10 +43,24 @@ Error* act(std::string_view wish) {
   return new Error{{wish.data(), wish.size()}, {kMessage.data(), kMessage.size()}};
 }
 
-Error* load_model(Text directory, Text /*allowed_root*/, Model** model) {
-  const std::string_view path(directory.data, directory.size);
-  const std::string_view wish = path.substr(path.rfind('/') + 1);
-  static const InUse made_late;
+std::string_view view(Text text) { return {text.data, text.size}; }
+
+std::string_view last_part(Text path) { return view(path).substr(view(path).rfind('/') + 1); }
+
+Error* open() {
+#ifdef FAILING_OPEN
+  static int attempts = 0;
+  if (++attempts == 1) return act("fail ValueError");
+#endif
+  return nullptr;
+}
+
+Error* check_model(Text directory, Text /*allowed_root*/) { return act(last_part(directory)); }
+
+Error* load_model(Text directory, Text /*allowed_root*/, const LoadOptions* options,
+                  Model** model) {
+  const std::string_view wish = last_part(directory);
+  if (options->number_format != NumberFormat::float32) return act("fail ValueError");
   if (Error* const error = act(wish)) return error;
   if (wish == "nothing") return nullptr;
   ++alive;
@@ -68,20 +73,33 @@ void free_model(Model* model) {
   delete model;
 }
 
-Error* encode(const Model* /*model*/, const Text* texts, std::size_t count, std::int32_t normalize,
-              float* vectors) {
-  for (std::size_t i = 0; i < count; ++i, vectors += kPluginDimension) {
-    if (Error* const error = act({texts[i].data, texts[i].size})) return error;
-    vectors[0] = static_cast<float>(texts[i].size);
-    vectors[1] = static_cast<float>(threads);
-    vectors[2] = static_cast<float>(normalize);
+Error* encode(const Model* /*model*/, const EncodeCall* call) {
+  const std::string_view prompt =
+      call->prompt_name != nullptr ? view(*call->prompt_name) : std::string_view();
+  if (Error* const error = act(prompt)) return error;
+  float* vector = call->vectors;
+  for (std::size_t i = 0; i < call->count; ++i, vector += kPluginDimension) {
+    const Text text = call->texts[i];
+    if (Error* const error = act(view(text))) return error;
+    vector[0] = static_cast<float>(prompt.size() + text.size);
+    vector[1] = static_cast<float>(threads);
+    vector[2] = static_cast<float>(call->normalize);
+    if (call->token_counts != nullptr) {
+      call->token_counts[i] = static_cast<std::uint32_t>(text.size);
+    }
   }
   return nullptr;
 }
 
+constexpr std::array kPrompts = {"query", "document"};
+
 Table table = {
     .version = kVersion,
     .size = sizeof(Table),
+    .open = open,
+    .describe = []() -> Description {
+      return {.runtime = {"fake", 4}, .kernels = {"none", 4}};
+    },
     .get_num_threads = [](std::int32_t* count) -> Error* {
       *count = threads;
       return nullptr;
@@ -90,8 +108,13 @@ Table table = {
       threads = count;
       return nullptr;
     },
+    .check_model = check_model,
     .load_model = load_model,
     .dimension = [](const Model*) -> std::size_t { return kPluginDimension; },
+    .prompt_count = [](const Model*) -> std::size_t { return kPrompts.size(); },
+    .prompt_name = [](const Model*, std::size_t index) -> Text {
+      return {kPrompts.at(index), std::strlen(kPrompts.at(index))};
+    },
     .encode = encode,
     .free_model = free_model,
     .free_error = free_error,
@@ -114,8 +137,8 @@ tovana_model_library() {
 #endif
 #if defined(NO_TABLE)
   return nullptr;
-#elif defined(WRONG_VERSION)
-  tovana::model_library_abi::table.version = 0;
+#elif defined(OLD_VERSION)
+  tovana::model_library_abi::table.version = 1;
 #elif defined(WRONG_SIZE)
     tovana::model_library_abi::table.size = 0;
 #endif

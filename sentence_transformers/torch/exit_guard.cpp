@@ -1,4 +1,4 @@
-#include "tovana/engines/embedding/backends/local/exit_guard.h"
+#include "sentence_transformers/torch/exit_guard.h"
 
 #include <algorithm>
 #include <atomic>
@@ -14,7 +14,7 @@
 #include "tovana/base/background_thread.h"
 #include "tovana/exceptions/exceptions.h"
 
-namespace tovana::embedding {
+namespace tovana::sentence_transformers {
 namespace {
 
 /// The calls in flight, and whether the process has begun to exit: one word, so that a call either
@@ -121,4 +121,4 @@ CallInFlight::~CallInFlight() {
   --calls;
 }
 
-}  // namespace tovana::embedding
+}  // namespace tovana::sentence_transformers

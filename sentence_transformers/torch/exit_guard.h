@@ -11,7 +11,7 @@
 ///
 /// It takes part once a thread is protected, below. Whatever ends the process otherwise (`_exit`,
 /// `quick_exit`, a signal) runs no destructors and needs nothing.
-namespace tovana::embedding {
+namespace tovana::sentence_transformers {
 
 /// Makes an `exit` that this thread calls, or that follows its return from main, safe from now on.
 /// The main thread is protected from the start, and every thread that computes with a local model
@@ -43,4 +43,4 @@ class CallInFlight {
   const Kind _kind;
 };
 
-}  // namespace tovana::embedding
+}  // namespace tovana::sentence_transformers
