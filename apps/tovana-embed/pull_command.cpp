@@ -9,6 +9,8 @@
 #include "load_failure.h"
 #include "output.h"
 #include "run_limits.h"
+#include "tovana/engines/embedding/backends/local/model_library.h"
+#include "tovana/engines/embedding/backends/local/model_runtime.h"
 #include "tovana/engines/http/failure.h"
 #include "tovana/engines/hub/fetch_errors.h"
 #include "tovana/engines/hub/fetch_model.h"
@@ -73,10 +75,33 @@ hub::CachedModel pulled(const PullArguments& arguments, const RunLimits& limits)
   }
 }
 
+/// Has the model library say whether it could load the model, where there is one to ask.
+void check_loadable(const PullArguments& arguments, const hub::CachedModel& model) {
+  embedding::ModelRuntime& runtime = embedding::model_runtime();
+  try {
+    runtime.load_library();
+    runtime.check_model(model.directory, model.allowed_root);
+  } catch (const embedding::ModelLibraryNotInstalled&) {
+    return;
+  } catch (const ValueError& error) {  // as those of `pulled`
+    throw Failure(ExitStatus::bad_data, error.what());
+  } catch (const Error& error) {
+    throw Failure(ExitStatus::call_failed,
+                  "the files of the model are in " + model.directory.string() +
+                      ", but nothing can tell whether it loads: " + error.what());
+  }
+  if (const auto library = runtime.loaded_library()) {
+    report(arguments.model + " can be loaded (" + std::string(library->runtime) + ", " +
+           std::string(library->kernels) + ")");
+  }
+}
+
 ExitStatus pull(const PullArguments& arguments, const Interrupts& interrupts) {
   const RunLimits limits(interrupts);
   Output output("-", limits);
-  output.write(pulled(arguments, limits).directory.string() + "\n");
+  const hub::CachedModel model = pulled(arguments, limits);
+  check_loadable(arguments, model);
+  output.write(model.directory.string() + "\n");
   output.finish();
   return ExitStatus::success;
 }
@@ -99,7 +124,8 @@ Command add_pull_command(CLI::App& tool) {
       R"(Prints the model's folder, once all that it needs is there and can be loaded. The
 files of a model that is in the cache are checked, by the hashes that the cache
 names them by; only what is missing or damaged is fetched, and a fetch that was
-broken off goes on where it ended. MODEL may also be a folder, to be checked.
+broken off goes on where it ended. MODEL may also be a folder, to be checked. The
+local model library, where it is installed, says whether it can load the model.
 
 The cache is the one of Python's libraries: SENTENCE_TRANSFORMERS_HOME,
 HF_HUB_CACHE, HF_HOME/hub, else ~/.cache/huggingface/hub. HF_TOKEN gives access to
@@ -108,8 +134,9 @@ every request.
 
 Exit status: 0 the model is there; 65 it is damaged, incomplete or of a kind that
 does not load, or the folder does not exist; 69 it cannot be had: there is none, no
-access to it, or it is not in the cache and may not be fetched; 74 the cache cannot
-be written to; 75 the hub cannot be reached: try again later.
+access to it, or it is not in the cache and may not be fetched; or the model library
+cannot be used; 74 the cache cannot be written to; 75 the hub cannot be reached: try
+again later.
 
 Examples:
   tovana-embed pull all-MiniLM-L6-v2

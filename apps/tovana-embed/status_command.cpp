@@ -9,6 +9,7 @@
 #include "engine_arguments.h"
 #include "engine_session.h"
 #include "output.h"
+#include "tovana/engines/embedding/backends/local/model_runtime.h"
 
 namespace tovana::tool {
 namespace {
@@ -24,10 +25,17 @@ struct StatusArguments {
   bool json = false;
 };
 
+/// The fields of the status, and what the model library is, each null while none is loaded.
 std::string json_line(const EmbeddingStatus& status) {
   nlohmann::ordered_json object;
   for (const auto& [name, value] : status.to_dict()) {
     std::visit([&object, &name = name](const auto& field) { object[name] = field; }, value);
+  }
+  object["runtime"] = nullptr;
+  object["kernels"] = nullptr;
+  if (const auto library = embedding::model_runtime().loaded_library()) {
+    object["runtime"] = library->runtime;
+    object["kernels"] = library->kernels;
   }
   return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
@@ -75,6 +83,8 @@ Command add_status_command(CLI::App& tool) {
   command.footer(
       R"(Begins to load the model as every command does, and says how far that has come:
 after a tenth of a second, unless --wait, --wait-s or --no-wait says otherwise.
+With --json it also says what a local model is computed with: "runtime" and
+"kernels" of the model library, null while none is loaded.
 The exit status is 0 when the model is ready, 75 when it is not or may be later,
 and otherwise what a command that embeds would end with.
 

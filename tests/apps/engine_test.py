@@ -52,7 +52,8 @@ def test_says_what_it_is_doing(machine):
         line = re.sub(r"\d+ s so far", "S s so far", result.out.decode())
         assert (result.status, line, result.err) == (status, f"The embedding model {said}\n", "")
     assert machine.run("none", "status", "--wait", "--json").out == (
-        b'{"state":"ready","backend":"tfidf","detail":"sentence-transformers is not installed"}\n')
+        b'{"state":"ready","backend":"tfidf","detail":"sentence-transformers is not installed",'
+        b'"runtime":null,"kernels":null}\n')
     expect_error(machine.run("none", "status", "--wait", "--no-wait"), 64, "--no-wait")
 
 

@@ -2,6 +2,7 @@
 
 import os
 import pty
+import shutil
 import signal
 import subprocess
 import threading
@@ -23,7 +24,8 @@ def hub():
 
 @pytest.fixture
 def env(hub, tmp_path):
-    return {"HF_ENDPOINT": hub.url, "HF_HUB_CACHE": str(tmp_path / "hub")}
+    return {"HF_ENDPOINT": hub.url, "HF_HUB_CACHE": str(tmp_path / "hub"),
+            "TOVANA_MODEL_LIBRARY": os.environ["FAKE_MODEL_LIBRARY"]}
 
 
 def test_fetches_once_and_prints_the_folder(hub, env, tmp_path):
@@ -38,8 +40,22 @@ def test_fetches_once_and_prints_the_folder(hub, env, tmp_path):
     leftover.touch()
     os.utime(leftover, (0, 0))
     for command in (["pull", "tiny"], ["pull", "--offline", "tiny"]):
-        assert run(*command, env=env) == (0, folder.encode(), "")
+        assert run(*command, env=env) == (0, folder.encode(), "tovana-embed: tiny can be loaded (fake, none)\n")
     assert len(hub.requests) == requests and not leftover.exists()
+    ready = run("status", "--wait", "--json", "--backend", "local", "--model", "tiny", env=env).records()[0]
+    assert (ready["runtime"], ready["kernels"]) == ("fake", "none")
+
+
+def test_has_the_model_library_check_the_model_where_there_is_one(env, tmp_path):
+    folder = tmp_path / "fail"  # what the fake library has to be told to fail
+    folder.mkdir()
+    for name, content in FILES.items():
+        (folder / name).write_bytes(content)
+    command, tool = ["pull", str(folder)], shutil.copy(TOOL, tmp_path)  # where no library is beside it
+    expect_error(run(*command, env=env), 65, "fail does not work")
+    expect_error(run(*command, env={"TOVANA_MODEL_LIBRARY": "/gone.so"}), 69,
+                 f"{folder}, but nothing can tell whether it loads: TOVANA_MODEL_LIBRARY=/gone.so: there is no")
+    assert run(*command, tool=tool) == (0, f"{folder}\n".encode(), "")
 
 
 @pytest.mark.parametrize("command, status, said", [
