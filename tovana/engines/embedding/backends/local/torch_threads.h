@@ -13,7 +13,7 @@ namespace tovana::embedding {
 
 /// The bound on the intra-op threads of one local embedding call: the value of
 /// `EMBED_THREADS_ENV`, 0 if that is below 0, `DEFAULT_EMBED_THREADS` when the variable is absent
-/// or holds no whole number. 0 leaves torch's own setting.
+/// or holds no whole number. 0 leaves the model library's own setting.
 ///
 /// A whole number is decimal, in the digits 0 to 9, with white space around it, a sign in front,
 /// leading zeros and single underscores between two digits if need be: " +1_6 " is 16. One beyond
@@ -23,15 +23,15 @@ namespace tovana::embedding {
 /// A null `environment` is the process's own, read at each call.
 std::int64_t embed_threads(const Environment* environment = nullptr);
 
-/// Bounds the intra-op threads torch computes on, for a stretch of work on one thread.
+/// Bounds the threads that the model library computes on, for a stretch of work on one thread.
 ///
-/// Torch by default computes on a thread for every core, and every thread that computes keeps a
-/// team of its own for as long as it lives; a team made inside a bound has the bound's size. Torch
-/// keeps its setting per thread, beside a default that a thread copies the first time it computes,
-/// and sets both at once. So the default is read before anything is bounded, and every bound gives
-/// that back. A thread that starts to compute during another's bound copies the bound; its own next
-/// bound gives it the default. The model library's own kernels share one pool of threads in the
-/// process, of which a call takes as many as torch's setting allows it.
+/// By default those are as many as there are cores. The library keeps its setting the way torch
+/// does: per thread, beside a default that a thread copies the first time it computes, and sets both
+/// at once. So the default is read before anything is bounded, and every bound gives that back. A
+/// thread that starts to compute during another's bound copies the bound; its own next bound gives
+/// it the default. The library's own kernels share one pool of threads in the process, of which a
+/// call takes as many as its setting allows; on libtorch every thread that computes keeps a team of
+/// its own for as long as it lives, and one made inside a bound has the bound's size.
 ///
 /// Threads: several may be in bounds at the same time and do not disturb one another.
 class TorchThreads {
@@ -42,8 +42,8 @@ class TorchThreads {
   TorchThreads& operator=(const TorchThreads&) = delete;
 
   /// Runs `body` on at most `limit` intra-op threads and returns what it returns. Changes nothing
-  /// when torch is not loaded (nor loads it), when `limit` is 0 or less (torch's setting is not
-  /// even read), and when torch's own default is no more than `limit`. Otherwise the default is
+  /// when no model library is loaded (nor loads it), when `limit` is 0 or less (the setting is not
+  /// even read), and when the library's own default is no more than `limit`. Otherwise the default is
   /// set again afterwards, also when `body` throws; its error goes on to the caller. If the limit
   /// cannot be set, `body` does not run and the caller gets that error.
   template <class Body>
@@ -59,7 +59,7 @@ class TorchThreads {
     }
   }
 
-  /// Torch's own setting, read the first time this is asked and never again.
+  /// The library's own setting, read the first time this is asked and never again.
   std::int64_t _default_of(TorchRuntime& torch) TOVANA_EXCLUDES(_lock);
 
  private:
