@@ -26,12 +26,13 @@ std::int64_t embed_threads(const Environment* environment = nullptr);
 /// Bounds the threads that the model library computes on, for a stretch of work on one thread.
 ///
 /// By default those are as many as there are cores. The library keeps its setting the way torch
-/// does: per thread, beside a default that a thread copies the first time it computes, and sets both
-/// at once. So the default is read before anything is bounded, and every bound gives that back. A
-/// thread that starts to compute during another's bound copies the bound; its own next bound gives
-/// it the default. The library's own kernels share one pool of threads in the process, of which a
-/// call takes as many as its setting allows; on libtorch every thread that computes keeps a team of
-/// its own for as long as it lives, and one made inside a bound has the bound's size.
+/// does: per thread, beside a default that a thread copies the first time it computes, and sets
+/// both at once. So the default is read before anything is bounded, and every bound gives that
+/// back. A thread that starts to compute during another's bound copies the bound; its own next
+/// bound gives it the default. The library's own kernels share one pool of threads in the process,
+/// of which a call takes as many as its setting allows; on libtorch every thread that computes
+/// keeps a team of its own for as long as it lives, and one made inside a bound has the bound's
+/// size.
 ///
 /// Threads: several may be in bounds at the same time and do not disturb one another.
 class TorchThreads {
@@ -43,9 +44,9 @@ class TorchThreads {
 
   /// Runs `body` on at most `limit` intra-op threads and returns what it returns. Changes nothing
   /// when no model library is loaded (nor loads it), when `limit` is 0 or less (the setting is not
-  /// even read), and when the library's own default is no more than `limit`. Otherwise the default is
-  /// set again afterwards, also when `body` throws; its error goes on to the caller. If the limit
-  /// cannot be set, `body` does not run and the caller gets that error.
+  /// even read), and when the library's own default is no more than `limit`. Otherwise the default
+  /// is set again afterwards, also when `body` throws; its error goes on to the caller. If the
+  /// limit cannot be set, `body` does not run and the caller gets that error.
   template <class Body>
   std::invoke_result_t<Body> bounded(std::int64_t limit, Body&& body) {
     Bound bound(*this, limit);
