@@ -1,14 +1,36 @@
 #include "sentence_transformers/compute/packed_matrix.h"
 
 #include <algorithm>
-
-#include "sentence_transformers/compute/float_block.h"
+#include <utility>
 
 namespace tovana::sentence_transformers {
+namespace {
+
+/// Columns that are set side by side: what is written to a panel is then written in one go.
+constexpr std::size_t kSideBySide = 8;
+
+/// Makes `kCount` rows columns of a panel.
+template <std::size_t kCount>
+void transpose(const float* rows, std::size_t stride, std::size_t depth, float* to,
+               std::size_t panel) {
+  for (std::size_t i = 0; i < depth; ++i) {
+    float numbers[kCount];
+    for (std::size_t row = 0; row < kCount; ++row) numbers[row] = rows[row * stride + i];
+    std::copy_n(numbers, kCount, to + i * panel);
+  }
+}
+
+}  // namespace
 
 std::size_t PackedMatrix::size(const Kernels& kernels, std::size_t depth, std::size_t columns) {
   const std::size_t padded = kernels.padded(columns);
   return FloatSlices::size(padded * depth) + FloatSlices::size(padded);
+}
+
+PackedMatrix::PackedMatrix(const Kernels& kernels, std::size_t depth, std::size_t columns) {
+  FloatBlock memory(size(kernels, depth, columns));
+  *this = PackedMatrix(kernels, depth, columns, memory.data());
+  _memory = std::move(memory);
 }
 
 PackedMatrix::PackedMatrix(const Kernels& kernels, std::size_t depth, std::size_t columns,
@@ -27,9 +49,16 @@ PackedMatrix::PackedMatrix(const Kernels& kernels, std::size_t depth, std::size_
 void PackedMatrix::set_columns(std::size_t first, std::size_t count, const float* rows,
                                std::size_t stride, const float* bias) {
   const std::size_t panel = _kernels->panel;
-  for (std::size_t column = first; column < first + count; ++column, rows += stride) {
+  const std::size_t end = first + count;
+  for (std::size_t column = first, set = 0; column < end; column += set, rows += set * stride) {
     float* const to = _panels + column / panel * panel * _depth + column % panel;
-    for (std::size_t i = 0; i < _depth; ++i) to[i * panel] = rows[i];
+    if (column % kSideBySide == 0 && end - column >= kSideBySide) {
+      set = kSideBySide;
+      transpose<kSideBySide>(rows, stride, _depth, to, panel);
+    } else {
+      set = 1;
+      transpose<1>(rows, stride, _depth, to, panel);
+    }
   }
   if (bias != nullptr) std::copy_n(bias, count, _bias + first);
 }

@@ -2,12 +2,13 @@
 
 #include <cstddef>
 
+#include "sentence_transformers/compute/float_block.h"
 #include "sentence_transformers/compute/kernels.h"
 
 namespace tovana::sentence_transformers {
 
-/// A weight matrix and its bias, arranged for one set of kernels, in memory of somebody else's. It
-/// is filled once and then only read.
+/// A weight matrix and its bias, arranged for one set of kernels, in memory of its own or in
+/// somebody else's. It is filled once and then only read. Move only.
 class PackedMatrix {
  public:
   PackedMatrix() = default;
@@ -15,15 +16,18 @@ class PackedMatrix {
   /// The floats that a matrix takes.
   static std::size_t size(const Kernels& kernels, std::size_t depth, std::size_t columns);
 
-  /// An empty one of that size in `memory`; every column has to be set.
+  /// An empty one; every column has to be set. Throws std::bad_alloc.
+  PackedMatrix(const Kernels& kernels, std::size_t depth, std::size_t columns);
+
+  /// The same in `memory`, which is as large as `size` says and outlives it.
   PackedMatrix(const Kernels& kernels, std::size_t depth, std::size_t columns, float* memory);
 
   /// Sets `count` columns from `first` on: from rows of `depth` floats, which are `stride` apart,
-  /// and as many numbers of bias, or none.
+  /// and as many numbers of bias, or none. So a matrix can be set a few of W's rows at a time, and
+  /// from a part of each row. Fastest when `first` is a multiple of 8.
   void set_columns(std::size_t first, std::size_t count, const float* rows, std::size_t stride,
                    const float* bias);
 
-  std::size_t columns() const noexcept { return _columns; }
   /// The columns that a product writes.
   std::size_t padded_columns() const noexcept { return _kernels->padded(_columns); }
 
@@ -38,6 +42,7 @@ class PackedMatrix {
   void _multiply(std::size_t rows, const float* in, std::size_t in_stride, const float* bias,
                  float* out, bool adds) const;
 
+  FloatBlock _memory;  ///< Nothing if it is somebody else's.
   const Kernels* _kernels = nullptr;
   std::size_t _depth = 0;
   std::size_t _columns = 0;

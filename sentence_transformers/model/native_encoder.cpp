@@ -168,7 +168,7 @@ NativeEncoder::Layer NativeEncoder::_load_layer(std::size_t index, float* memory
     attention_output.set_from_columns(shard.attention_output, head * _head_width);
     intermediate.set_from_rows(shard.intermediate, 0, first_inner, inner);
     output.set_from_columns(shard.output, first_inner);
-    layer.shards.push_back(shard);
+    layer.shards.push_back(std::move(shard));
   }
   for (const std::string* name : {&names.query, &names.key, &names.value, &names.attention_output,
                                   &names.intermediate, &names.output}) {
