@@ -1,32 +1,32 @@
 #include "sentence_transformers/compute/kernels.h"
 
-#include <vector>
+#include <array>
 
 namespace tovana::sentence_transformers {
 namespace {
 
-std::vector<const Kernels*> find_supported() {
-  std::vector<const Kernels*> found;
+// A processor that runs one of them runs those behind it, so that nothing has to be kept that would
+// be made at the first call or destroyed at exit.
 #ifdef TOVANA_X86_KERNELS
+constexpr std::array kFastestFirst = {&kAvx512Kernels, &kAvx2Kernels, &kBaselineKernels};
+
+std::size_t count_unsupported() {
   // These look at what the operating system keeps of the registers, too.
-  if (__builtin_cpu_supports("avx512f") != 0) found.push_back(&kAvx512Kernels);
-  if (__builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("fma") != 0) {
-    found.push_back(&kAvx2Kernels);
-  }
-#endif
-  return found;
+  if (__builtin_cpu_supports("avx2") == 0 || __builtin_cpu_supports("fma") == 0) return 2;
+  return __builtin_cpu_supports("avx512f") == 0 ? 1 : 0;
 }
+#else
+constexpr std::array kFastestFirst = {&kBaselineKernels};
+
+std::size_t count_unsupported() { return 0; }
+#endif
 
 }  // namespace
 
 std::span<const Kernels* const> supported_kernels() {
-  static const std::vector<const Kernels*> supported = find_supported();
-  return supported;
+  return std::span(kFastestFirst).subspan(count_unsupported());
 }
 
-const Kernels* best_kernels() {
-  const std::span<const Kernels* const> supported = supported_kernels();
-  return supported.empty() ? nullptr : supported.front();
-}
+const Kernels& best_kernels() { return *supported_kernels().front(); }
 
 }  // namespace tovana::sentence_transformers

@@ -72,7 +72,7 @@ struct Sum {
 /// the bit whatever rows stand beside it. No operation allocates or throws.
 struct Kernels {
   const char* name;
-  std::size_t panel;
+  std::size_t panel;  ///< A multiple of 8.
   void (*multiply)(const Product&);
   void (*attend)(const Attention&);
   void (*normalize)(const Normalization&);
@@ -84,14 +84,14 @@ struct Kernels {
   std::size_t padded(std::size_t columns) const { return (columns + panel - 1) / panel * panel; }
 };
 
-/// Those that this processor can run, the fastest first; none on a processor that nobody has
-/// written any for.
+/// Those that this processor can run, the fastest first; the last is the one that any can.
 std::span<const Kernels* const> supported_kernels();
 
-/// The fastest of them, or null.
-const Kernels* best_kernels();
+/// The fastest of them.
+const Kernels& best_kernels();
 
-// One for each file that is compiled for another instruction set.
+// One for each file that is compiled for another instruction set; the last two on x86-64 alone.
+extern const Kernels kBaselineKernels;
 extern const Kernels kAvx2Kernels;
 extern const Kernels kAvx512Kernels;
 

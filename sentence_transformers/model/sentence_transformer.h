@@ -32,7 +32,7 @@ class SentenceTransformer {
   /// ModelFilesError, naming file and fault, for a model that is damaged or of a kind that is not
   /// supported here; RuntimeError when the system would not let us read it.
   static std::unique_ptr<const SentenceTransformer> load(const files::ModelDirectory& directory,
-                                                         const Kernels* kernels = best_kernels());
+                                                         const Kernels* kernels = &best_kernels());
 
   /// The floats of a vector.
   std::int64_t dimension() const noexcept { return _dimension; }

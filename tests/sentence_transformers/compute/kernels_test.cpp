@@ -99,7 +99,6 @@ TEST_P(KernelsTest, ActivationsAreTheirDefinitions) {
 INSTANTIATE_TEST_SUITE_P(All, KernelsTest,
                          testing::ValuesIn(supported_kernels().begin(), supported_kernels().end()),
                          [](const auto& kernels) { return std::string(kernels.param->name); });
-GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(KernelsTest);
 
 }  // namespace
 }  // namespace tovana::sentence_transformers
