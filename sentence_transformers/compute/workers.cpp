@@ -8,11 +8,15 @@
 #include <list>
 #include <memory>
 #include <system_error>
-#include <thread>
 #include <utility>
 
+#include <sys/types.h>
+#include <unistd.h>
+
+#include "sentence_transformers/compute/processors.h"
 #include "tovana/base/background_thread.h"
 #include "tovana/base/mutex.h"
+#include "tovana/base/per_process.h"
 
 namespace tovana::sentence_transformers {
 namespace {
@@ -125,13 +129,10 @@ class Job {
   std::exception_ptr _failure;  ///< Written by whoever set the former, read when all is done.
 };
 
-/// The helpers and what they may help with. Never destroyed: they outlive whatever ends first.
+/// The helpers of a process and what they may help with.
 class Workers {
  public:
-  static Workers& instance() {
-    static auto* const workers = new Workers;
-    return *workers;
-  }
+  const pid_t process = getpid();
 
   void run(SteppedWork& work, std::size_t steps, std::size_t parts, std::size_t threads) {
     const auto job = std::make_shared<Job>(work, steps, parts);
@@ -152,8 +153,6 @@ class Workers {
     std::size_t helpers;  ///< How many more may join.
   };
   using Offers = std::list<Offer>;
-
-  Workers() : _processors(std::max(1U, std::thread::hardware_concurrency())) {}
 
   Offers::iterator _offer(std::shared_ptr<Job> job, std::size_t helpers) TOVANA_EXCLUDES(_lock) {
     const LockGuard guard(_lock);
@@ -218,7 +217,7 @@ class Workers {
     if (offer != _offers.end()) ++offer->helpers;
   }
 
-  const std::size_t _processors;
+  const std::size_t _processors = usable_processors();
   Mutex _lock;
   ConditionVariable _changed;
   Offers _offers TOVANA_GUARDED_BY(_lock);  ///< One for each call under way.
@@ -228,11 +227,15 @@ class Workers {
   std::atomic<std::size_t> _computing = 0;  ///< Threads that do; written under the lock.
 };
 
+/// Never destroyed, for helpers sleep on its lock while the process exits; made when this is loaded,
+/// so that no child is forked while it is being made.
+auto& workers = *new PerProcess<Workers>;
+
 }  // namespace
 
 void run_steps(SteppedWork& work, std::size_t steps, std::size_t parts, std::size_t threads) {
   if (steps == 0 || parts == 0) return;
-  Workers::instance().run(work, steps, parts, std::max<std::size_t>(threads, 1));
+  workers.get().run(work, steps, parts, std::max<std::size_t>(threads, 1));
 }
 
 }  // namespace tovana::sentence_transformers

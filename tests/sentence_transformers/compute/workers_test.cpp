@@ -4,11 +4,17 @@
 #include <atomic>
 #include <barrier>
 #include <cstddef>
+#include <functional>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "sentence_transformers/compute/processors.h"
 
 namespace tovana::sentence_transformers {
 namespace {
@@ -77,12 +83,16 @@ TEST(WorkersTest, TheFirstFailureEndsTheWorkAndLeavesNothingBehind) {
   run_steps(nothing, kSteps, 0, 2);
 }
 
-/// Two parts that each wait for the other to have begun.
+/// Two parts that each wait for the other to have begun; then `then` is called on the caller's
+/// thread.
 class Meeting final : public SteppedWork {
  public:
+  explicit Meeting(std::function<void()> then = [] {}) : _then(std::move(then)) {}
+
   void run(std::size_t, std::size_t part) override {
     _begun.arrive_and_wait();
     threads[part] = std::this_thread::get_id();
+    if (threads[part] == _caller) _then();
   }
   void finish(std::size_t) override {}
 
@@ -90,16 +100,37 @@ class Meeting final : public SteppedWork {
 
  private:
   std::barrier<> _begun{2};
+  const std::thread::id _caller = std::this_thread::get_id();
+  const std::function<void()> _then;
 };
 
 TEST(WorkersTest, AHelperTakesAPart) {
-  if (std::thread::hardware_concurrency() < 2) GTEST_SKIP() << "no processor for a helper";
+  if (usable_processors() < 2) GTEST_SKIP() << "no processor for a helper";
   for (int round = 0; round < 3; ++round) {
     Meeting work;
     run_steps(work, 1, 2, 2);
     EXPECT_NE(work.threads[0], work.threads[1]);
   }
 }
+
+#ifndef __SANITIZE_THREAD__  // it allows a forked child no threads
+TEST(WorkersTest, AChildForkedAmongThePartsHasHelpersOfItsOwn) {
+  if (usable_processors() < 2) GTEST_SKIP() << "no processor for a helper";
+  Meeting work([] {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      ::alarm(10);  // ends a child that hangs
+      Meeting meeting;
+      run_steps(meeting, 1, 2, 2);
+      ::_exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  });
+  run_steps(work, 1, 2, 2);
+}
+#endif
 
 }  // namespace
 }  // namespace tovana::sentence_transformers

@@ -11,9 +11,9 @@
 
 #include "tovana/base/logging.h"
 #include "tovana/base/mutex.h"
+#include "tovana/base/per_process.h"
 #include "tovana/base/text.h"
 #include "tovana/base/utf8.h"
-#include "tovana/engines/http/per_process.h"
 #include "tovana/engines/http/url.h"
 
 namespace tovana::http {

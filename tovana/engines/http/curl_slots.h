@@ -9,7 +9,7 @@
 #include <curl/curl.h>
 
 #include "tovana/base/clock.h"
-#include "tovana/engines/http/per_process.h"
+#include "tovana/base/per_process.h"
 #include "tovana/engines/http/tls_events.h"
 
 namespace tovana::http {

@@ -6,11 +6,11 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-namespace tovana::http {
+namespace tovana {
 
 /// A T of this process. A forked child gets a fresh one and leaves its parent's alone, for its lock
-/// may be held by a thread that the child does not have, and its sockets are the parent's. T can be
-/// made from nothing and has a member `const pid_t process = getpid()`.
+/// may be held by a thread that the child does not have, and its sockets and threads are the
+/// parent's. T can be made from nothing and has a member `const pid_t process = getpid()`.
 template <class T>
 class PerProcess {
  public:
@@ -34,4 +34,4 @@ class PerProcess {
   std::atomic<T*> _object;
 };
 
-}  // namespace tovana::http
+}  // namespace tovana
