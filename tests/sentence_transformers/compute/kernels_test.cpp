@@ -12,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include "sentence_transformers/compute/float_block.h"
 #include "sentence_transformers/compute/packed_matrix.h"
 
 namespace tovana::sentence_transformers {
@@ -45,8 +44,7 @@ TEST_P(KernelsTest, ProductsOfEveryHeight) {
   const std::size_t columns = 71;
   const Numbers weight = random_numbers(columns * depth);
   const Numbers bias = random_numbers(columns);
-  FloatBlock memory(PackedMatrix::size(_kernels, depth, columns));
-  PackedMatrix matrix(_kernels, depth, columns, memory.data());
+  PackedMatrix matrix(_kernels, depth, columns);
   matrix.set_columns(0, 21, weight.data(), depth, bias.data());
   matrix.set_columns(21, columns - 21, weight.data() + 21 * depth, depth, bias.data() + 21);
   const std::size_t stride = matrix.padded_columns();
