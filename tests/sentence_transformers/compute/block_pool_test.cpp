@@ -22,10 +22,9 @@ TEST(BlockPoolTest, ABlockIsLargeEnoughAndOneBorrowersAtATime) {
         const std::size_t size = 1 + (round * 31 + borrower * 17) % 300;
         const BlockPool::Borrowed block = pool.borrow(size);
         ASSERT_GE(block->size(), size);
-        const auto mine = static_cast<float>(borrower);
-        std::fill_n(block->data(), size, mine);
+        std::fill_n(block->data(), size, borrower);
         std::this_thread::yield();
-        ASSERT_EQ(std::count(block->data(), block->data() + size, mine), size);
+        ASSERT_EQ(std::count(block->data(), block->data() + size, borrower), size);
       }
     });
   }
