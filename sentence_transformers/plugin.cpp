@@ -1,20 +1,21 @@
 // The model library's side of the boundary: every operation of the table is one of
-// SentenceTransformer's or libtorch's, behind a net that lets no exception through.
+// SentenceTransformer's or the runtime's, behind a net that lets no exception through.
 
 #include <algorithm>
-#include <cstring>
+#include <cstdint>
+#include <limits>
 #include <memory>
 #include <new>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#include <ATen/Parallel.h>
-#include <c10/util/Exception.h>
-
+#include "sentence_transformers/model/runtime.h"
 #include "sentence_transformers/model/sentence_transformer.h"
+#include "tovana/base/json_kernels.h"
 #include "tovana/base/text.h"
 #include "tovana/engines/embedding/backends/local/model_library_abi.h"
 #include "tovana/exceptions/exceptions.h"
@@ -65,14 +66,13 @@ abi::Error* describe_current_exception() {
     throw;
   } catch (const std::bad_alloc&) {
     return out_of_memory();
-  } catch (const c10::Error& error) {
-    return make_error("RuntimeError", error.what_without_backtrace());
   } catch (const ValueError& error) {
     return make_error("ValueError", error.what());
   } catch (const RuntimeError& error) {
     return make_error("RuntimeError", error.what());
   } catch (const std::exception& error) {
-    return make_error("RuntimeError", failure_text(error));
+    const std::optional<std::string> own = library_runtime().message_of(error);
+    return make_error("RuntimeError", own ? *own : failure_text(error));
   } catch (...) {
     return make_error("RuntimeError", "an exception of an unknown type");
   }
@@ -93,34 +93,71 @@ abi::Error* guarded(const Body& body) noexcept {
   }
 }
 
+abi::Error* open() {
+  return guarded([] {
+    keep_json_kernels();
+    library_runtime().open();
+  });
+}
+
+abi::Description describe() {
+  const Runtime& runtime = library_runtime();
+  return {.runtime = view_of(runtime.name()), .kernels = view_of(runtime.instruction_set())};
+}
+
 abi::Error* get_num_threads(std::int32_t* count) {
-  return guarded([count] { *count = at::get_num_threads(); });
+  return guarded([count] {
+    constexpr std::size_t kMost = std::numeric_limits<std::int32_t>::max();
+    *count = static_cast<std::int32_t>(std::min(library_runtime().get_num_threads(), kMost));
+  });
 }
 
 abi::Error* set_num_threads(std::int32_t count) {
-  return guarded([count] { at::set_num_threads(count); });
+  return guarded([count] {
+    if (count < 1) throw RuntimeError("a number of threads is at least 1");
+    library_runtime().set_num_threads(static_cast<std::size_t>(count));
+  });
 }
 
-abi::Error* load_model(abi::Text directory, abi::Text allowed_root, abi::Model** model) {
+files::ModelDirectory directory_of(abi::Text directory, abi::Text allowed_root) {
+  return {text_of(directory), text_of(allowed_root)};
+}
+
+abi::Error* check_model(abi::Text directory, abi::Text allowed_root) {
+  return guarded([&] { SentenceTransformer::check(directory_of(directory, allowed_root)); });
+}
+
+abi::Error* load_model(abi::Text directory, abi::Text allowed_root, const abi::LoadOptions* options,
+                       abi::Model** model) {
   *model = nullptr;
-  return guarded([directory, allowed_root, model] {
-    const files::ModelDirectory files(text_of(directory), text_of(allowed_root));
+  return guarded([&] {
+    if (options->number_format != abi::NumberFormat::float32) {
+      throw RuntimeError("the model library does not know the number format " +
+                         std::to_string(static_cast<std::int32_t>(options->number_format)));
+    }
     auto loaded = std::make_unique<abi::Model>();
-    loaded->transformer = SentenceTransformer::load(files);
+    loaded->transformer =
+        SentenceTransformer::load(directory_of(directory, allowed_root), library_runtime());
     *model = loaded.release();
   });
 }
 
-std::size_t dimension(const abi::Model* model) {
-  return static_cast<std::size_t>(model->transformer->dimension());
+std::size_t dimension(const abi::Model* model) { return model->transformer->dimension(); }
+
+std::size_t prompt_count(const abi::Model* model) { return model->transformer->prompts().size(); }
+
+abi::Text prompt_name(const abi::Model* model, std::size_t index) {
+  return view_of(model->transformer->prompts()[index].name);
 }
 
-abi::Error* encode(const abi::Model* model, const abi::Text* texts, std::size_t count,
-                   std::int32_t normalize, float* vectors) {
-  return guarded([model, texts, count, normalize, vectors] {
-    std::vector<std::string_view> views(count);
-    std::transform(texts, texts + count, views.begin(), text_of);
-    model->transformer->encode(views, normalize != 0, vectors);
+abi::Error* encode(const abi::Model* model, const abi::EncodeCall* call) {
+  return guarded([model, call] {
+    EncodeOptions options = {.normalize = call->normalize != 0};
+    if (call->prompt_name != nullptr) options.prompt_name = text_of(*call->prompt_name);
+    if (call->token_counts != nullptr) options.token_counts = {call->token_counts, call->count};
+    std::vector<std::string_view> texts(call->count);
+    std::transform(call->texts, call->texts + call->count, texts.begin(), text_of);
+    model->transformer->encode(texts, options, call->vectors);
   });
 }
 
@@ -140,10 +177,15 @@ tovana_model_library() {
   static constexpr tovana::model_library_abi::Table kTable = {
       .version = tovana::model_library_abi::kVersion,
       .size = sizeof(tovana::model_library_abi::Table),
+      .open = plugin::open,
+      .describe = plugin::describe,
       .get_num_threads = plugin::get_num_threads,
       .set_num_threads = plugin::set_num_threads,
+      .check_model = plugin::check_model,
       .load_model = plugin::load_model,
       .dimension = plugin::dimension,
+      .prompt_count = plugin::prompt_count,
+      .prompt_name = plugin::prompt_name,
       .encode = plugin::encode,
       .free_model = plugin::free_model,
       .free_error = plugin::free_error,

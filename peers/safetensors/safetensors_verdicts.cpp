@@ -29,11 +29,12 @@ std::string hexadecimal(std::span<const std::byte> bytes) {
 std::string verdict(const std::string& file) {
   try {
     std::string line = "accepted";
-    for (const auto& [name, tensor] : st::parse_safetensors(std::as_bytes(std::span(file)))) {
+    const std::span<const std::byte> bytes = std::as_bytes(std::span(file));
+    for (const auto& [name, tensor] : st::parse_safetensors(bytes, bytes.size())) {
       line += " " + hexadecimal(std::as_bytes(std::span(name))) + ":" +
               std::string(st::dtype_name(tensor.dtype)) + ":";
       for (const std::int64_t extent : tensor.shape) line += std::to_string(extent) + ",";
-      line += ":" + hexadecimal(tensor.data);
+      line += ":" + hexadecimal(bytes.subspan(tensor.offset, tensor.size));
     }
     return line;
   } catch (const tovana::ValueError& error) {

@@ -3,8 +3,6 @@
 #include <optional>
 #include <string_view>
 
-#include <ATen/core/Tensor.h>
-
 #include "sentence_transformers/compute/kernels.h"
 
 namespace tovana::sentence_transformers {
@@ -19,8 +17,5 @@ inline constexpr std::string_view kHiddenActs =
 std::optional<Activation> activation_from_class(std::string_view path) noexcept;
 inline constexpr std::string_view kActivationClasses =
     "Identity, GELU, ReLU, Sigmoid, SiLU, Tanh of torch.nn";
-
-/// The activation of each element.
-at::Tensor activate(Activation activation, const at::Tensor& input);
 
 }  // namespace tovana::sentence_transformers

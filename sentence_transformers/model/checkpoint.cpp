@@ -3,26 +3,15 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <limits>
 #include <optional>
-#include <span>
 #include <utility>
 
-#include <ATen/ops/empty.h>
-#include <ATen/ops/from_blob.h>
-
+#include "sentence_transformers/compute/float_block.h"
+#include "sentence_transformers/compute/workers.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::sentence_transformers {
 namespace {
-
-/// Where `Weights::load` has found them.
-std::string file_of(const files::ModelDirectory& directory) {
-  constexpr const char* kWhole = "model.safetensors";
-  const bool is_whole =
-      directory.open(kWhole, std::numeric_limits<std::uint64_t>::max()).has_value();
-  return directory.path_of(is_whole ? kWhole : "model.safetensors.index.json");
-}
 
 std::string current_name(std::string_view name, std::string_view prefix) {
   if (name.starts_with(prefix)) name.remove_prefix(prefix.size());
@@ -50,6 +39,41 @@ bool is_finite(std::span<const float> numbers) noexcept {
   return found == 0;
 }
 
+constexpr std::size_t kRowsAtOnce = 32;
+
+struct Extents {
+  std::size_t rows;
+  std::size_t columns;
+};
+
+/// Of the matrix that a tensor is: the last extent is that of a row.
+Extents extents_of(const TensorEntry& tensor) {
+  const auto columns = static_cast<std::size_t>(tensor.shape.empty() ? 1 : tensor.shape.back());
+  const auto count = static_cast<std::size_t>(tensor.element_count());
+  return {.rows = columns == 0 ? 0 : count / columns, .columns = columns};
+}
+
+/// Reads a table in parts of about the same size.
+class TableCopy final : public SteppedWork {
+ public:
+  TableCopy(const StoredTensor& tensor, std::span<float> out) : _tensor(tensor), _out(out) {}
+
+  std::size_t parts() const { return (_out.size() + kPart - 1) / kPart; }
+
+  void run(std::size_t, std::size_t part) override {
+    const std::size_t first = part * kPart;
+    const std::size_t count = std::min(kPart, _out.size() - first);
+    _tensor.file->read_float32(*_tensor.entry, first, _out.subspan(first, count));
+  }
+  void finish(std::size_t) override {}
+
+ private:
+  static constexpr std::size_t kPart = std::size_t{1} << 20U;
+
+  const StoredTensor& _tensor;
+  const std::span<float> _out;
+};
+
 }  // namespace
 
 std::string shape_text(std::span<const std::int64_t> shape) {
@@ -62,7 +86,7 @@ std::string shape_text(std::span<const std::int64_t> shape) {
 }
 
 Checkpoint::Checkpoint(const files::ModelDirectory& directory, std::string_view prefix)
-    : _weights(Weights::load(directory)), _file(file_of(directory)) {
+    : _weights(Weights::open(directory)) {
   for (const auto& [name, tensor] : _weights.tensors()) {
     const std::string current = current_name(name, prefix);
     if (!_tensors.try_emplace(current, &tensor).second) {
@@ -74,62 +98,83 @@ Checkpoint::Checkpoint(const files::ModelDirectory& directory, std::string_view 
 
 const std::vector<std::int64_t>* Checkpoint::shape(std::string_view name) const {
   const auto found = _tensors.find(name);
-  return found == _tensors.end() ? nullptr : &found->second->shape;
+  return found == _tensors.end() ? nullptr : &found->second->entry->shape;
 }
 
 void Checkpoint::expect(const std::string& name, std::initializer_list<std::int64_t> shape) const {
-  _expect(name, shape);
-}
-
-const TensorView& Checkpoint::_expect(const std::string& name,
-                                      std::initializer_list<std::int64_t> shape) const {
-  const auto found = _tensors.find(name);
-  if (found == _tensors.end()) {
+  if (!contains(name)) {
     refuse("no tensor " + files::in_quotes(name) + " of shape " + shape_text(shape) +
            " in the weights");
   }
-  const TensorView& view = *found->second;
-  if (!std::ranges::equal(view.shape, shape)) {
-    refuse("the tensor " + files::in_quotes(name) + " has the shape " + shape_text(view.shape) +
+  const TensorEntry& entry = *_find(name).entry;
+  if (!std::ranges::equal(entry.shape, shape)) {
+    refuse("the tensor " + files::in_quotes(name) + " has the shape " + shape_text(entry.shape) +
            ", and the configuration asks for " + shape_text(shape));
   }
-  return view;
 }
 
-at::Tensor Checkpoint::table(const std::string& name,
-                             std::initializer_list<std::int64_t> shape) const {
-  const TensorView& view = _expect(name, shape);
-  if (const std::optional<std::span<const float>> values = float32_in_place(view)) {
-    // from_blob takes no const pointer; nothing here writes to weights.
-    return at::from_blob(const_cast<float*>(values->data()), shape, at::kFloat);
-  }
-  at::Tensor result = at::empty(shape, at::kFloat);
+const StoredTensor& Checkpoint::_find(const std::string& name) const {
+  const auto found = _tensors.find(name);
+  if (found == _tensors.end()) refuse("no tensor " + files::in_quotes(name) + " in the weights");
   try {
-    copy_float32(view,
-                 {result.mutable_data_ptr<float>(), static_cast<std::size_t>(result.numel())});
+    check_weight_type(found->second->entry->dtype);
   } catch (const ValueError& error) {
     refuse("the tensor " + files::in_quotes(name) + ": " + error.what());
   }
-  return result;
+  return *found->second;
 }
 
-at::Tensor Checkpoint::tensor(const std::string& name,
-                              std::initializer_list<std::int64_t> shape) const {
-  at::Tensor result = table(name, shape);
-  if (is_finite({result.const_data_ptr<float>(), static_cast<std::size_t>(result.numel())})) {
-    return result;
+Matrix Checkpoint::tensor(const std::string& name) const {
+  const StoredTensor& tensor = _find(name);
+  const Extents extents = extents_of(*tensor.entry);
+  Matrix matrix(extents.rows, extents.columns);
+  const std::span<float> numbers(matrix.mutable_data(), matrix.size());
+  tensor.file->read_float32(*tensor.entry, 0, numbers);
+  _check_finite(name, numbers);
+  return matrix;
+}
+
+void Checkpoint::for_rows(const std::string& name, const RowsBody& body) const {
+  const StoredTensor& tensor = _find(name);
+  const auto [rows, columns] = extents_of(*tensor.entry);
+  const std::optional<std::span<const float>> in_place = tensor.file->in_place(*tensor.entry);
+  const FloatBlock copy(in_place ? 0 : std::min(rows, kRowsAtOnce) * columns);
+  for (std::size_t first = 0; first < rows; first += kRowsAtOnce) {
+    const std::size_t count = std::min(kRowsAtOnce, rows - first);
+    std::span<const float> numbers(copy.data(), count * columns);
+    if (in_place) {
+      numbers = in_place->subspan(first * columns, count * columns);
+    } else {
+      tensor.file->read_float32(*tensor.entry, first * columns, {copy.data(), count * columns});
+    }
+    _check_finite(name, numbers);
+    body(first, count, numbers.data());
   }
+  tensor.file->discard(*tensor.entry);
+}
+
+Table Checkpoint::table(const std::string& name, std::size_t threads) const {
+  const StoredTensor& tensor = _find(name);
+  const auto [rows, columns] = extents_of(*tensor.entry);
+  if (const std::optional<std::span<const float>> in_place = tensor.file->in_place(*tensor.entry)) {
+    return {.matrix = Matrix::view(in_place->data(), rows, columns),
+            .memory = tensor.file->mapping()};
+  }
+  Table table = {.matrix = Matrix(rows, columns), .memory = nullptr};
+  TableCopy copy(tensor, {table.matrix.mutable_data(), table.matrix.size()});
+  run_steps(copy, 1, copy.parts(), threads);
+  tensor.file->discard(*tensor.entry);
+  return table;
+}
+
+void Checkpoint::_check_finite(const std::string& name, std::span<const float> numbers) const {
+  if (is_finite(numbers)) return;
   refuse("the tensor " + files::in_quotes(name) +
          " holds an infinity or NaN, of which no vector comes: the model is damaged");
 }
 
-void Checkpoint::discard(const std::string& name) const noexcept {
-  const auto found = _tensors.find(name);
-  if (found != _tensors.end()) _weights.discard(*found->second);
-}
-
 void Checkpoint::refuse(const std::string& fault) const {
-  throw files::ModelFilesError(_file + ": " + fault);
+  throw files::ModelFilesError(_weights.path() + ": " + fault);
 }
 
 }  // namespace tovana::sentence_transformers

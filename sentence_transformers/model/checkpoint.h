@@ -1,16 +1,17 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <map>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include <ATen/core/Tensor.h>
-
+#include "sentence_transformers/compute/matrix.h"
 #include "sentence_transformers/weights/weights.h"
 #include "tovana/files/model_directory.h"
 
@@ -19,12 +20,25 @@ namespace tovana::sentence_transformers {
 /// The numbers of a shape, as a message shows them.
 std::string shape_text(std::span<const std::int64_t> shape);
 
-/// A module's weights under the names that today's models give them, as float32 tensors.
+/// A matrix of which few rows are read.
+struct Table {
+  Matrix matrix;
+  std::shared_ptr<const void> memory;  ///< What the matrix lies in, if that is not its own.
+};
+
+/// A module's weights under the names that today's models give them, as float32. Its files stay open
+/// for as long as it lives; nothing that it returns needs it.
+///
+/// A tensor of one extent is a matrix of one row. What reads numbers throws ModelFilesError, naming
+/// tensor and file, for a tensor that is not there or of no floating-point type that is supported,
+/// and RuntimeError when the file cannot be read.
+///
+/// Threads: immutable; any number may read. Reading blocks on the disk.
 class Checkpoint {
  public:
   /// The tensors in a module's folder. `prefix` is what some checkpoints put before every name
   /// ("bert."); it may be missing. Old names of a layer norm's tensors (gamma, beta) are known by
-  /// the new ones. Throws as `Weights::load` does, and ModelFilesError for two tensors that are the
+  /// the new ones. Throws as `Weights::open` does, and ModelFilesError for two tensors that are the
   /// same one by that.
   Checkpoint(const files::ModelDirectory& directory, std::string_view prefix);
 
@@ -33,33 +47,37 @@ class Checkpoint {
   /// Null when there is no such tensor.
   const std::vector<std::int64_t>* shape(std::string_view name) const;
 
-  /// Throws ModelFilesError, naming tensor and file, unless there is a tensor of this shape.
+  /// Throws ModelFilesError, naming tensor and file, unless there is a tensor of this shape that
+  /// `tensor` can read.
   void expect(const std::string& name, std::initializer_list<std::int64_t> shape) const;
 
-  /// A tensor of this shape, converted to float32. It may lie in the file's memory: it must not be
-  /// written to, and lives no longer than the checkpoint. Throws what `expect` does, and
-  /// ModelFilesError for a tensor of no floating-point type that is supported or with a number that
-  /// is not finite.
-  at::Tensor tensor(const std::string& name, std::initializer_list<std::int64_t> shape) const;
+  /// A tensor's numbers. Throws ModelFilesError for one that is not finite.
+  Matrix tensor(const std::string& name) const;
 
-  /// The same for one of which few rows are read: its numbers are not looked at, for that would
-  /// bring all of a mapped file into memory.
-  at::Tensor table(const std::string& name, std::initializer_list<std::int64_t> shape) const;
+  /// `count` rows, from the one with the index `first` on.
+  using RowsBody = std::function<void(std::size_t first, std::size_t count, const float* rows)>;
 
-  /// Gives back the memory of a tensor that has been copied. Neither it nor what `tensor` has
-  /// returned for it may be read after that.
-  void discard(const std::string& name) const noexcept;
+  /// Goes over the rows of a tensor once, in their order, a few at a time; never has more of them in
+  /// memory, and none afterwards. Throws what `tensor` does, and what `body` does.
+  void for_rows(const std::string& name, const RowsBody& body) const;
+
+  /// A tensor of which few rows will be read. In a mapped file it is used where it lies, and its
+  /// numbers are not looked at, for that would bring all of it into memory; otherwise it is copied,
+  /// on that many threads.
+  Table table(const std::string& name, std::size_t threads) const;
+
+  /// Throws RuntimeError if a file has changed since it was opened: to be asked when all is read.
+  void check_unchanged() const { _weights.check_unchanged(); }
 
   /// Fails with "file: fault".
   [[noreturn]] void refuse(const std::string& fault) const;
 
  private:
-  const TensorView& _expect(const std::string& name,
-                            std::initializer_list<std::int64_t> shape) const;
+  const StoredTensor& _find(const std::string& name) const;
+  void _check_finite(const std::string& name, std::span<const float> numbers) const;
 
   Weights _weights;
-  std::string _file;
-  std::map<std::string, const TensorView*, std::less<>> _tensors;
+  std::map<std::string, const StoredTensor*, std::less<>> _tensors;
 };
 
 }  // namespace tovana::sentence_transformers

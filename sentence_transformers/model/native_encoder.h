@@ -2,16 +2,17 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
-#include <vector>
 
-#include "sentence_transformers/compute/float_block.h"
+#include "sentence_transformers/compute/block_pool.h"
 #include "sentence_transformers/compute/kernels.h"
-#include "sentence_transformers/compute/packed_matrix.h"
+#include "sentence_transformers/compute/matrix.h"
+#include "sentence_transformers/model/checkpoint.h"
 #include "sentence_transformers/model/encoder.h"
+#include "sentence_transformers/model/layer_norm.h"
+#include "sentence_transformers/model/native_layers.h"
 #include "sentence_transformers/model/token_embedding.h"
-#include "tovana/base/mutex.h"
+#include "sentence_transformers/model/transformer_config.h"
 
 namespace tovana::sentence_transformers {
 
@@ -28,8 +29,9 @@ namespace tovana::sentence_transformers {
 /// gives the same states to the bit, whatever it is encoded with and on however many threads.
 class NativeEncoder final : public Encoder {
  public:
-  NativeEncoder(Checkpoint checkpoint, const TransformerConfig& config, const Kernels& kernels);
-  ~NativeEncoder() override;
+  /// Reads the weights: throws what `Checkpoint::tensor` does.
+  NativeEncoder(const Checkpoint& checkpoint, const TransformerConfig& config,
+                const Kernels& kernels);
 
   /// Enough that reading the weights does not count; few enough that what one step writes is in
   /// the second-level cache for the next.
@@ -37,22 +39,8 @@ class NativeEncoder final : public Encoder {
   void operator()(std::span<const TokenBatch> batches, const Consumer& consume) const override;
 
  private:
-  struct Shard {
-    std::size_t first_head;
-    std::size_t heads;
-    PackedMatrix query_key_value;  ///< Of its heads: all queries, then all keys, then all values.
-    PackedMatrix attention_output;
-    PackedMatrix intermediate;
-    PackedMatrix output;
-  };
-
-  struct Layer {
-    std::vector<Shard> shards;
-    at::Tensor attention_bias;
-    LayerNorm attention_norm;
-    at::Tensor output_bias;
-    LayerNorm output_norm;
-  };
+  using Layer = NativeLayers::Layer;
+  using Shard = NativeLayers::Shard;
 
   /// What a shard needs to compute with.
   struct Bench {
@@ -65,15 +53,8 @@ class NativeEncoder final : public Encoder {
   /// The memory of one batch's way through the layers.
   struct Workspace;
 
-  struct Weights;
-  class Load;
   class BatchesApart;
   class BatchTogether;
-
-  Layer _load_layer(std::size_t index, float* memory) const;
-  std::size_t _layer_size() const;
-  std::size_t _heads_before(std::size_t shard) const;
-  std::size_t _inner_before(std::size_t shard) const;
 
   void _begin(const TokenBatch& batch, const Workspace& workspace) const;
   /// One shard's part of a half layer, attention or what follows it: `out = part`, or added to it.
@@ -83,28 +64,19 @@ class NativeEncoder final : public Encoder {
                      const Bench& bench, float* out, bool adds) const;
   void _add(const TokenBatch& batch, const float* left, std::size_t left_stride, const float* right,
             std::size_t right_stride, float* out) const;
-  void _normalize(const TokenBatch& batch, const LayerNorm& norm, const float* in,
-                  std::size_t in_stride, float* out) const;
 
-  std::unique_ptr<Workspace> _take_workspace(const TokenBatch& batch, std::size_t benches) const;
-  void _give_back(std::unique_ptr<Workspace> workspace) const;
+  Workspace _take_workspace(const TokenBatch& batch, std::size_t benches) const;
 
   TransformerConfig _config;
   const Kernels& _kernels;
   std::size_t _hidden;
   std::size_t _padded;  ///< `_hidden`, up to whole panels.
   std::size_t _head_width;
-  std::size_t _shards;
-  Checkpoint _checkpoint;  ///< Owns the memory that the tables lie in.
   TokenEmbedding _embedding;
   LayerNorm _embedding_norm;
-  at::Tensor _distance_bias;  ///< Undefined for BERT.
-  FloatBlock _memory;         ///< That of the shards' matrices.
-  std::vector<Layer> _layers;
-
-  mutable Mutex _lock;
-  /// Those of earlier batches, for the next.
-  mutable std::vector<std::unique_ptr<Workspace>> _workspaces TOVANA_GUARDED_BY(_lock);
+  Matrix _distance_bias;  ///< Empty for BERT.
+  NativeLayers _weights;
+  mutable BlockPool _workspaces;  ///< The memory of earlier batches, for the next.
 };
 
 }  // namespace tovana::sentence_transformers

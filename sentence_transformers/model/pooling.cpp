@@ -125,12 +125,12 @@ Pooling Pooling::read(const files::ModelDirectory& directory, std::int64_t width
   return {width, modes_of(settings), settings.flag("include_prompt").value_or(true)};
 }
 
-void Pooling::operator()(const float* tokens, const TokenBatch& batch, std::int64_t skipped,
+void Pooling::operator()(const float* tokens, const TokenBatch& batch, std::size_t skipped,
                          float* out) const {
   const auto width = static_cast<std::size_t>(_width);
   for (const TokenBatch::Group& group : batch.groups()) {
     const auto length = static_cast<std::size_t>(group.length);
-    const auto first = static_cast<std::size_t>(std::min(skipped, group.length - 1));
+    const std::size_t first = std::min(skipped, length - 1);
     for (std::int64_t text = 0; text < group.texts; ++text, tokens += length * width) {
       for (const Mode mode : _modes) {
         pool({.data = tokens, .width = width, .first = first, .length = length}, mode, out);

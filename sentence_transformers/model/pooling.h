@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 #include <vector>
@@ -32,7 +33,7 @@ class Pooling {
 
   /// `[batch.rows() x width]` to `[batch.texts() x dimension]`. The first `skipped` tokens of each
   /// text do not count; its last one always does.
-  void operator()(const float* tokens, const TokenBatch& batch, std::int64_t skipped,
+  void operator()(const float* tokens, const TokenBatch& batch, std::size_t skipped,
                   float* out) const;
 
  private:

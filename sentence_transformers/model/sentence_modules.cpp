@@ -2,12 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <string>
+#include <utility>
 
-#include <ATen/ops/add.h>
-#include <ATen/ops/empty.h>
-#include <ATen/ops/linear.h>
-
+#include "sentence_transformers/model/activation.h"
 #include "sentence_transformers/model/checkpoint.h"
 #include "sentence_transformers/model/settings.h"
 
@@ -40,34 +39,81 @@ void check_width(const Settings& settings, const char* name, std::int64_t width)
   }
 }
 
-}  // namespace
+/// A weight `[out x in]` and its bias, or none.
+PackedMatrix load_linear(const Checkpoint& checkpoint, const std::string& weight, const char* bias,
+                         const Kernels& kernels) {
+  const std::vector<std::int64_t>& shape = *checkpoint.shape(weight);
+  const auto depth = static_cast<std::size_t>(shape[1]);
+  PackedMatrix matrix(kernels, depth, static_cast<std::size_t>(shape[0]));
+  const Matrix biases = bias == nullptr ? Matrix() : checkpoint.tensor(bias);
+  checkpoint.for_rows(weight, [&](std::size_t first, std::size_t count, const float* rows) {
+    matrix.set_columns(first, count, rows, depth,
+                       bias == nullptr ? nullptr : biases.data() + first);
+  });
+  return matrix;
+}
 
-at::Tensor Normalize::operator()(const at::Tensor& rows) const {
-  at::Tensor result = at::empty(rows.sizes());
-  const auto width = static_cast<std::size_t>(rows.size(1));
-  const float* in = rows.const_data_ptr<float>();
-  float* out = result.mutable_data_ptr<float>();
-  for (std::int64_t row = 0; row < rows.size(0); ++row, in += width, out += width) {
-    double squares = 0;
-    for (std::size_t i = 0; i < width; ++i) squares += static_cast<double>(in[i]) * in[i];
-    const double length = std::max(std::sqrt(squares), 1e-12);
-    for (std::size_t i = 0; i < width; ++i) out[i] = static_cast<float>(in[i] / length);
-  }
+TextVectors multiply(const PackedMatrix& matrix, const TextVectors& vectors, std::size_t width) {
+  TextVectors result = {
+      .texts = vectors.texts, .width = width, .stride = matrix.padded_columns(), .numbers = {}};
+  result.numbers.resize(result.texts * result.stride);
+  matrix.multiply(vectors.texts, vectors.numbers.data(), vectors.stride, result.numbers.data());
   return result;
 }
 
-at::Tensor Dense::operator()(const at::Tensor& rows) const {
-  const at::Tensor result = activate(activation, at::linear(rows, weight, bias));
-  if (!has_residual) return result;
-  return at::add(result, residual.defined() ? at::linear(rows, residual) : rows);
+void add(const Kernels& kernels, const TextVectors& other, TextVectors& to) {
+  kernels.add({.rows = to.texts,
+               .width = to.width,
+               .left = to.numbers.data(),
+               .left_stride = to.stride,
+               .right = other.numbers.data(),
+               .right_stride = other.stride,
+               .out = to.numbers.data(),
+               .out_stride = to.stride});
 }
 
-Normalize read_normalize(const files::ModelDirectory& directory) {
+/// One for each kind of module.
+struct Application {
+  const Kernels& kernels;
+  TextVectors& vectors;
+
+  void operator()(const Normalize&) const {
+    for (std::size_t text = 0; text < vectors.texts; ++text) {
+      normalize_vector(vectors.row(text), vectors.width, vectors.row(text));
+    }
+  }
+
+  void operator()(const Dense& dense) const {
+    TextVectors result = multiply(dense.linear, vectors, dense.width);
+    kernels.activate(dense.activation, result.numbers.data(), result.numbers.size());
+    if (dense.has_residual) {
+      add(kernels, dense.residual ? multiply(*dense.residual, vectors, dense.width) : vectors,
+          result);
+    }
+    vectors = std::move(result);
+  }
+
+  void operator()(const LayerNorm& norm) const {
+    norm(kernels, vectors.texts, vectors.numbers.data(), vectors.stride, vectors.numbers.data(),
+         vectors.stride);
+  }
+};
+
+}  // namespace
+
+void normalize_vector(const float* in, std::size_t width, float* out) {
+  double squares = 0;
+  for (std::size_t i = 0; i < width; ++i) squares += static_cast<double>(in[i]) * in[i];
+  const double length = std::max(std::sqrt(squares), 1e-12);
+  for (std::size_t i = 0; i < width; ++i) out[i] = static_cast<float>(in[i] / length);
+}
+
+FoundModule find_normalize(const files::ModelDirectory& directory, std::int64_t width) {
   if (const auto settings = Settings::read(directory, "config.json")) check_names(*settings);
-  return {};
+  return {.width = width, .load = [](const Kernels&) { return Normalize(); }};
 }
 
-Dense read_dense(const files::ModelDirectory& directory, std::int64_t width) {
+FoundModule find_dense(const files::ModelDirectory& directory, std::int64_t width) {
   const Settings settings = Settings::read_required(directory, "config.json");
   check_names(settings);
   check_width(settings, "in_features", width);
@@ -80,36 +126,45 @@ Dense read_dense(const files::ModelDirectory& directory, std::int64_t width) {
                     "; supported: " + std::string(kActivationClasses));
   }
   const bool has_residual = settings.flag("use_residual").value_or(false);
-
-  // Copies: the file's memory goes with the checkpoint.
-  const Checkpoint checkpoint(directory, "");
   const bool has_bias = settings.flag("bias").value_or(true);
-  return {
-      .weight = checkpoint.tensor("linear.weight", {out, width}).clone(),
-      .bias = has_bias ? checkpoint.tensor("linear.bias", {out}).clone() : at::Tensor(),
-      .activation = *activation,
-      .has_residual = has_residual,
-      .residual = has_residual && out != width
-                      ? checkpoint.tensor("residual.weight", {out, width}).clone()
-                      : at::Tensor(),
+
+  const auto checkpoint = std::make_shared<const Checkpoint>(directory, "");
+  checkpoint->expect("linear.weight", {out, width});
+  if (has_bias) checkpoint->expect("linear.bias", {out});
+  if (has_residual && out != width) checkpoint->expect("residual.weight", {out, width});
+
+  const auto load = [=, activation = *activation](const Kernels& kernels) {
+    Dense dense = {.width = static_cast<std::size_t>(out),
+                   .linear = load_linear(*checkpoint, "linear.weight",
+                                         has_bias ? "linear.bias" : nullptr, kernels),
+                   .activation = activation,
+                   .has_residual = has_residual,
+                   .residual = std::nullopt};
+    if (has_residual && out != width) {
+      dense.residual = load_linear(*checkpoint, "residual.weight", nullptr, kernels);
+    }
+    checkpoint->check_unchanged();
+    return dense;
   };
+  return {.width = out, .load = load};
 }
 
-LayerNorm read_layer_norm(const files::ModelDirectory& directory, std::int64_t width) {
+FoundModule find_layer_norm(const files::ModelDirectory& directory, std::int64_t width) {
   check_width(Settings::read_required(directory, "config.json"), "dimension", width);
-  const Checkpoint checkpoint(directory, "");
-  return {.weight = checkpoint.tensor("norm.weight", {width}).clone(),
-          .bias = checkpoint.tensor("norm.bias", {width}).clone(),
-          .eps = 1e-5};
+  const auto checkpoint = std::make_shared<const Checkpoint>(directory, "");
+  for (const char* name : {"norm.weight", "norm.bias"}) checkpoint->expect(name, {width});
+  const auto load = [checkpoint](const Kernels&) {
+    LayerNorm norm = {.weight = checkpoint->tensor("norm.weight"),
+                      .bias = checkpoint->tensor("norm.bias"),
+                      .eps = 1e-5};
+    checkpoint->check_unchanged();
+    return norm;
+  };
+  return {.width = width, .load = load};
 }
 
-at::Tensor apply_module(const SentenceModule& module, const at::Tensor& rows) {
-  return std::visit([&rows](const auto& each) { return each(rows); }, module);
-}
-
-std::int64_t output_width(const SentenceModule& module, std::int64_t width) {
-  const auto* const dense = std::get_if<Dense>(&module);
-  return dense == nullptr ? width : dense->weight.size(0);
+void apply_module(const SentenceModule& module, const Kernels& kernels, TextVectors& vectors) {
+  std::visit(Application{.kernels = kernels, .vectors = vectors}, module);
 }
 
 }  // namespace tovana::sentence_transformers

@@ -1,45 +1,61 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <variant>
+#include <vector>
 
-#include <ATen/core/Tensor.h>
-
-#include "sentence_transformers/model/activation.h"
+#include "sentence_transformers/compute/kernels.h"
+#include "sentence_transformers/compute/packed_matrix.h"
 #include "sentence_transformers/model/layer_norm.h"
 #include "tovana/files/model_directory.h"
 
-/// What may follow the pooling: steps from a text's vector to another.
+/// What may follow the pooling: steps from a text's vector to another. Every text's result is the
+/// same to the bit whatever texts stand beside it.
 namespace tovana::sentence_transformers {
 
-/// Scales each row to unit length; a zero row stays.
-struct Normalize {
-  at::Tensor operator()(const at::Tensor& rows) const;
+/// The vectors of some texts on their way through the modules.
+struct TextVectors {
+  std::size_t texts;
+  std::size_t width;
+  std::size_t stride;          ///< From one text's vector to the next, at least `width`.
+  std::vector<float> numbers;  ///< `[texts x stride]`
+
+  float* row(std::size_t text) { return numbers.data() + text * stride; }
 };
+
+/// Scales a vector to unit length; zeros stay. `out` may be `in`.
+void normalize_vector(const float* in, std::size_t width, float* out);
+
+struct Normalize {};
 
 /// activation(x W^T + b), with x, or R x where the widths differ, added if there is a residual.
 struct Dense {
-  at::Tensor weight;
-  at::Tensor bias;  ///< Undefined without one.
+  std::size_t width;  ///< Of what comes out.
+  PackedMatrix linear;
   Activation activation;
   bool has_residual;
-  at::Tensor residual;  ///< R; undefined when the widths are equal.
-
-  at::Tensor operator()(const at::Tensor& rows) const;
+  std::optional<PackedMatrix> residual;  ///< R
 };
 
 using SentenceModule = std::variant<Normalize, Dense, LayerNorm>;
 
-// Each reads a module from its folder, for rows of `width` floats. Throws ModelFilesError, naming
+/// A module whose files have been found sound, but for the numbers of its weights.
+struct FoundModule {
+  std::int64_t width;  ///< The floats that come out.
+  /// Reads the numbers: throws what `Checkpoint::tensor` does.
+  std::function<SentenceModule(const Kernels& kernels)> load;
+};
+
+// Each finds a module in its folder, for vectors of `width` floats. Throws ModelFilesError, naming
 // file and fault, for what makes no such module.
-Normalize read_normalize(const files::ModelDirectory& directory);
-Dense read_dense(const files::ModelDirectory& directory, std::int64_t width);
-LayerNorm read_layer_norm(const files::ModelDirectory& directory, std::int64_t width);
+FoundModule find_normalize(const files::ModelDirectory& directory, std::int64_t width);
+FoundModule find_dense(const files::ModelDirectory& directory, std::int64_t width);
+FoundModule find_layer_norm(const files::ModelDirectory& directory, std::int64_t width);
 
-/// Applies a module to `[texts x width]`.
-at::Tensor apply_module(const SentenceModule& module, const at::Tensor& rows);
-
-/// The floats that come out for `width` going in.
-std::int64_t output_width(const SentenceModule& module, std::int64_t width);
+/// Sends vectors through a module that was loaded for these kernels.
+void apply_module(const SentenceModule& module, const Kernels& kernels, TextVectors& vectors);
 
 }  // namespace tovana::sentence_transformers

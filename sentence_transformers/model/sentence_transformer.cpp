@@ -1,196 +1,156 @@
 #include "sentence_transformers/model/sentence_transformer.h"
 
 #include <algorithm>
+#include <iterator>
 #include <numeric>
-#include <optional>
+#include <string>
 #include <utility>
 
-#include <ATen/ops/empty.h>
-#include <c10/core/InferenceMode.h>
-
-#include "sentence_transformers/model/known_members.h"
-#include "sentence_transformers/model/settings.h"
-#include "tovana/exceptions/exceptions.h"
+#include "sentence_transformers/model/token_batch.h"
 
 namespace tovana::sentence_transformers {
 namespace {
 
-/// How many batches are encoded before their texts' vectors are finished: what bounds the memory of
-/// a call.
-constexpr std::size_t kBatchesPerRound = 512;
+/// How many tokens are in memory at a time, but for those of one text: many batches, so that no
+/// thread has to wait for another often.
+constexpr std::size_t kTokensPerRound = std::size_t{1} << 16U;
 
-/// Cuts texts, in this order, into batches of about the same number of rows.
-std::vector<TokenBatch> make_batches(const std::vector<std::vector<std::int32_t>>& ids,
-                                     const std::vector<std::size_t>& order,
-                                     std::int64_t rows_per_batch) {
-  std::int64_t rows = 0;
-  for (const std::vector<std::int32_t>& text : ids) rows += std::ssize(text);
-  const std::int64_t count = (rows + rows_per_batch - 1) / rows_per_batch;
+using Ids = std::vector<std::int32_t>;
+
+/// Texts in batches of about the same number of rows.
+struct Batches {
   std::vector<TokenBatch> batches;
+  std::vector<std::size_t> order;        ///< The texts as they follow one another in the batches.
+  std::vector<std::size_t> first_texts;  ///< Of each batch, in the order.
+};
+
+/// Texts of about the same length come together.
+Batches make_batches(const std::vector<Ids>& ids, std::int64_t rows_per_batch) {
+  Batches result;
+  result.order.resize(ids.size());
+  std::iota(result.order.begin(), result.order.end(), std::size_t{0});
+  std::ranges::stable_sort(result.order, std::ranges::greater{},
+                           [&ids](std::size_t text) { return ids[text].size(); });
+  std::int64_t rows = 0;
+  for (const Ids& text : ids) rows += std::ssize(text);
+  const std::int64_t count = (rows + rows_per_batch - 1) / rows_per_batch;
   std::int64_t place = 0;
   std::int64_t last = -1;
-  for (const std::size_t text : order) {
+  for (std::size_t index = 0; index < ids.size(); ++index) {
     // A text goes where its middle would be if texts could be cut.
-    const std::int64_t length = std::ssize(ids[text]);
+    const Ids& text = ids[result.order[index]];
+    const std::int64_t length = std::ssize(text);
     const std::int64_t batch = (2 * place + length) * count / (2 * rows);
-    if (batch != last) batches.emplace_back();
-    batches.back().add(ids[text]);
+    if (batch != last) {
+      result.batches.emplace_back();
+      result.first_texts.push_back(index);
+    }
+    result.batches.back().add(text);
     place += length;
     last = batch;
   }
-  return batches;
-}
-
-const std::string& transformer_path(const std::vector<ModuleEntry>& modules) {
-  static const std::string kModelItself;
-  return modules.empty() ? kModelItself : modules.front().path;
-}
-
-Pooling read_pooling(const files::ModelDirectory& directory,
-                     const std::vector<ModuleEntry>& modules, const TransformerConfig& config) {
-  if (!modules.empty())
-    return Pooling::read(directory.subdirectory(modules[1].path), config.hidden);
-  return {config.hidden, config.generates ? Pooling::Mode::lasttoken : Pooling::Mode::mean};
-}
-
-/// The prompt of this name; every default that is named has to be there.
-std::string find_prompt(const Settings& settings, const std::string& name) {
-  const nlohmann::json* const prompts = settings.find("prompts");
-  if (prompts == nullptr || !prompts->is_object() || !prompts->contains(name)) {
-    settings.refuse("\"default_prompt_name\" is " + files::in_quotes(name) +
-                    ", and there is no such prompt");
-  }
-  return Settings(*prompts, settings.file() + ": prompts").text(name).value_or("");
+  return result;
 }
 
 }  // namespace
 
+struct SentenceTransformer::Call {
+  std::span<const std::string_view> texts;
+  const EncodeOptions& options;
+  const Prompt* prompt;  ///< Null for none.
+  float* vectors;
+};
+
+/// Some texts that follow one another, and their ids.
+struct SentenceTransformer::Round {
+  std::size_t first;
+  std::vector<Ids> ids;
+};
+
 std::unique_ptr<const SentenceTransformer> SentenceTransformer::load(
-    const files::ModelDirectory& directory, const Kernels* kernels) {
-  const c10::InferenceMode inference;
-  const std::vector<ModuleEntry> modules = read_module_list(directory);
-  const files::ModelDirectory transformer = directory.subdirectory(transformer_path(modules));
-  if (transformer.open("adapter_config.json", files::ModelDirectory::kLargestConfig)) {
-    throw files::ModelFilesError(
-        transformer.path_of("adapter_config.json") +
-        ": a model with an adapter (PEFT) is not supported; merge the adapter into "
-        "the model and save that");
-  }
-  const TransformerConfig config = read_transformer_config(transformer, !modules.empty());
+    const files::ModelDirectory& directory, const Runtime& runtime) {
   return std::unique_ptr<const SentenceTransformer>(
-      new SentenceTransformer(directory, modules, transformer, config, kernels));
+      new SentenceTransformer(FoundModel(directory), runtime));
 }
 
-SentenceTransformer::SentenceTransformer(const files::ModelDirectory& directory,
-                                         const std::vector<ModuleEntry>& modules,
-                                         const files::ModelDirectory& transformer,
-                                         const TransformerConfig& config, const Kernels* kernels)
-    : _max_length(config.max_length),
-      _tokenizer(Tokenizer::load(transformer, config.tokenizer)),
-      _encoder(load_encoder(transformer, config, kernels)),
-      _pooling(read_pooling(directory, modules, config)) {
-  if (_tokenizer.largest_id() >= config.vocabulary) {
-    throw files::ModelFilesError(transformer.path_of("config.json") + ": \"vocab_size\" is " +
-                                 std::to_string(config.vocabulary) +
-                                 ", and the tokenizer gives ids up to " +
-                                 std::to_string(_tokenizer.largest_id()));
-  }
-  if (_max_length < _tokenizer.special_count()) {
-    throw files::ModelFilesError(transformer.path().string() + ": texts may have " +
-                                 std::to_string(_max_length) + " tokens, and the tokenizer adds " +
-                                 std::to_string(_tokenizer.special_count()) + " to each");
-  }
-  _dimension = _pooling.dimension();
-  _read_modules(directory, modules);
-  if (!modules.empty()) _read_settings(directory);  // A plain model's count for nothing.
+void SentenceTransformer::check(const files::ModelDirectory& directory) {
+  static_cast<void>(FoundModel(directory));
 }
 
-void SentenceTransformer::_read_modules(const files::ModelDirectory& directory,
-                                        const std::vector<ModuleEntry>& modules) {
-  for (std::size_t index = 2; index < modules.size(); ++index) {
-    const files::ModelDirectory folder = directory.subdirectory(modules[index].path);
-    switch (modules[index].kind) {
-      case ModuleKind::normalize:
-        _modules.emplace_back(read_normalize(folder));
-        break;
-      case ModuleKind::dense:
-        _modules.emplace_back(read_dense(folder, _dimension));
-        break;
-      case ModuleKind::layer_norm:
-        _modules.emplace_back(read_layer_norm(folder, _dimension));
-        break;
-      case ModuleKind::dropout:
-        continue;  // Works in training alone.
-      case ModuleKind::transformer:
-      case ModuleKind::pooling:
-        break;  // Only at the beginning: `read_module_list` has made sure.
+SentenceTransformer::SentenceTransformer(FoundModel found, const Runtime& runtime)
+    : _kernels(runtime.kernels()),
+      _max_length(found.config.max_length),
+      _tokenizer(std::move(found.tokenizer)),
+      _encoder(runtime.load_encoder(found.checkpoint, found.config)),
+      _pooling(std::move(found.pooling)),
+      _dimension(static_cast<std::size_t>(found.dimension)),
+      _prompts(std::move(found.prompts)) {
+  found.checkpoint.check_unchanged();
+  for (const FoundModule& module : found.modules) _modules.push_back(module.load(_kernels));
+}
+
+void SentenceTransformer::encode(std::span<const std::string_view> texts,
+                                 const EncodeOptions& options, float* vectors) const {
+  const Call call = {.texts = texts,
+                     .options = options,
+                     .prompt = _prompts.find(options.prompt_name),
+                     .vectors = vectors};
+  for (std::size_t first = 0; first < texts.size();) {
+    const Round round = _tokenize(call, first);
+    _encode(call, round);
+    first += round.ids.size();
+  }
+}
+
+SentenceTransformer::Round SentenceTransformer::_tokenize(const Call& call,
+                                                          std::size_t first) const {
+  Round round = {.first = first, .ids = {}};
+  const bool has_prompt = call.prompt != nullptr && !call.prompt->text.empty();
+  std::string prompted;
+  std::size_t tokens = 0;
+  for (std::size_t text = first; text < call.texts.size() && tokens < kTokensPerRound; ++text) {
+    std::string_view whole = call.texts[text];
+    if (has_prompt) {
+      prompted.assign(call.prompt->text).append(whole);
+      whole = prompted;
     }
-    _dimension = output_width(_modules.back(), _dimension);
-  }
-}
-
-void SentenceTransformer::_read_settings(const files::ModelDirectory& directory) {
-  const auto settings = Settings::read(directory, "config_sentence_transformers.json");
-  if (!settings) return;
-  check_members(*settings, kSentenceTransformersMembers);
-  if (const auto name = settings->text("default_prompt_name")) {
-    _prompt = find_prompt(*settings, *name);
-    if (!_prompt.empty() && !_pooling.includes_prompt()) {
-      // The token that ends every text does not end the prompt.
-      const std::vector<std::int32_t> ids = _tokenizer.encode(_prompt, _max_length);
-      _skipped_tokens = static_cast<std::int64_t>(ids.size());
-      if (!ids.empty() && _tokenizer.is_special_id(ids.back())) --_skipped_tokens;
+    const Ids& ids = round.ids.emplace_back(_tokenizer.encode(whole, _max_length));
+    tokens += ids.size();
+    if (!call.options.token_counts.empty()) {
+      call.options.token_counts[text] = static_cast<std::uint32_t>(ids.size());
     }
   }
-  _dimension = std::min(_dimension, settings->count("truncate_dim").value_or(_dimension));
+  return round;
 }
 
-std::vector<std::int32_t> SentenceTransformer::_tokenize(std::string_view text) const {
-  if (_prompt.empty()) return _tokenizer.encode(text, _max_length);
-  return _tokenizer.encode(_prompt + std::string(text), _max_length);
-}
-
-void SentenceTransformer::encode(std::span<const std::string_view> texts, bool normalize,
-                                 float* vectors) const {
-  const c10::InferenceMode inference;  // A setting of this thread's.
-  std::vector<std::vector<std::int32_t>> ids;
-  ids.reserve(texts.size());
-  for (const std::string_view text : texts) ids.push_back(_tokenize(text));
-
-  std::vector<std::size_t> order(texts.size());
-  std::iota(order.begin(), order.end(), std::size_t{0});
-  std::ranges::stable_sort(order, std::ranges::greater{},
-                           [&ids](std::size_t text) { return ids[text].size(); });
-
-  const std::vector<TokenBatch> batches = make_batches(ids, order, _encoder->rows_per_batch());
-  auto text = order.begin();
-  for (std::size_t first = 0; first < batches.size(); first += kBatchesPerRound) {
-    const std::size_t count = std::min(kBatchesPerRound, batches.size() - first);
-    const at::Tensor rows = _encode(std::span(batches).subspan(first, count), normalize);
-    const auto width = static_cast<std::size_t>(_dimension);
-    const float* row = rows.const_data_ptr<float>();
-    for (std::int64_t i = 0; i < rows.size(0); ++i, ++text, row += width) {
-      std::copy_n(row, width, vectors + *text * width);
-    }
-  }
-}
-
-at::Tensor SentenceTransformer::_encode(std::span<const TokenBatch> batches, bool normalize) const {
-  std::vector<std::int64_t> first_texts;
-  std::int64_t texts = 0;
-  for (const TokenBatch& batch : batches) {
-    first_texts.push_back(texts);
-    texts += batch.texts();
-  }
-  at::Tensor rows = at::empty({texts, _pooling.dimension()});
-  float* const pooled = rows.mutable_data_ptr<float>();
-  (*_encoder)(batches, [&](std::size_t batch, const float* states) {
-    _pooling(states, batches[batch], _skipped_tokens,
-             pooled + first_texts[batch] * _pooling.dimension());
+void SentenceTransformer::_encode(const Call& call, const Round& round) const {
+  Batches parts = make_batches(round.ids, _encoder->rows_per_batch());
+  for (std::size_t& text : parts.order) text += round.first;
+  (*_encoder)(parts.batches, [&](std::size_t batch, const float* states) {
+    _finish(call, parts.batches[batch], states, parts.order.data() + parts.first_texts[batch]);
   });
-  for (const SentenceModule& module : _modules) rows = apply_module(module, rows);
-  rows = rows.narrow(1, 0, _dimension).contiguous();
-  return normalize ? Normalize()(rows) : rows;
+}
+
+/// From a batch's states to its texts' vectors, each in its place.
+void SentenceTransformer::_finish(const Call& call, const TokenBatch& batch, const float* states,
+                                  const std::size_t* texts) const {
+  const auto width = static_cast<std::size_t>(_pooling.dimension());
+  TextVectors vectors = {.texts = static_cast<std::size_t>(batch.texts()),
+                         .width = width,
+                         .stride = width,
+                         .numbers = {}};
+  vectors.numbers.resize(vectors.texts * width);
+  _pooling(states, batch, call.prompt == nullptr ? 0 : call.prompt->skipped_tokens,
+           vectors.numbers.data());
+  for (const SentenceModule& module : _modules) apply_module(module, _kernels, vectors);
+  for (std::size_t i = 0; i < vectors.texts; ++i) {
+    float* const out = call.vectors + texts[i] * _dimension;
+    if (call.options.normalize) {
+      normalize_vector(vectors.row(i), _dimension, out);
+    } else {
+      std::copy_n(vectors.row(i), _dimension, out);
+    }
+  }
 }
 
 }  // namespace tovana::sentence_transformers

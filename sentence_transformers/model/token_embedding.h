@@ -1,9 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
-#include <ATen/core/Tensor.h>
-
+#include "sentence_transformers/compute/matrix.h"
 #include "sentence_transformers/model/checkpoint.h"
 #include "sentence_transformers/model/token_batch.h"
 #include "sentence_transformers/model/transformer_config.h"
@@ -16,9 +16,9 @@ namespace tovana::sentence_transformers {
 /// BERT counts positions from 0. MPNet counts from 2 and skips padding tokens written in the text.
 class TokenEmbedding {
  public:
-  /// Keeps the tensors, which may lie in the checkpoint's memory. Throws ModelFilesError, naming
-  /// the tensor, when the weights are not those of `config`.
-  TokenEmbedding(const Checkpoint& checkpoint, const TransformerConfig& config);
+  /// Reads the tables, on that many threads; throws what `Checkpoint::tensor` does.
+  TokenEmbedding(const Checkpoint& checkpoint, const TransformerConfig& config,
+                 std::size_t threads);
 
   /// Throws RuntimeError for an id that the model has no row for.
   void check(const TokenBatch& batch) const;
@@ -29,9 +29,9 @@ class TokenEmbedding {
 
  private:
   bool _is_bert;
-  at::Tensor _words;  ///< `[vocabulary x hidden]`; only the rows that texts ask for are read.
-  at::Tensor _positions;
-  at::Tensor _token_type;  ///< BERT: the row that every token gets, `[hidden]`.
+  Table _words;  ///< `[vocabulary x hidden]`; only the rows that texts ask for are read.
+  Matrix _positions;
+  Matrix _token_types;  ///< BERT: every token gets the first row.
 };
 
 }  // namespace tovana::sentence_transformers

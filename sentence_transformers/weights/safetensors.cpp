@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <limits>
+#include <map>
 #include <new>
 #include <optional>
 #include <string>
@@ -25,14 +25,14 @@ constexpr std::uint64_t kLongestHeader = 25'000'000;
 constexpr std::size_t kDeepestNesting = 64;
 
 /// What the header says of one tensor. Offsets count from the end of the header.
-struct TensorEntry {
+struct HeaderEntry {
   Dtype dtype = Dtype::f32;
   std::vector<std::int64_t> shape;
   std::uint64_t begin = 0;
   std::uint64_t end = 0;
 };
 
-using EntryMap = std::map<std::string, TensorEntry, std::less<>>;
+using EntryMap = std::map<std::string, HeaderEntry, std::less<>>;
 
 [[noreturn]] void refuse(std::string_view tensor, const std::string& fault) {
   throw ValueError("tensor " + files::in_quotes(tensor) + ": " + fault);
@@ -79,11 +79,11 @@ std::vector<std::int64_t> read_shape(std::string_view tensor, dom::element value
   return shape;
 }
 
-TensorEntry read_entry(std::string_view name, dom::element value) {
+HeaderEntry read_entry(std::string_view name, dom::element value) {
   dom::object object;
   if (value.get_object().get(object) != simdjson::SUCCESS)
     refuse(name, "its entry is not an object");
-  TensorEntry entry;
+  HeaderEntry entry;
   bool has_dtype = false;
   bool has_shape = false;
   bool has_offsets = false;
@@ -154,7 +154,7 @@ EntryMap read_header(std::string_view header) {
 }
 
 /// Throws unless the tensor's bytes are as many as its shape and dtype ask for.
-void check_size(std::string_view name, const TensorEntry& entry) {
+void check_size(std::string_view name, const HeaderEntry& entry) {
   std::uint64_t bits = 1;
   bool overflows = false;
   for (const std::int64_t extent : entry.shape) {
@@ -199,58 +199,92 @@ void check_layout(const EntryMap& entries, std::uint64_t data_size) {
 
 }  // namespace
 
-TensorMap parse_safetensors(std::span<const std::byte> file) {
-  if (file.size() < kLengthBytes) {
-    throw ValueError("has " + std::to_string(file.size()) +
-                     " bytes, too few for a safetensors file");
+std::size_t safetensors_head_size(std::span<const std::byte> first_bytes, std::uint64_t file_size) {
+  if (file_size < kLengthBytes) {
+    throw ValueError("has " + std::to_string(file_size) + " bytes, too few for a safetensors file");
   }
   std::uint64_t header_size = 0;
-  std::memcpy(&header_size, file.data(), kLengthBytes);
-  if (header_size > kLongestHeader || header_size > file.size() - kLengthBytes) {
+  std::memcpy(&header_size, first_bytes.data(), kLengthBytes);
+  if (header_size > kLongestHeader || header_size > file_size - kLengthBytes) {
     throw ValueError("claims a header of " + std::to_string(header_size) + " bytes in a file of " +
-                     std::to_string(file.size()) + "; at most " + std::to_string(kLongestHeader) +
+                     std::to_string(file_size) + "; at most " + std::to_string(kLongestHeader) +
                      " are allowed");
   }
-  const std::span<const std::byte> header = file.subspan(kLengthBytes, header_size);
-  const std::span<const std::byte> data = file.subspan(kLengthBytes + header_size);
+  return kLengthBytes + header_size;
+}
+
+TensorMap parse_safetensors(std::span<const std::byte> head, std::uint64_t file_size) {
+  const std::size_t head_size = safetensors_head_size(head, file_size);
+  const std::span<const std::byte> header = head.first(head_size).subspan(kLengthBytes);
   EntryMap entries = read_header({reinterpret_cast<const char*>(header.data()), header.size()});
-  check_layout(entries, data.size());
+  check_layout(entries, file_size - head_size);
 
   TensorMap tensors;
   for (auto& [name, entry] : entries) {
     tensors.emplace_hint(tensors.end(), name,
-                         TensorView{.dtype = entry.dtype,
-                                    .shape = std::move(entry.shape),
-                                    .data = data.subspan(entry.begin, entry.end - entry.begin)});
+                         TensorEntry{.dtype = entry.dtype,
+                                     .shape = std::move(entry.shape),
+                                     .offset = head_size + entry.begin,
+                                     .size = entry.end - entry.begin});
   }
   return tensors;
 }
 
-SafetensorsFile::SafetensorsFile(files::FileMemory memory, TensorMap tensors) noexcept
-    : _memory(std::move(memory)), _tensors(std::move(tensors)) {}
+namespace {
 
-SafetensorsFile SafetensorsFile::open(const files::FileHandle& file, files::FileAccess access) {
-  files::FileMemory memory(file, access);
+TensorMap read_tensors(const files::FileHandle& file, const files::FileMapping* mapping) {
   try {
-    TensorMap tensors = parse_safetensors(memory.bytes());
-    file.check_unchanged();
-    return SafetensorsFile(std::move(memory), std::move(tensors));
+    if (mapping != nullptr) return parse_safetensors(mapping->bytes(), file.size());
+    std::vector<std::byte> head(std::min<std::uint64_t>(file.size(), kLengthBytes));
+    file.read(0, head);
+    head.resize(safetensors_head_size(head, file.size()));
+    file.read(kLengthBytes, std::span(head).subspan(kLengthBytes));
+    return parse_safetensors(head, file.size());
   } catch (const ValueError& error) {
     throw files::ModelFilesError(file.path() + ": not a valid safetensors file: " + error.what());
   }
 }
 
-void SafetensorsFile::discard(const TensorView& tensor) const noexcept {
-  const std::byte* const begin = _memory.bytes().data();
-  const std::byte* const end = begin + _memory.bytes().size();
-  if (std::less_equal<>()(begin, tensor.data.data()) && std::less<>()(tensor.data.data(), end)) {
-    _memory.discard(tensor.data);
+}  // namespace
+
+SafetensorsFile::SafetensorsFile(files::FileHandle file, FileAccess access)
+    : _file(std::move(file)),
+      _mapping(access == FileAccess::map ? std::make_shared<const files::FileMapping>(_file)
+                                         : nullptr),
+      _tensors(read_tensors(_file, _mapping.get())) {}
+
+std::optional<std::span<const float>> SafetensorsFile::in_place(
+    const TensorEntry& tensor) const noexcept {
+  if (_mapping == nullptr) return std::nullopt;
+  return float32_in_place(tensor.dtype, _mapping->bytes().subspan(tensor.offset, tensor.size));
+}
+
+void SafetensorsFile::read_float32(const TensorEntry& tensor, std::size_t first,
+                                   std::span<float> out) const {
+  // What is kept apart has a whole number of bytes: others are not converted.
+  const std::size_t width = bits_of(tensor.dtype) / 8;
+  const std::uint64_t begin = tensor.offset + first * width;
+  if (_mapping != nullptr) {
+    copy_float32(tensor.dtype, _mapping->bytes().subspan(begin, out.size() * width), out);
+  } else if (tensor.dtype == Dtype::f32) {
+    _file.read(begin, std::as_writable_bytes(out));
+  } else {
+    constexpr std::size_t kAtOnce = std::size_t{1} << 14U;
+    std::vector<std::byte> bytes(std::min(out.size(), kAtOnce) * width);
+    for (std::size_t done = 0; done < out.size();) {
+      const std::span<float> part = out.subspan(done, std::min(out.size() - done, kAtOnce));
+      const std::span<std::byte> part_bytes = std::span(bytes).first(part.size() * width);
+      _file.read(begin + done * width, part_bytes);
+      copy_float32(tensor.dtype, part_bytes, part);
+      done += part.size();
+    }
   }
 }
 
-const TensorView* SafetensorsFile::find(std::string_view name) const noexcept {
-  const auto found = _tensors.find(name);
-  return found == _tensors.end() ? nullptr : &found->second;
+void SafetensorsFile::discard(const TensorEntry& tensor) const noexcept {
+  if (_mapping != nullptr) {
+    _mapping->discard(_mapping->bytes().subspan(tensor.offset, tensor.size));
+  }
 }
 
 }  // namespace tovana::sentence_transformers

@@ -106,37 +106,40 @@ std::optional<Dtype> dtype_from_name(std::string_view name) noexcept {
 
 unsigned bits_of(Dtype dtype) noexcept { return entry_of(dtype).bits; }
 
-std::int64_t TensorView::element_count() const noexcept {
+void check_weight_type(Dtype dtype) {
+  if (dtype == Dtype::f64 || dtype == Dtype::f32 || dtype == Dtype::f16 || dtype == Dtype::bf16) {
+    return;
+  }
+  throw ValueError("weights of type " + std::string(dtype_name(dtype)) +
+                   " cannot be used: F64, F32, F16 and BF16 can");
+}
+
+std::int64_t TensorEntry::element_count() const noexcept {
   std::int64_t count = 1;
   for (const std::int64_t extent : shape) count *= extent;
   return count;
 }
 
-std::optional<std::span<const float>> float32_in_place(const TensorView& tensor) noexcept {
-  const auto address = std::bit_cast<std::uintptr_t>(tensor.data.data());
-  if (tensor.dtype != Dtype::f32 || address % alignof(float) != 0) return std::nullopt;
-  return std::span(reinterpret_cast<const float*>(tensor.data.data()),
-                   tensor.data.size() / sizeof(float));
+std::optional<std::span<const float>> float32_in_place(Dtype dtype,
+                                                       std::span<const std::byte> bytes) noexcept {
+  const auto address = std::bit_cast<std::uintptr_t>(bytes.data());
+  if (dtype != Dtype::f32 || address % alignof(float) != 0) return std::nullopt;
+  return std::span(reinterpret_cast<const float*>(bytes.data()), bytes.size() / sizeof(float));
 }
 
-void copy_float32(const TensorView& tensor, std::span<float> out) {
-  out = out.first(tensor.data.size() * 8 / bits_of(tensor.dtype));
-  switch (tensor.dtype) {
+void copy_float32(Dtype dtype, std::span<const std::byte> bytes, std::span<float> out) {
+  switch (dtype) {
     case Dtype::f32:
-      if (!out.empty()) std::memcpy(out.data(), tensor.data.data(), tensor.data.size());
+      if (!out.empty()) std::memcpy(out.data(), bytes.data(), bytes.size());
       return;
     case Dtype::f16:
-      widen_f16(tensor.data.data(), out);
-      return;
+      return widen_f16(bytes.data(), out);
     case Dtype::bf16:
-      widen_bf16(tensor.data.data(), out);
-      return;
+      return widen_bf16(bytes.data(), out);
     case Dtype::f64:
-      narrow_f64(tensor.data.data(), out);
-      return;
+      return narrow_f64(bytes.data(), out);
     default:
-      throw ValueError("weights of type " + std::string(dtype_name(tensor.dtype)) +
-                       " cannot be used: F64, F32, F16 and BF16 can");
+      return check_weight_type(dtype);
   }
 }
 

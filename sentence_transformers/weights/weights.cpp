@@ -16,11 +16,11 @@ namespace {
 constexpr std::string_view kSingle = "model.safetensors";
 constexpr std::string_view kIndex = "model.safetensors.index.json";
 
-SafetensorsFile open_weights(const files::ModelDirectory& directory,
-                             const files::FileHandle& file) {
+std::shared_ptr<const SafetensorsFile> open_weights(const files::ModelDirectory& directory,
+                                                    files::FileHandle file) {
   // A blob of a hub cache is never changed in place, which is what mapping asks for.
-  return SafetensorsFile::open(
-      file, directory.is_snapshot() ? files::FileAccess::map : files::FileAccess::read);
+  return std::make_shared<const SafetensorsFile>(
+      std::move(file), directory.is_snapshot() ? FileAccess::map : FileAccess::read);
 }
 
 [[noreturn]] void refuse_without_safetensors(const files::ModelDirectory& directory) {
@@ -58,49 +58,47 @@ std::map<std::string, std::set<std::string>> tensors_by_shard(
 
 }  // namespace
 
-Weights::Weights(std::vector<SafetensorsFile> files, TensorMap tensors) noexcept
-    : _files(std::move(files)), _tensors(std::move(tensors)) {}
+Weights::Weights(std::string path, std::vector<std::shared_ptr<const SafetensorsFile>> files,
+                 Map tensors) noexcept
+    : _path(std::move(path)), _files(std::move(files)), _tensors(std::move(tensors)) {}
 
-Weights Weights::load(const files::ModelDirectory& directory) {
-  std::vector<SafetensorsFile> files;
-  if (const std::optional<files::FileHandle> file =
+Weights Weights::open(const files::ModelDirectory& directory) {
+  Map tensors;
+  if (std::optional<files::FileHandle> whole =
           directory.open(kSingle, files::ModelDirectory::kLargestFile)) {
-    files.push_back(open_weights(directory, *file));
-    TensorMap tensors = files.front().tensors();
-    return Weights(std::move(files), std::move(tensors));
+    const auto file = open_weights(directory, *std::move(whole));
+    for (const auto& [name, entry] : file->tensors()) {
+      tensors.emplace_hint(tensors.end(), name, StoredTensor{.entry = &entry, .file = file});
+    }
+    return Weights(file->path(), {file}, std::move(tensors));
   }
 
   const std::optional<nlohmann::json> index =
       directory.read_json(kIndex, files::ModelDirectory::kLargestJson);
   if (!index) refuse_without_safetensors(directory);
-  TensorMap tensors;
+  std::vector<std::shared_ptr<const SafetensorsFile>> files;
   for (const auto& [shard, names] : tensors_by_shard(directory, *index)) {
-    const std::optional<files::FileHandle> file =
+    std::optional<files::FileHandle> opened =
         directory.open(shard, files::ModelDirectory::kLargestFile);
-    if (!file) {
+    if (!opened) {
       throw files::ModelFilesError(directory.path_of(shard) + ": not there, though " +
                                    std::string(kIndex) + " names it");
     }
-    files.push_back(open_weights(directory, *file));
+    const auto& file = files.emplace_back(open_weights(directory, *std::move(opened)));
     for (const std::string& name : names) {
-      const TensorView* const tensor = files.back().find(name);
-      if (tensor == nullptr) {
+      const auto found = file->tensors().find(name);
+      if (found == file->tensors().end()) {
         throw files::ModelFilesError(file->path() + ": has no tensor " + files::in_quotes(name) +
                                      ", though " + std::string(kIndex) + " says so");
       }
-      tensors.emplace(name, *tensor);
+      tensors.emplace(name, StoredTensor{.entry = &found->second, .file = file});
     }
   }
-  return Weights(std::move(files), std::move(tensors));
+  return Weights(directory.path_of(kIndex), std::move(files), std::move(tensors));
 }
 
-void Weights::discard(const TensorView& tensor) const noexcept {
-  for (const SafetensorsFile& file : _files) file.discard(tensor);
-}
-
-const TensorView* Weights::find(std::string_view name) const noexcept {
-  const auto found = _tensors.find(name);
-  return found == _tensors.end() ? nullptr : &found->second;
+void Weights::check_unchanged() const {
+  for (const auto& file : _files) file->check_unchanged();
 }
 
 }  // namespace tovana::sentence_transformers

@@ -1,5 +1,10 @@
 #pragma once
 
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -9,31 +14,41 @@
 
 namespace tovana::sentence_transformers {
 
+/// A tensor and the file that it lies in, which is kept open.
+struct StoredTensor {
+  const TensorEntry* entry;
+  std::shared_ptr<const SafetensorsFile> file;
+};
+
 /// The weights of one module: all tensors of model.safetensors or, where that is absent, those that
-/// model.safetensors.index.json finds in several files. Owns the memory of the views it hands out;
-/// move only, and moving leaves them valid.
+/// model.safetensors.index.json finds in several files.
 ///
-/// Threads: immutable once loaded; any number may read.
+/// Threads: immutable once opened; any number may read.
 class Weights {
  public:
-  /// Loads from a module's folder. The files of a snapshot are mapped, others are read. Throws
+  using Map = std::map<std::string, StoredTensor, std::less<>>;
+
+  /// Opens those in a module's folder. The files of a snapshot are mapped, others are read. Throws
   /// ModelFilesError, naming file and fault: damaged weights, weights in no format that is read
   /// here (with how to convert them), or none at all. RuntimeError when the system would not let us
   /// read them.
-  static Weights load(const files::ModelDirectory& directory);
+  static Weights open(const files::ModelDirectory& directory);
 
-  const TensorMap& tensors() const noexcept { return _tensors; }
-  /// Null when there is no such tensor.
-  const TensorView* find(std::string_view name) const noexcept;
+  /// The path of the file that says what there is, for messages.
+  const std::string& path() const noexcept { return _path; }
 
-  /// Gives back the memory of a tensor, which nobody is to look at again.
-  void discard(const TensorView& tensor) const noexcept;
+  const Map& tensors() const noexcept { return _tensors; }
+
+  /// Throws RuntimeError if one of the files has changed since it was opened.
+  void check_unchanged() const;
 
  private:
-  Weights(std::vector<SafetensorsFile> files, TensorMap tensors) noexcept;
+  Weights(std::string path, std::vector<std::shared_ptr<const SafetensorsFile>> files,
+          Map tensors) noexcept;
 
-  std::vector<SafetensorsFile> _files;
-  TensorMap _tensors;
+  std::string _path;
+  std::vector<std::shared_ptr<const SafetensorsFile>> _files;
+  Map _tensors;
 };
 
 }  // namespace tovana::sentence_transformers

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -38,6 +39,16 @@ inline std::string safetensors_file(std::string_view header, std::string_view da
   return file.append(header).append(data);
 }
 
+/// The header of such a file, and the data behind it.
+inline std::pair<nlohmann::json, std::string> read_safetensors(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  std::string content(std::istreambuf_iterator<char>(in), {});
+  std::uint64_t size = 0;
+  std::memcpy(&size, content.data(), sizeof size);
+  return {nlohmann::json::parse(content.substr(sizeof size, size)),
+          content.substr(sizeof size + size)};
+}
+
 /// A copy of one of the tiny models, to be changed file by file.
 class ModelCopy {
  public:
@@ -54,20 +65,16 @@ class ModelCopy {
       std::filesystem::remove(path() / file);
       return;
     }
-    std::ifstream in(path() / file, std::ios::binary);
-    std::string content(std::istreambuf_iterator<char>(in), {});
-    std::uint64_t size = content.size();
-    const bool is_safetensors = file.ends_with(".safetensors");
-    if (is_safetensors) {
-      std::memcpy(&size, content.data(), sizeof size);
-      content.erase(0, sizeof size);
+    if (file.ends_with(".safetensors")) {
+      auto [header, data] = read_safetensors(path() / file);
+      header.merge_patch(change);
+      write_file(path() / file, safetensors_file(header.dump(), data));
+      return;
     }
-    nlohmann::json patched =
-        content.empty() ? nlohmann::json::object() : nlohmann::json::parse(content.substr(0, size));
+    std::ifstream in(path() / file);
+    nlohmann::json patched = in ? nlohmann::json::parse(in) : nlohmann::json::object();
     patched.merge_patch(change);
-    write_file(path() / file, is_safetensors
-                                  ? safetensors_file(patched.dump(), content.substr(size))
-                                  : patched.dump());
+    write_file(path() / file, patched.dump());
   }
 
  private:

@@ -28,12 +28,14 @@ FileHandle::FileHandle(int descriptor, std::string path) : FileHandle(std::move(
   const struct stat status = status_of(_descriptor, _path);
   if (!S_ISREG(status.st_mode)) throw ModelFilesError(_path + ": not a regular file");
   _size = static_cast<std::uint64_t>(status.st_size);
+  _modified = status.st_mtim;
 }
 
 FileHandle& FileHandle::operator=(FileHandle&& other) noexcept {
   std::swap(_descriptor, other._descriptor);
   _path.swap(other._path);
   _size = other._size;
+  _modified = other._modified;
   return *this;
 }
 
@@ -41,16 +43,22 @@ FileHandle::~FileHandle() {
   if (_descriptor >= 0) close(_descriptor);
 }
 
-void FileHandle::read_all(std::span<std::byte> bytes) const {
-  std::size_t have = 0;
-  while (have < bytes.size()) {
-    const ssize_t got =
-        pread(_descriptor, bytes.data() + have, bytes.size() - have, static_cast<off_t>(have));
+void FileHandle::read(std::uint64_t offset, std::span<std::byte> bytes) const {
+  while (!bytes.empty()) {
+    const ssize_t got = pread(_descriptor, bytes.data(), bytes.size(), static_cast<off_t>(offset));
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) throw RuntimeError(_path + ": cannot be read: " + std::strerror(errno));
-    if (got == 0) break;
-    have += static_cast<std::size_t>(got);
+    if (got == 0) {
+      check_unchanged();
+      throw RuntimeError(_path + ": ends at byte " + std::to_string(offset));
+    }
+    bytes = bytes.subspan(static_cast<std::size_t>(got));
+    offset += static_cast<std::uint64_t>(got);
   }
+}
+
+void FileHandle::read_all(std::span<std::byte> bytes) const {
+  read(0, bytes);
   check_unchanged();
 }
 
@@ -59,6 +67,9 @@ void FileHandle::check_unchanged() const {
   if (static_cast<std::uint64_t>(status.st_size) != _size) {
     throw RuntimeError(_path + ": changed while it was read, from " + std::to_string(_size) +
                        " to " + std::to_string(status.st_size) + " bytes: try again");
+  }
+  if (status.st_mtim.tv_sec != _modified.tv_sec || status.st_mtim.tv_nsec != _modified.tv_nsec) {
+    throw RuntimeError(_path + ": changed while it was read: try again");
   }
 }
 

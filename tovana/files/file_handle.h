@@ -6,6 +6,8 @@
 #include <string>
 #include <utility>
 
+#include <time.h>
+
 namespace tovana::files {
 
 /// A regular file, open for reading. Move only; closes itself. Errors are RuntimeErrors that name
@@ -18,7 +20,8 @@ class FileHandle {
   FileHandle(FileHandle&& other) noexcept
       : _descriptor(std::exchange(other._descriptor, -1)),
         _path(std::move(other._path)),
-        _size(other._size) {}
+        _size(other._size),
+        _modified(other._modified) {}
   FileHandle& operator=(FileHandle&& other) noexcept;
   ~FileHandle();
 
@@ -27,11 +30,14 @@ class FileHandle {
   /// The length when it was opened.
   std::uint64_t size() const noexcept { return _size; }
 
-  /// Fills `bytes`, as long as the file, with its content. Throws when the file has become shorter
-  /// or longer meanwhile.
+  /// Fills `bytes` with what lies from `offset` on. Throws when the file ends before that.
+  void read(std::uint64_t offset, std::span<std::byte> bytes) const;
+
+  /// Fills `bytes`, as long as the file, with its content. Throws when the file has changed
+  /// meanwhile.
   void read_all(std::span<std::byte> bytes) const;
 
-  /// Throws unless the file still has the length it was opened with.
+  /// Throws unless the file has the length and the time of modification with which it was opened.
   void check_unchanged() const;
 
  private:
@@ -41,6 +47,7 @@ class FileHandle {
   int _descriptor;
   std::string _path;
   std::uint64_t _size = 0;
+  timespec _modified = {};
 };
 
 }  // namespace tovana::files

@@ -30,22 +30,41 @@ std::string described(abi::Error* error) {
   return result;
 }
 
+constexpr abi::LoadOptions kFloat32 = {.number_format = abi::NumberFormat::float32};
+
 TEST(Plugin, EncodesThroughTheTable) {
+  ASSERT_EQ(described(table().open()), "");
   const std::string path = tiny_model("tiny_bert_max_dense").string();
+  ASSERT_EQ(described(table().check_model(text(path), text(path))), "");
   abi::Model* model = nullptr;
-  ASSERT_EQ(described(table().load_model(text(path), text(path), &model)), "");
+  ASSERT_EQ(described(table().load_model(text(path), text(path), &kFloat32, &model)), "");
   ASSERT_EQ(table().dimension(model), 24U);
 
   const std::vector<nlohmann::json> references = read_references(path + "/reference.jsonl");
   const std::string sentence = references[3].at("text");
   const std::vector<abi::Text> texts = {text(sentence), {.data = nullptr, .size = 0}};
   std::vector<float> vectors(2 * 24);
-  ASSERT_EQ(described(table().encode(model, texts.data(), 2, 1, vectors.data())), "");
+  std::vector<std::uint32_t> counts(2);
+  abi::EncodeCall call = {.texts = texts.data(),
+                          .count = 2,
+                          .normalize = 1,
+                          .prompt_name = nullptr,
+                          .vectors = vectors.data(),
+                          .token_counts = counts.data()};
+  ASSERT_EQ(described(table().encode(model, &call)), "");
+  EXPECT_EQ(counts, (std::vector<std::uint32_t>{
+                        static_cast<std::uint32_t>(references[3].at("ids").size()), 2}));
   ASSERT_EQ(references[0].at("text"), "");
   std::vector<float> expected = references[3].at("embedding_normalized");
   for (const float number : references[0].at("embedding_normalized")) expected.push_back(number);
   EXPECT_THAT(vectors, testing::Pointwise(testing::FloatNear(2e-6F), expected));
-  EXPECT_EQ(described(table().encode(model, nullptr, 0, 1, nullptr)), "");
+  call = {};
+  EXPECT_EQ(described(table().encode(model, &call)), "");
+  const std::string unknown = "x\ny";
+  const abi::Text prompt = text(unknown);
+  call.prompt_name = &prompt;
+  EXPECT_EQ(described(table().encode(model, &call)),
+            R"(ValueError: the model has no prompt "x\ny"; it has "document", "query")");
   table().free_model(model);
 }
 
@@ -56,26 +75,27 @@ TEST(Plugin, LetsFailuresThroughAsKindAndOneLine) {
   abi::Model* model = nullptr;
   for (const auto& [folder, fault] : {std::pair(path, "/config.json: \"model_type\" is \"a"),
                                       {path + "\nabsent", "\\nabsent: "}}) {
-    const std::string message = described(table().load_model(text(folder), text(folder), &model));
+    const std::string message =
+        described(table().load_model(text(folder), text(folder), &kFloat32, &model));
     EXPECT_THAT(message, testing::StartsWith("ValueError: " + path + fault));
     EXPECT_EQ(message.find_first_of("\n\x1b"), std::string::npos);
   }
+  const abi::LoadOptions unknown = {.number_format = abi::NumberFormat{99}};
+  const std::string sound = tiny_model("tiny_bert_cls").string();
+  EXPECT_EQ(described(table().load_model(text(sound), text(sound), &unknown, &model)),
+            "RuntimeError: the model library does not know the number format 99");
   EXPECT_EQ(model, nullptr);
   table().free_error(nullptr);
   table().free_model(nullptr);
 }
 
-TEST(Plugin, CountsThreadsAsTorchDoes) {
+TEST(Plugin, ANumberOfThreadsIsAtLeastOne) {
   std::int32_t before = 0;
   ASSERT_EQ(described(table().get_num_threads(&before)), "");
-  ASSERT_EQ(described(table().set_num_threads(3)), "");
-  // The setting is this thread's, and what a thread copies that has not computed yet.
-  std::int32_t copied = 0;
-  std::jthread([&] { EXPECT_EQ(described(table().get_num_threads(&copied)), ""); }).join();
-  EXPECT_EQ(copied, 3);
-  EXPECT_EQ(described(table().set_num_threads(before)), "");
-  // A count that libtorch refuses, with a message of its own kind.
   EXPECT_THAT(described(table().set_num_threads(-1)), testing::StartsWith("RuntimeError: "));
+  std::int32_t after = 0;
+  ASSERT_EQ(described(table().get_num_threads(&after)), "");
+  EXPECT_EQ(after, before);
 }
 
 }  // namespace

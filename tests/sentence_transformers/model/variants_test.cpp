@@ -2,16 +2,28 @@
 // that reference_test.cpp reads.
 
 #include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
 #include <span>
+#include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "sentence_transformers/model/native_runtime.h"
 #include "sentence_transformers/model/sentence_transformer.h"
 #include "sentence_transformers/model/transformer_config.h"
 #include "tests/sentence_transformers/model_files.h"
+#include "tests/support/failure_text.h"
 
 namespace tovana::sentence_transformers {
 namespace {
@@ -21,11 +33,20 @@ using Floats = std::vector<float>;
 
 constexpr std::string_view kText = "Parse the header file.";
 
-Floats encode(const ModelCopy& model, const std::vector<std::string_view>& texts) {
-  const auto loaded = SentenceTransformer::load(files::ModelDirectory(model.path()));
-  Floats rows(texts.size() * static_cast<std::size_t>(loaded->dimension()));
-  loaded->encode(texts, false, rows.data());
+std::unique_ptr<const SentenceTransformer> load(const files::ModelDirectory& directory) {
+  return SentenceTransformer::load(directory, NativeRuntime(best_kernels()));
+}
+
+Floats encode(const SentenceTransformer& model, const std::vector<std::string_view>& texts,
+              const EncodeOptions& options = {}) {
+  Floats rows(texts.size() * model.dimension());
+  model.encode(texts, options, rows.data());
   return rows;
+}
+
+Floats encode(const ModelCopy& model, const std::vector<std::string_view>& texts,
+              const EncodeOptions& options = {}) {
+  return encode(*load(files::ModelDirectory(model.path())), texts, options);
 }
 
 TEST(VariantsTest, OfSeveralLengthsOneCounts) {
@@ -74,6 +95,27 @@ TEST(VariantsTest, AFolderWithoutModulesIsAModelWithAPoolingOfItsOwn) {
   EXPECT_EQ(pooled(nullptr), mean);
 }
 
+TEST(VariantsTest, APromptIsTheDefaultOrTheOneThatIsNamed) {
+  const ModelCopy model;
+  model.patch("1_Pooling/config.json", {{"pooling_mode", "mean"}});
+  std::vector<std::uint32_t> count(1);
+  std::vector<std::uint32_t> count_with_prompt(1);
+  const Floats plain = encode(model, {"file"});
+  const Floats prompted = encode(model, {"query: file"}, {.token_counts = count_with_prompt});
+  model.patch(
+      "config_sentence_transformers.json",
+      {{"prompts", {{"query", "query: "}, {"none", ""}}}, {"default_prompt_name", "query"}});
+  EXPECT_EQ(encode(model, {"file"}, {.token_counts = count}), prompted);
+  EXPECT_EQ(count, count_with_prompt);
+  EXPECT_EQ(encode(model, {"file"}, {.prompt_name = "none"}), plain);
+  model.patch("config_sentence_transformers.json", {{"default_prompt_name", nullptr}});
+  EXPECT_EQ(encode(model, {"file"}), plain);
+  EXPECT_EQ(encode(model, {"file"}, {.prompt_name = "query"}), prompted);
+  model.patch("sentence_bert_config.json", {{"max_seq_length", 3}});
+  encode(model, {"file"}, {.prompt_name = "query", .token_counts = count});
+  EXPECT_EQ(count.front(), 3U);
+}
+
 TEST(VariantsTest, APromptThatHasMoreTokensThanItHasWithTheTextLeavesTheLast) {
   const ModelCopy model;
   model.patch("1_Pooling/config.json", {{"pooling_mode", "lasttoken"}});
@@ -84,17 +126,102 @@ TEST(VariantsTest, APromptThatHasMoreTokensThanItHasWithTheTextLeavesTheLast) {
   EXPECT_EQ(encode(model, {"lo"}), last);
 }
 
+/// The bytes of a number in one of the types that weights may have.
+std::string bytes_of(float number, std::string_view dtype) {
+  const auto bits = std::bit_cast<std::uint32_t>(number);
+  const double wide = number;
+  std::string bytes(sizeof wide, '\0');
+  std::memcpy(bytes.data(), &wide, sizeof wide);
+  if (dtype == "F64") return bytes;
+  std::uint32_t narrow = bits;
+  if (dtype == "BF16") narrow = bits >> 16U;
+  if (dtype == "F16" && bits << 1U != 0) narrow = (bits >> 13U) - (112U << 10U);
+  if (dtype == "F16") narrow = (narrow & 0x7FFFU) | (bits >> 16U & 0x8000U);
+  std::memcpy(bytes.data(), &narrow, sizeof narrow);
+  return bytes.substr(0, dtype == "F32" ? 4 : 2);
+}
+
+TEST(VariantsTest, TheTypeOfTheWeightsAndTheWayToReadThemMakeNoDifference) {
+  Floats expected;
+  // The weights lie behind one byte, so that nothing is aligned, or behind four.
+  for (const auto& [dtype, before] :
+       {std::pair("F32", 1U), {"F32", 4U}, {"F64", 1U}, {"BF16", 1U}, {"F16", 1U}}) {
+    const ModelCopy model("tiny_mpnet_odd_dense");
+    const auto file = model.path() / "model.safetensors";
+    auto [header, data] = read_safetensors(file);
+    std::string converted(before, 'x');
+    for (auto& [name, entry] : header.items()) {
+      if (name == "__metadata__") continue;
+      const std::size_t begin = converted.size();
+      for (std::size_t at = entry["data_offsets"][0]; at < entry["data_offsets"][1]; at += 4) {
+        std::uint32_t bits = 0;
+        std::memcpy(&bits, data.data() + at, sizeof bits);
+        // What every one of the types has.
+        const auto number = std::bit_cast<float>(bits & 0xFFFF0000U);
+        converted += bytes_of(std::abs(number) < 0x1p-14F ? 0.F : number, dtype);
+      }
+      entry["dtype"] = dtype;
+      entry["data_offsets"] = {begin, converted.size()};
+    }
+    header["bytes"] = {{"dtype", "U8"}, {"shape", {before}}, {"data_offsets", {0, before}}};
+    std::string text = header.dump();
+    text.resize((text.size() + 7) / 8 * 8, ' ');  // So that the data are aligned.
+    write_file(file, safetensors_file(text, converted));
+    for (const files::ModelDirectory& directory :
+         {files::ModelDirectory(model.path()),
+          files::ModelDirectory(model.path(), model.path().parent_path())}) {
+      const Floats vector = encode(*load(directory), {kText});
+      if (expected.empty()) expected = vector;
+      EXPECT_EQ(vector, expected) << dtype << before << directory.is_snapshot();
+    }
+  }
+}
+
+/// The native runtime, and something else that happens while it loads.
+class WhileLoading final : public Runtime {
+ public:
+  explicit WhileLoading(std::function<void()> event) : _event(std::move(event)) {}
+
+  std::string_view name() const noexcept override { return _native.name(); }
+  std::string_view instruction_set() const noexcept override { return _native.instruction_set(); }
+  void open() const override {}
+  std::size_t get_num_threads() const override { return 1; }
+  void set_num_threads(std::size_t) const override {}
+  std::unique_ptr<const Encoder> load_encoder(const Checkpoint& checkpoint,
+                                              const TransformerConfig& config) const override {
+    _event();
+    return _native.load_encoder(checkpoint, config);
+  }
+  const Kernels& kernels() const noexcept override { return _native.kernels(); }
+  std::optional<std::string> message_of(const std::exception&) const override { return {}; }
+
+ private:
+  const NativeRuntime _native{best_kernels()};
+  std::function<void()> _event;
+};
+
+TEST(VariantsTest, AFileThatChangesWhileItIsReadIsNoModel) {
+  const ModelCopy model;
+  const WhileLoading runtime(
+      [&] { std::filesystem::last_write_time(model.path() / "model.safetensors", {}); });
+  EXPECT_THAT(
+      failure_of([&] { SentenceTransformer::load(files::ModelDirectory(model.path()), runtime); }),
+      testing::HasSubstr("model.safetensors: changed while it was read"));
+}
+
 TEST(VariantsTest, TextsBeyondARoundOfBatchesKeepTheirOrder) {
   constexpr std::size_t kWidth = 32;
   std::vector<std::string_view> texts(33'000);
   texts[0] = texts.back() = "parse";
-  const Floats rows = encode(ModelCopy(), texts);
+  std::vector<std::uint32_t> counts(texts.size());
+  const Floats rows = encode(ModelCopy(), texts, {.token_counts = counts});
   const auto row = [&rows](std::size_t text) {
     return std::span(rows).subspan(text * kWidth, kWidth);
   };
   EXPECT_FALSE(std::ranges::equal(row(0), row(1)));
   for (std::size_t i = 2; i < texts.size(); ++i) {
     ASSERT_TRUE(std::ranges::equal(row(i), row(texts[i].empty() ? 1 : 0))) << i;
+    ASSERT_EQ(counts[i], texts[i].empty() ? 2U : 3U) << i;
   }
 }
 

@@ -34,7 +34,7 @@ TEST(Float32, WideningIsExactForEveryBitPattern) {
   }
   for (const Dtype dtype : {Dtype::f16, Dtype::bf16}) {
     std::vector<float> out(kPatterns);
-    copy_float32({dtype, {256, 256}, std::span(bytes).subspan(1)}, out);
+    copy_float32(dtype, std::span(bytes).subspan(1), out);
     for (std::uint32_t i = 0; i < kPatterns; ++i) {
       const std::uint32_t expected = dtype == Dtype::f16 ? widened(i) : i << 16U;
       ASSERT_EQ(std::bit_cast<std::uint32_t>(out[i]), expected) << dtype_name(dtype) << ' ' << i;
@@ -45,7 +45,7 @@ TEST(Float32, WideningIsExactForEveryBitPattern) {
 TEST(Float32, OfF64IsTheNearest) {
   const std::vector<double> values = {0.1, -2.0};
   std::vector<float> out(2);
-  copy_float32({Dtype::f64, {2}, std::as_bytes(std::span(values))}, out);
+  copy_float32(Dtype::f64, std::as_bytes(std::span(values)), out);
   EXPECT_EQ(out, (std::vector<float>{0.1F, -2.0F}));
 }
 
@@ -55,17 +55,16 @@ TEST(Float32, LiesInPlaceOnlyWhenAligned) {
   std::vector<float> copy(2);
   for (const std::size_t offset : {std::size_t{1}, std::size_t{0}}) {
     std::memcpy(bytes.data() + offset, values.data(), 8);
-    const TensorView tensor{Dtype::f32, {2}, std::span(bytes).subspan(offset, 8)};
-    EXPECT_EQ(float32_in_place(tensor).has_value(), offset == 0);
-    copy_float32(tensor, copy);
+    const std::span<const std::byte> part = std::span(bytes).subspan(offset, 8);
+    EXPECT_EQ(float32_in_place(Dtype::f32, part).has_value(), offset == 0);
+    copy_float32(Dtype::f32, part, copy);
     EXPECT_EQ(copy, values);
   }
-  TensorView tensor{Dtype::f32, {2}, std::span(bytes).first(8)};
-  const std::span<const float> in_place = *float32_in_place(tensor);
+  const std::span<const std::byte> aligned = std::span(bytes).first(8);
+  const std::span<const float> in_place = *float32_in_place(Dtype::f32, aligned);
   EXPECT_EQ(std::vector(in_place.begin(), in_place.end()), values);
-  tensor.dtype = Dtype::i32;
-  EXPECT_EQ(float32_in_place(tensor), std::nullopt);
-  EXPECT_EQ(failure_of([&] { copy_float32(tensor, copy); }),
+  EXPECT_EQ(float32_in_place(Dtype::i32, aligned), std::nullopt);
+  EXPECT_EQ(failure_of([&] { copy_float32(Dtype::i32, aligned, copy); }),
             "ValueError: weights of type I32 cannot be used: F64, F32, F16 and BF16 can");
 }
 

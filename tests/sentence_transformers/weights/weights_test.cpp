@@ -1,7 +1,10 @@
 #include "sentence_transformers/weights/weights.h"
 
+#include <algorithm>
 #include <filesystem>
+#include <numeric>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,21 +25,28 @@ class WeightsTest : public testing::TestWithParam<bool> {
   void write(const std::string& name, std::string_view content) {
     write_file(_model / name, content);
   }
-  /// A file with one tensor of four bytes.
+  /// A file with one tensor of two numbers, four bytes.
   void write_tensor(const std::string& file, const std::string& name, const std::string& data) {
-    const std::string fields = R"({"dtype":"U8","shape":[4],"data_offsets":[0,4]})";
+    const std::string fields = R"({"dtype":"BF16","shape":[2],"data_offsets":[0,4]})";
     write(file, safetensors_file("{\"" + name + "\":" + fields + "}", data));
   }
 
   Weights load() const {
-    return Weights::load(GetParam() ? files::ModelDirectory(_model, _folder.path())
+    return Weights::open(GetParam() ? files::ModelDirectory(_model, _folder.path())
                                     : files::ModelDirectory(_model));
   }
 
+  /// The numbers of a tensor, as bytes.
   static std::string content(const Weights& weights, std::string_view name) {
-    const TensorView* const tensor = weights.find(name);
-    if (tensor == nullptr) return "no tensor";
-    return {reinterpret_cast<const char*>(tensor->data.data()), tensor->data.size()};
+    const auto found = weights.tensors().find(name);
+    if (found == weights.tensors().end()) return "no tensor";
+    std::string bytes;
+    std::vector<float> number(1);
+    for (std::size_t i = 0; i < 2; ++i) {
+      found->second.file->read_float32(*found->second.entry, i, number);
+      bytes.append(reinterpret_cast<const char*>(number.data()) + 2, 2);
+    }
+    return bytes;
   }
 
   TempFolder _folder;
@@ -53,12 +63,28 @@ TEST_P(WeightsTest, ComeFromOneFileElseFromTheIndex) {
   EXPECT_EQ(content(sharded, "a") + content(sharded, "b"), "AAAABBBB");
 
   write_tensor("model.safetensors", "whole", "WWWW");
-  // Views outlive the move of what they came from, and the file's name.
+  // Tensors outlive the move of what they came from, and the file's name.
   Weights first = load();
   const Weights weights = std::move(first);
   std::filesystem::remove(_model / "model.safetensors");
   EXPECT_EQ(content(weights, "whole"), "WWWW");
   EXPECT_EQ(content(weights, "a"), "no tensor");
+}
+
+TEST_P(WeightsTest, AnyPartOfATensorIsConverted) {
+  std::vector<double> numbers(50'000);
+  std::iota(numbers.begin(), numbers.end(), 0);
+  const std::size_t bytes = numbers.size() * sizeof(double);
+  // Behind a tensor of one byte, so that nothing is aligned.
+  write("model.safetensors",
+        safetensors_file(R"({"a":{"dtype":"U8","shape":[1],"data_offsets":[0,1]},)"
+                         R"("b":{"dtype":"F64","shape":[50000],"data_offsets":[1,400001]}})",
+                         "x" + std::string(reinterpret_cast<const char*>(numbers.data()), bytes)));
+  const Weights weights = load();
+  const StoredTensor& tensor = weights.tensors().at("b");
+  std::vector<float> part(40'000);
+  tensor.file->read_float32(*tensor.entry, 1234, part);
+  EXPECT_TRUE(std::equal(part.begin(), part.end(), numbers.begin() + 1234));
 }
 
 TEST_P(WeightsTest, FailuresNameFileAndFault) {

@@ -12,7 +12,7 @@
 
 #include "tests/support/failure_text.h"
 #include "tests/support/temp_folder.h"
-#include "tovana/files/file_memory.h"
+#include "tovana/files/file_mapping.h"
 #include "tovana/files/json_numbers.h"
 
 namespace tovana::files {
@@ -120,16 +120,24 @@ TEST_F(ModelDirectoryTest, JsonIsReadToTheLetter) {
 }
 
 TEST_F(ModelDirectoryTest, AFileThatChangesMeanwhileIsAnErrorForBothWaysToReadIt) {
-  for (const FileAccess access : {files::FileAccess::read, files::FileAccess::map}) {
-    for (const std::uintmax_t length : {std::uintmax_t{50}, std::uintmax_t{150}}) {
-      fs::resize_file(_snapshot / "fits", 100);
-      const auto file = ModelDirectory(_snapshot, _cache).open("fits", 100);
-      EXPECT_EQ(FileMemory(*file, access).bytes().size(), 100U);
-      fs::resize_file(_snapshot / "fits", length);
-      EXPECT_THAT(failure_of([&] { const FileMemory memory(*file, access); }),
-                  HasSubstr("changed while it was read, from 100 to " + std::to_string(length)));
+  const fs::path path = _snapshot / "fits";
+  const auto expect_fault = [&](const std::string& fault, const auto& change) {
+    fs::resize_file(path, 100);
+    const auto file = ModelDirectory(_snapshot, _cache).open("fits", 100);
+    std::vector<std::byte> bytes(100);
+    file->read_all(bytes);
+    EXPECT_EQ(FileMapping(*file).bytes().size(), 100U);
+    change();
+    for (const std::string& failure : {failure_of([&] { file->read_all(bytes); }),
+                                       failure_of([&] { const FileMapping mapping(*file); })}) {
+      EXPECT_THAT(failure, HasSubstr("fits: changed while it was read" + fault));
     }
-  }
+  };
+  expect_fault(", from 100 to 50", [&] { fs::resize_file(path, 50); });
+  expect_fault(", from 100 to 150", [&] { fs::resize_file(path, 150); });
+  expect_fault(": try again", [&] {
+    fs::last_write_time(path, fs::last_write_time(path) - std::chrono::nanoseconds(1));
+  });
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "sentence_transformers/model/encoder.h"
+#include "sentence_transformers/model/encoder_tensors.h"
 
 #include <algorithm>
 #include <array>
@@ -6,10 +6,6 @@
 #include <string_view>
 #include <utility>
 
-#include <ATen/ops/zeros.h>
-
-#include "sentence_transformers/model/native_encoder.h"
-#include "sentence_transformers/model/plain_encoder.h"
 #include "sentence_transformers/model/settings.h"
 
 namespace tovana::sentence_transformers {
@@ -30,8 +26,8 @@ std::string_view prefix_of(Architecture architecture) {
   return architecture == Architecture::bert ? "bert." : "mpnet.";
 }
 
-/// Fails unless the sizes that config.json claims are those of the weights. Comes before anything
-/// is made in these sizes, or a wrong number would take all memory there is.
+/// Fails unless the sizes that config.json claims are those of the weights, naming the member that
+/// is at fault.
 void check_sizes(const files::ModelDirectory& directory, const TransformerConfig& config,
                  const Checkpoint& checkpoint) {
   const auto refuse = [&](const char* member, std::int64_t claimed, const std::string& found) {
@@ -62,7 +58,7 @@ void check_sizes(const files::ModelDirectory& directory, const TransformerConfig
                 "encoder.relative_attention_bias.weight", 1},
        }) {
     if (size.claimed == 0) continue;  // The architecture has no such tensor, whatever lies there.
-    // A tensor that is not there, or of another kind, is refused when it is read.
+    // A tensor that is not there, or of another kind, is refused by its name.
     const std::vector<std::int64_t>* const shape = checkpoint.shape(size.tensor);
     if (shape == nullptr || shape->size() != 2 || (*shape)[size.axis] == size.claimed) continue;
     refuse(size.member, size.claimed,
@@ -74,9 +70,6 @@ void check_sizes(const files::ModelDirectory& directory, const TransformerConfig
     const LayerNames names(config.architecture, layers);
     if (!checkpoint.contains(names.output + ".weight")) break;
     if (layers == config.layers) refuse("num_hidden_layers", layers, "the weights have more");
-    checkpoint.expect(names.intermediate + ".weight", {config.intermediate, config.hidden});
-    checkpoint.expect(names.output + ".weight", {config.hidden, config.intermediate});
-    checkpoint.expect(names.attention_output + ".weight", {config.hidden, config.hidden});
   }
   if (layers == 0) {
     const std::string prefix(prefix_of(config.architecture));
@@ -86,6 +79,40 @@ void check_sizes(const files::ModelDirectory& directory, const TransformerConfig
   }
   if (layers < config.layers) {
     refuse("num_hidden_layers", config.layers, "the weights have " + std::to_string(layers));
+  }
+}
+
+void expect_tensors(const Checkpoint& checkpoint, const TransformerConfig& config) {
+  const std::int64_t hidden = config.hidden;
+  const auto expect_table = [&](const std::string& name, std::int64_t rows, std::int64_t columns) {
+    checkpoint.expect(name + ".weight", {rows, columns});
+  };
+  const auto expect_linear = [&](const std::string& name, std::int64_t out, std::int64_t in) {
+    expect_table(name, out, in);
+    checkpoint.expect(name + ".bias", {out});
+  };
+  const auto expect_norm = [&](const std::string& name) {
+    checkpoint.expect(name + ".weight", {hidden});
+    checkpoint.expect(name + ".bias", {hidden});
+  };
+  expect_table("embeddings.word_embeddings", config.vocabulary, hidden);
+  expect_table("embeddings.position_embeddings", config.positions, hidden);
+  if (config.architecture == Architecture::bert) {
+    expect_table("embeddings.token_type_embeddings", config.token_types, hidden);
+  } else {
+    expect_table("encoder.relative_attention_bias", config.distance_buckets, config.heads);
+  }
+  expect_norm("embeddings.LayerNorm");
+  for (std::int64_t layer = 0; layer < config.layers; ++layer) {
+    const LayerNames names(config.architecture, layer);
+    for (const std::string* name :
+         {&names.query, &names.key, &names.value, &names.attention_output}) {
+      expect_linear(*name, hidden, hidden);
+    }
+    expect_norm(names.attention_norm);
+    expect_linear(names.intermediate, config.intermediate, hidden);
+    expect_linear(names.output, hidden, config.intermediate);
+    expect_norm(names.output_norm);
   }
 }
 
@@ -105,40 +132,38 @@ LayerNames::LayerNames(Architecture architecture, std::int64_t index) {
   output_norm = layer + ".output.LayerNorm";
 }
 
+Checkpoint open_encoder_checkpoint(const files::ModelDirectory& directory,
+                                   const TransformerConfig& config) {
+  Checkpoint checkpoint(directory, prefix_of(config.architecture));
+  check_sizes(directory, config, checkpoint);
+  expect_tensors(checkpoint, config);
+  return checkpoint;
+}
+
 LayerNorm load_norm(const Checkpoint& checkpoint, const std::string& name,
                     const TransformerConfig& config) {
-  return {.weight = checkpoint.tensor(name + ".weight", {config.hidden}).clone(),
-          .bias = checkpoint.tensor(name + ".bias", {config.hidden}).clone(),
+  return {.weight = checkpoint.tensor(name + ".weight"),
+          .bias = checkpoint.tensor(name + ".bias"),
           .eps = config.layer_norm_eps};
 }
 
-at::Tensor load_distance_bias(const Checkpoint& checkpoint, const TransformerConfig& config,
-                              std::int64_t spare) {
+Matrix load_distance_bias(const Checkpoint& checkpoint, const TransformerConfig& config,
+                          std::size_t spare) {
   if (config.architecture == Architecture::bert) return {};
-  const at::Tensor table = checkpoint.tensor("encoder.relative_attention_bias.weight",
-                                             {config.distance_buckets, config.heads});
+  const Matrix table = checkpoint.tensor("encoder.relative_attention_bias.weight");
+  const auto heads = static_cast<std::size_t>(config.heads);
   const auto length = static_cast<std::int64_t>(config.max_length);
-  const std::int64_t distances = 2 * length - 1;
-  at::Tensor bias = at::zeros({config.heads, distances + spare});
-  float* row = bias.mutable_data_ptr<float>();
-  const float* const values = table.const_data_ptr<float>();
-  for (std::int64_t head = 0; head < config.heads; ++head, row += distances + spare) {
-    for (std::int64_t i = 0; i < distances; ++i) {
-      row[i] = values[bucket_of(i - (length - 1)) * config.heads + head];
+  const std::size_t distances = 2 * config.max_length - 1;
+  Matrix bias(heads, distances + spare);
+  float* row = bias.mutable_data();
+  for (std::size_t head = 0; head < heads; ++head, row += bias.columns()) {
+    for (std::size_t i = 0; i < distances; ++i) {
+      const std::int64_t bucket = bucket_of(static_cast<std::int64_t>(i) - (length - 1));
+      row[i] = table.row(static_cast<std::size_t>(bucket))[head];
     }
+    std::fill_n(row + distances, spare, 0.0F);
   }
   return bias;
-}
-
-std::unique_ptr<const Encoder> load_encoder(const files::ModelDirectory& directory,
-                                            const TransformerConfig& config,
-                                            const Kernels* kernels) {
-  Checkpoint checkpoint(directory, prefix_of(config.architecture));
-  check_sizes(directory, config, checkpoint);
-  if (kernels == nullptr) {
-    return std::make_unique<const PlainEncoder>(std::move(checkpoint), config);
-  }
-  return std::make_unique<const NativeEncoder>(std::move(checkpoint), config, *kernels);
 }
 
 }  // namespace tovana::sentence_transformers

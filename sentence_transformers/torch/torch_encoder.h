@@ -1,18 +1,26 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
+#include <ATen/core/Tensor.h>
+
+#include "sentence_transformers/compute/matrix.h"
+#include "sentence_transformers/model/checkpoint.h"
 #include "sentence_transformers/model/encoder.h"
+#include "sentence_transformers/model/layer_norm.h"
 #include "sentence_transformers/model/token_embedding.h"
+#include "sentence_transformers/model/transformer_config.h"
 
 namespace tovana::sentence_transformers {
 
-/// The encoder as a chain of libtorch's operators, for any processor that libtorch is built for.
-class PlainEncoder final : public Encoder {
+/// The encoder as a chain of libtorch's operators.
+class TorchEncoder final : public Encoder {
  public:
-  PlainEncoder(Checkpoint checkpoint, const TransformerConfig& config);
+  /// Reads the weights: throws what `Checkpoint::tensor` does.
+  TorchEncoder(const Checkpoint& checkpoint, const TransformerConfig& config);
 
   std::int64_t rows_per_batch() const noexcept override { return 1024; }
   void operator()(std::span<const TokenBatch> batches, const Consumer& consume) const override;
@@ -25,17 +33,29 @@ class PlainEncoder final : public Encoder {
     at::Tensor operator()(const at::Tensor& rows) const;
   };
 
+  struct Norm {
+    at::Tensor weight;
+    at::Tensor bias;
+    double eps;
+
+    at::Tensor operator()(const at::Tensor& rows) const;
+  };
+
   struct Layer {
     Linear query_key_value;  ///< Three matrices in one: `[3 * hidden x hidden]`.
     Linear attention_output;
-    LayerNorm attention_norm;
+    Norm attention_norm;
     Linear intermediate;
     Linear output;
-    LayerNorm output_norm;
+    Norm output_norm;
   };
 
-  Layer _load_layer(std::int64_t index) const;
-  Linear _load_linear(const std::string& name, std::int64_t out, std::int64_t in) const;
+  /// A tensor over a matrix that the encoder keeps.
+  at::Tensor _keep(Matrix matrix);
+  at::Tensor _load(const Checkpoint& checkpoint, const std::string& name);
+  Linear _load_linear(const Checkpoint& checkpoint, const std::string& name);
+  Norm _load_norm(const Checkpoint& checkpoint, const std::string& name);
+  Layer _load_layer(const Checkpoint& checkpoint, std::int64_t index);
 
   at::Tensor _encode(const TokenBatch& batch) const;
   /// What is added to the scores of texts of `length` tokens, `[1 x heads x length x length]`.
@@ -44,10 +64,10 @@ class PlainEncoder final : public Encoder {
                      const std::vector<at::Tensor>& biases) const;
 
   TransformerConfig _config;
-  Checkpoint _checkpoint;  ///< Owns the memory that weights lie in.
+  std::vector<Matrix> _kept;
   TokenEmbedding _embedding;
-  LayerNorm _embedding_norm;
-  at::Tensor _distance_bias;  ///< Undefined for BERT.
+  Norm _embedding_norm;
+  Matrix _distance_bias;  ///< Empty for BERT.
   std::vector<Layer> _layers;
 };
 

@@ -1,4 +1,4 @@
-#include "tovana/files/file_memory.h"
+#include "tovana/files/file_mapping.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -7,7 +7,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "tovana/base/huge_pages.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::files {
@@ -24,24 +23,13 @@ std::span<std::byte> map(const FileHandle& file) {
 
 }  // namespace
 
-// Done before the other constructor's body, so that the destructor gives back what that has begun.
-FileMemory::FileMemory(FileAccess access, std::size_t size) : _access(access) {
-  if (access != FileAccess::read) return;
-  _bytes = {new std::byte[size], size};
-  prefer_huge_pages(_bytes.data(), size);
+// The other constructor is done before the body begins, so the destructor unmaps what the body gives
+// up on.
+FileMapping::FileMapping(const FileHandle& file) : FileMapping(map(file)) {
+  file.check_unchanged();
 }
 
-FileMemory::FileMemory(const FileHandle& file, FileAccess access)
-    : FileMemory(access, file.size()) {
-  if (access == FileAccess::map) {
-    _bytes = map(file);
-    file.check_unchanged();
-  } else {
-    file.read_all(_bytes);
-  }
-}
-
-void FileMemory::discard(std::span<const std::byte> part) const noexcept {
+void FileMapping::discard(std::span<const std::byte> part) const noexcept {
   const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   // Only whole pages: their neighbours are still wanted.
   const auto address = reinterpret_cast<std::uintptr_t>(part.data());
@@ -52,18 +40,13 @@ void FileMemory::discard(std::span<const std::byte> part) const noexcept {
   static_cast<void>(madvise(begin, (part.size() - ahead) / page * page, MADV_DONTNEED));
 }
 
-FileMemory& FileMemory::operator=(FileMemory&& other) noexcept {
+FileMapping& FileMapping::operator=(FileMapping&& other) noexcept {
   std::swap(_bytes, other._bytes);
-  std::swap(_access, other._access);
   return *this;
 }
 
-FileMemory::~FileMemory() {
-  if (_access == FileAccess::read) {
-    delete[] _bytes.data();
-  } else if (!_bytes.empty()) {
-    munmap(_bytes.data(), _bytes.size());
-  }
+FileMapping::~FileMapping() {
+  if (!_bytes.empty()) munmap(_bytes.data(), _bytes.size());
 }
 
 }  // namespace tovana::files

@@ -1,0 +1,107 @@
+#include "sentence_transformers/model/found_model.h"
+
+#include <algorithm>
+#include <optional>
+#include <string>
+
+#include "sentence_transformers/model/encoder_tensors.h"
+#include "sentence_transformers/model/known_members.h"
+#include "sentence_transformers/model/settings.h"
+
+namespace tovana::sentence_transformers {
+namespace {
+
+files::ModelDirectory transformer_folder(const files::ModelDirectory& directory,
+                                         const std::vector<ModuleEntry>& list) {
+  return list.empty() ? directory : directory.subdirectory(list.front().path);
+}
+
+TransformerConfig read_config(const files::ModelDirectory& transformer, bool is_module) {
+  if (transformer.open("adapter_config.json", files::ModelDirectory::kLargestConfig)) {
+    throw files::ModelFilesError(
+        transformer.path_of("adapter_config.json") +
+        ": a model with an adapter (PEFT) is not supported; merge the adapter into "
+        "the model and save that");
+  }
+  return read_transformer_config(transformer, is_module);
+}
+
+Pooling read_pooling(const files::ModelDirectory& directory, const std::vector<ModuleEntry>& list,
+                     const TransformerConfig& config) {
+  if (!list.empty()) return Pooling::read(directory.subdirectory(list[1].path), config.hidden);
+  return {config.hidden, config.generates ? Pooling::Mode::lasttoken : Pooling::Mode::mean};
+}
+
+}  // namespace
+
+FoundModel::FoundModel(const files::ModelDirectory& directory)
+    : FoundModel(directory, read_module_list(directory)) {}
+
+FoundModel::FoundModel(const files::ModelDirectory& directory, const std::vector<ModuleEntry>& list)
+    : config(read_config(transformer_folder(directory, list), !list.empty())),
+      tokenizer(Tokenizer::load(transformer_folder(directory, list), config.tokenizer)),
+      checkpoint(open_encoder_checkpoint(transformer_folder(directory, list), config)),
+      pooling(read_pooling(directory, list, config)),
+      dimension(pooling.dimension()) {
+  _check_tokens(transformer_folder(directory, list));
+  _find_modules(directory, list);
+  if (!list.empty()) _read_settings(directory);  // A plain model's count for nothing.
+}
+
+void FoundModel::_check_tokens(const files::ModelDirectory& transformer) const {
+  if (tokenizer.largest_id() >= config.vocabulary) {
+    throw files::ModelFilesError(transformer.path_of("config.json") + ": \"vocab_size\" is " +
+                                 std::to_string(config.vocabulary) +
+                                 ", and the tokenizer gives ids up to " +
+                                 std::to_string(tokenizer.largest_id()));
+  }
+  if (config.max_length < tokenizer.special_count()) {
+    throw files::ModelFilesError(transformer.path().string() + ": texts may have " +
+                                 std::to_string(config.max_length) +
+                                 " tokens, and the tokenizer adds " +
+                                 std::to_string(tokenizer.special_count()) + " to each");
+  }
+}
+
+void FoundModel::_find_modules(const files::ModelDirectory& directory,
+                               const std::vector<ModuleEntry>& list) {
+  for (std::size_t index = 2; index < list.size(); ++index) {
+    const files::ModelDirectory folder = directory.subdirectory(list[index].path);
+    switch (list[index].kind) {
+      case ModuleKind::normalize:
+        modules.push_back(find_normalize(folder, dimension));
+        break;
+      case ModuleKind::dense:
+        modules.push_back(find_dense(folder, dimension));
+        break;
+      case ModuleKind::layer_norm:
+        modules.push_back(find_layer_norm(folder, dimension));
+        break;
+      case ModuleKind::dropout:
+        continue;  // Works in training alone.
+      case ModuleKind::transformer:
+      case ModuleKind::pooling:
+        continue;  // Only at the beginning: `read_module_list` has made sure.
+    }
+    dimension = modules.back().width;
+  }
+}
+
+void FoundModel::_read_settings(const files::ModelDirectory& directory) {
+  const auto settings = Settings::read(directory, "config_sentence_transformers.json");
+  if (!settings) return;
+  check_members(*settings, kSentenceTransformersMembers);
+  prompts = Prompts(*settings, [this](const std::string& text) { return _count_skipped(text); });
+  dimension = std::min(dimension, settings->count("truncate_dim").value_or(dimension));
+}
+
+/// The tokens of a prompt, the special one before it included, if the pooling leaves them out.
+std::size_t FoundModel::_count_skipped(const std::string& prompt) const {
+  if (pooling.includes_prompt()) return 0;
+  const std::vector<std::int32_t> ids = tokenizer.encode(prompt, config.max_length);
+  // The token that ends every text does not end the prompt.
+  const bool has_end = !ids.empty() && tokenizer.is_special_id(ids.back());
+  return has_end ? ids.size() - 1 : ids.size();
+}
+
+}  // namespace tovana::sentence_transformers

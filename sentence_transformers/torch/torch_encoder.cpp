@@ -1,0 +1,146 @@
+#include "sentence_transformers/torch/torch_encoder.h"
+
+#include <optional>
+#include <utility>
+
+#include <ATen/Parallel.h>
+#include <ATen/ops/cat.h>
+#include <ATen/ops/empty.h>
+#include <ATen/ops/from_blob.h>
+#include <ATen/ops/layer_norm.h>
+#include <ATen/ops/linear.h>
+#include <ATen/ops/scaled_dot_product_attention.h>
+#include <c10/core/InferenceMode.h>
+
+#include "sentence_transformers/model/encoder_tensors.h"
+#include "sentence_transformers/torch/activation.h"
+
+namespace tovana::sentence_transformers {
+
+TorchEncoder::TorchEncoder(const Checkpoint& checkpoint, const TransformerConfig& config)
+    : _config(config),
+      _embedding(checkpoint, config, static_cast<std::size_t>(at::get_num_threads())),
+      _distance_bias(load_distance_bias(checkpoint, config, 0)) {
+  const c10::InferenceMode inference;  // A setting of this thread's.
+  _embedding_norm = _load_norm(checkpoint, "embeddings.LayerNorm");
+  for (std::int64_t index = 0; index < config.layers; ++index) {
+    _layers.push_back(_load_layer(checkpoint, index));
+  }
+}
+
+at::Tensor TorchEncoder::_keep(Matrix matrix) {
+  const Matrix& kept = _kept.emplace_back(std::move(matrix));
+  const std::vector<std::int64_t> shape = {static_cast<std::int64_t>(kept.rows()),
+                                           static_cast<std::int64_t>(kept.columns())};
+  // from_blob takes no const pointer; nothing here writes to weights.
+  return at::from_blob(const_cast<float*>(kept.data()), shape, at::kFloat);
+}
+
+at::Tensor TorchEncoder::_load(const Checkpoint& checkpoint, const std::string& name) {
+  const at::Tensor tensor = _keep(checkpoint.tensor(name));
+  return checkpoint.shape(name)->size() == 1 ? tensor.select(0, 0) : tensor;
+}
+
+TorchEncoder::Linear TorchEncoder::_load_linear(const Checkpoint& checkpoint,
+                                                const std::string& name) {
+  return {.weight = _load(checkpoint, name + ".weight"), .bias = _load(checkpoint, name + ".bias")};
+}
+
+TorchEncoder::Norm TorchEncoder::_load_norm(const Checkpoint& checkpoint, const std::string& name) {
+  return {.weight = _load(checkpoint, name + ".weight"),
+          .bias = _load(checkpoint, name + ".bias"),
+          .eps = _config.layer_norm_eps};
+}
+
+TorchEncoder::Layer TorchEncoder::_load_layer(const Checkpoint& checkpoint, std::int64_t index) {
+  const LayerNames names(_config.architecture, index);
+  std::vector<at::Tensor> weights;
+  std::vector<at::Tensor> biases;
+  for (const std::string* name : {&names.query, &names.key, &names.value}) {
+    auto [weight, bias] = _load_linear(checkpoint, *name);
+    weights.push_back(std::move(weight));
+    biases.push_back(std::move(bias));
+  }
+  const Linear query_key_value = {.weight = at::cat(weights), .bias = at::cat(biases)};
+  _kept.resize(_kept.size() - 6);  // Copied.
+  return {
+      .query_key_value = query_key_value,
+      .attention_output = _load_linear(checkpoint, names.attention_output),
+      .attention_norm = _load_norm(checkpoint, names.attention_norm),
+      .intermediate = _load_linear(checkpoint, names.intermediate),
+      .output = _load_linear(checkpoint, names.output),
+      .output_norm = _load_norm(checkpoint, names.output_norm),
+  };
+}
+
+void TorchEncoder::operator()(std::span<const TokenBatch> batches, const Consumer& consume) const {
+  const c10::InferenceMode inference;  // A setting of this thread's.
+  for (std::size_t index = 0; index < batches.size(); ++index) {
+    const at::Tensor states = _encode(batches[index]);
+    consume(index, states.const_data_ptr<float>());
+  }
+}
+
+at::Tensor TorchEncoder::_encode(const TokenBatch& batch) const {
+  _embedding.check(batch);
+  at::Tensor hidden = at::empty({batch.rows(), _config.hidden});
+  _embedding(batch, hidden.mutable_data_ptr<float>());
+  std::vector<at::Tensor> biases;
+  if (!_distance_bias.empty()) {
+    for (const TokenBatch::Group& group : batch.groups()) {
+      biases.push_back(_relative_bias(group.length));
+    }
+  }
+  hidden = _embedding_norm(hidden);
+  for (const Layer& layer : _layers) {
+    const at::Tensor context = _attend(layer.query_key_value(hidden), batch, biases);
+    hidden = layer.attention_norm(layer.attention_output(context).add_(hidden));
+    const at::Tensor inner = activate(_config.activation, layer.intermediate(hidden));
+    hidden = layer.output_norm(layer.output(inner).add_(hidden));
+  }
+  return hidden;
+}
+
+at::Tensor TorchEncoder::Linear::operator()(const at::Tensor& rows) const {
+  return at::linear(rows, weight, bias);
+}
+
+at::Tensor TorchEncoder::Norm::operator()(const at::Tensor& rows) const {
+  return at::layer_norm(rows, weight.sizes(), weight, bias, eps);
+}
+
+at::Tensor TorchEncoder::_relative_bias(std::int64_t length) const {
+  at::Tensor bias = at::empty({1, _config.heads, length, length});
+  float* out = bias.mutable_data_ptr<float>();
+  const std::int64_t zero = static_cast<std::int64_t>(_config.max_length) - 1;
+  for (std::int64_t head = 0; head < _config.heads; ++head) {
+    const float* const by_distance =
+        _distance_bias.row(static_cast<std::size_t>(head)).data() + zero;
+    for (std::int64_t query = 0; query < length; ++query) {
+      for (std::int64_t key = 0; key < length; ++key) *out++ = by_distance[key - query];
+    }
+  }
+  return bias;
+}
+
+at::Tensor TorchEncoder::_attend(const at::Tensor& query_key_value, const TokenBatch& batch,
+                                 const std::vector<at::Tensor>& biases) const {
+  const std::int64_t heads = _config.heads;
+  const std::int64_t width = _config.hidden / heads;
+  at::Tensor context = at::empty({batch.rows(), _config.hidden});
+  for (std::size_t index = 0; index < batch.groups().size(); ++index) {
+    const TokenBatch::Group& group = batch.groups()[index];
+    const std::int64_t rows = group.texts * group.length;
+    const at::Tensor parts = query_key_value.narrow(0, group.first_row, rows)
+                                 .view({group.texts, group.length, 3, heads, width})
+                                 .permute({2, 0, 3, 1, 4});
+    const auto bias = biases.empty() ? std::nullopt : std::optional(biases[index]);
+    context.narrow(0, group.first_row, rows)
+        .view({group.texts, group.length, heads, width})
+        .copy_(
+            at::scaled_dot_product_attention(parts[0], parts[1], parts[2], bias).transpose(1, 2));
+  }
+  return context;
+}
+
+}  // namespace tovana::sentence_transformers
