@@ -140,5 +140,20 @@ TEST(ModelFaults, OfTheTensors) {
   expect_fault(damaged, "\"embeddings.LayerNorm.bias\" holds an infinity or NaN", true);
 }
 
+TEST(ModelFaults, OfEachTensorThatIsMissing) {
+  for (const auto& [model, file] : {std::pair("tiny_bert_max_dense", "model.safetensors"),
+                                    {"tiny_bert_max_dense", "2_Dense/model.safetensors"},
+                                    {"tiny_mpnet_mean", "model.safetensors"}}) {
+    const nlohmann::json tensors = read_safetensors(tiny_model(model) / file).first;
+    for (const auto& [name, entry] : tensors.items()) {
+      if (name == "__metadata__" || name.starts_with("pooler.")) continue;
+      SCOPED_TRACE(name);
+      const ModelCopy copy(model);
+      copy.patch(file, {{name, nullptr}, {"other", entry}});
+      expect_fault(copy, "");
+    }
+  }
+}
+
 }  // namespace
 }  // namespace tovana::sentence_transformers
