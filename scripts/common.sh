@@ -3,6 +3,10 @@
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
+# The tests' model, where scripts/setup --model puts it.
+# shellcheck disable=SC2034 # not every script needs it
+minilm="$root/models/all-MiniLM-L6-v2"
+
 # A clone in another folder finds what this one has compiled.
 export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=1
 
