@@ -5,7 +5,7 @@ import pathlib
 import re
 import subprocess
 
-from rig import PATIENCE_S, TOOL, Hub, Server, answer_openai, tiny_model
+from rig import PATIENCE_S, TINY_MODEL, TOOL, Hub, Server, answer_openai, tiny_model
 
 ROOT = pathlib.Path(__file__).parents[2]
 # What installs packages or builds.
@@ -26,9 +26,12 @@ def shown_commands():
     return commands
 
 
-# The hub, whose model is tiny, and the endpoint are servers on loopback.
+# The hub and the endpoint are servers on loopback; models are tiny, that of scripts/setup --model too.
 def test_readme_shows_what_works_and_what_it_prints(tmp_path):
     (tmp_path / "examples").symlink_to(ROOT / "examples")
+    model = re.search(r'^minilm="\$root/(.+)"$', (ROOT / "scripts/common.sh").read_text(), re.M)[1]
+    (tmp_path / model).parent.mkdir()
+    (tmp_path / model).symlink_to(TINY_MODEL)
     (tmp_path / "scripts").mkdir()
     (tmp_path / "scripts/run").symlink_to(tmp_path / "bin/tovana-embed")
     (tmp_path / "bin").mkdir()
