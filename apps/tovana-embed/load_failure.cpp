@@ -70,7 +70,7 @@ Failure load_failure(const EmbeddingNotReadyError& error) {
 std::string remedy_for(Fallback::Cause cause) {
   switch (cause) {
     case Fallback::Cause::library_not_installed:
-      return "scripts/setup --model and a new build install the local model library";
+      return "libtovana_sentence_transformers.so, which is built with the tool, belongs beside it";
     case Fallback::Cause::not_configured:
       return "give the URL in the settings, or another --backend";
     case Fallback::Cause::local_backend_failed:
