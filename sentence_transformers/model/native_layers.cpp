@@ -53,14 +53,14 @@ class NativeLayers::Load final : public SteppedWork {
   void run(std::size_t, std::size_t part) override {
     const LayerNames names(_config.architecture, static_cast<std::int64_t>(part));
     Layer& layer = _layers._layers[part];
-    make_shards(layer, _layers._memory.data() + part * _layer_size);
+    _make_shards(layer, _layers._memory.data() + part * _layer_size);
     std::size_t place = 0;
     for (const std::string* name : {&names.query, &names.key, &names.value}) {
-      pack_rows(*name, _width_shares, place++, layer, &Shard::query_key_value);
+      _pack_rows(*name, _width_shares, place++, layer, &Shard::query_key_value);
     }
-    pack_columns(names.attention_output, _hidden, _width_shares, layer, &Shard::attention_output);
-    pack_rows(names.intermediate, _inner_shares, 0, layer, &Shard::intermediate);
-    pack_columns(names.output, _inner, _inner_shares, layer, &Shard::output);
+    _pack_columns(names.attention_output, _hidden, _width_shares, layer, &Shard::attention_output);
+    _pack_rows(names.intermediate, _inner_shares, 0, layer, &Shard::intermediate);
+    _pack_columns(names.output, _inner, _inner_shares, layer, &Shard::output);
     layer.attention_bias = _checkpoint.tensor(names.attention_output + ".bias");
     layer.attention_norm = load_norm(_checkpoint, names.attention_norm, _config);
     layer.output_bias = _checkpoint.tensor(names.output + ".bias");
@@ -70,7 +70,7 @@ class NativeLayers::Load final : public SteppedWork {
   void finish(std::size_t) override {}
 
  private:
-  void make_shards(Layer& layer, float* memory) const {
+  void _make_shards(Layer& layer, float* memory) const {
     FloatSlices slices(memory);
     const auto matrix = [&](std::size_t depth, std::size_t columns) {
       return PackedMatrix(_kernels, depth, columns,
@@ -89,7 +89,7 @@ class NativeLayers::Load final : public SteppedWork {
 
   /// Gives each shard its share of a weight's rows, and of the bias: columns of its matrix, in which
   /// those of `place` shares stand before them.
-  void pack_rows(const std::string& name, const std::vector<Range>& shares, std::size_t place,
+  void _pack_rows(const std::string& name, const std::vector<Range>& shares, std::size_t place,
                  Layer& layer, PackedMatrix Shard::*matrix) const {
     const Matrix bias = _checkpoint.tensor(name + ".bias");
     _checkpoint.for_rows(
@@ -107,7 +107,7 @@ class NativeLayers::Load final : public SteppedWork {
   }
 
   /// Gives each shard its share of a weight's columns, of which there are `width`; no bias.
-  void pack_columns(const std::string& name, std::size_t width, const std::vector<Range>& shares,
+  void _pack_columns(const std::string& name, std::size_t width, const std::vector<Range>& shares,
                     Layer& layer, PackedMatrix Shard::*matrix) const {
     _checkpoint.for_rows(
         name + ".weight", [&](std::size_t first, std::size_t count, const float* rows) {

@@ -190,9 +190,9 @@ def test_ignored_interrupt_stays_ignored():
     ("embed a --backend none", 64, "takes auto, local, api, openai or tfidf"),
     ("embed a ++ b", 64, "embed -- ++"),
     ("search a --top 0", 64, "--help"),
-    ("embed --input /no/such/file", 66, "/no/such/file"),
-    ("search a --input /usr", 66, "directory"),
-    ("embed --input a\nb", 66, "a\\nb"),
+    ("embed --backend tfidf --input /no/such/file", 66, "/no/such/file"),
+    ("search a --backend tfidf --input /usr", 66, "directory"),
+    ("embed --backend tfidf --input a\nb", 66, "a\\nb"),
     ("embed a --backend tfidf --deadline 0", 69, "deadline of 0 s"),
     (f"embed a --backend tfidf --dimension {2**63 - 1}", 69, "elements; give shorter texts or a smaller --dim"),
 ])

@@ -32,8 +32,9 @@ class Result(NamedTuple):
 
 
 def start(*command, tool=TOOL, env=None, stdin=subprocess.PIPE, stdout=subprocess.PIPE):
-    """The tool, in an environment of nothing but `env`."""
-    return subprocess.Popen([tool, *command], env=env or {}, stdin=stdin, stdout=stdout, stderr=subprocess.PIPE)
+    """The tool, in an environment of nothing but `env`; without a hub in that, it may ask none."""
+    env = {"HF_HUB_OFFLINE": "1", **(env or {})} if "HF_ENDPOINT" not in (env or {}) else env
+    return subprocess.Popen([tool, *command], env=env, stdin=stdin, stdout=stdout, stderr=subprocess.PIPE)
 
 
 def finish(process, given=None):
