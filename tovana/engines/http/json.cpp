@@ -1,16 +1,14 @@
 #include "tovana/engines/http/json.h"
 
-#include <atomic>
 #include <bit>
-#include <cstdlib>
 #include <new>
 #include <type_traits>
 #include <unordered_set>
 #include <utility>
 
-#include <pthread.h>
 #include <simdjson.h>
 
+#include "tovana/base/json_kernels.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::http {
@@ -83,49 +81,11 @@ T as(const element& value, const char* expected) {
   return result;
 }
 
-/// Gives parsers their kernel, also while the process exits. simdjson keeps the kernels, one for
-/// each kind of processor, in static objects that are destroyed then, when other threads may be in
-/// a call. Only this first step of a parser's life needs them, so from the beginning of the exit on
-/// it is done with a kernel that is never destroyed, if a slower one.
-///
-/// No lock: a process may be forked while another thread is in that step, and the child has to be
-/// able to take it.
-class Kernels {
- public:
-  static Kernels& of_process() {
-    static auto* const kernels = new Kernels;
-    return *kernels;
-  }
-
-  simdjson::error_code prepare(simdjson::dom::parser& parser, std::size_t max_depth) {
-    ++_preparing;
-    const simdjson::error_code error = parser.allocate(0, max_depth);
-    if (--_preparing == 0) _preparing.notify_all();
-    return error;
-  }
-
- private:
-  Kernels() {
-    // Exit handlers run in the reverse order of their registration: the kernels' come before ours.
-    static_cast<void>(simdjson::get_active_implementation()->name());
-    if (std::atexit([] { of_process().outlive_exit(); }) != 0) outlive_exit();
-    // The threads that a child counts are its parent's.
-    static_cast<void>(pthread_atfork(nullptr, nullptr, [] { of_process()._preparing = 0; }));
-  }
-
-  void outlive_exit() {
-    simdjson::get_active_implementation() = &_portable;
-    // Whoever took a kernel before is done with it in a moment.
-    for (int preparing = 0; (preparing = _preparing) != 0;) _preparing.wait(preparing);
-  }
-
-  std::atomic<int> _preparing = 0;
-  const simdjson::builtin::implementation _portable;
-};
-
-/// Made when the program is loaded: the first text may come when it is too late to prepare for the
-/// exit.
-[[maybe_unused]] const Kernels& kernels_at_load = Kernels::of_process();
+/// Done when the program is loaded: the first text may come when the process has begun to exit.
+[[maybe_unused]] const bool kernels_are_kept = [] {
+  keep_json_kernels();
+  return true;
+}();
 
 /// Python's json module writes NaN and Infinity, so servers written in Python do send them.
 bool holds_python_literal(std::string_view text) {
@@ -264,7 +224,7 @@ JsonReply JsonReply::parse(std::string text, std::size_t most_values) {
   auto document = std::make_unique<Document>();
   simdjson::dom::parser parser;
   // The parser counts the root as a level of its own.
-  simdjson::error_code error = Kernels::of_process().prepare(parser, kDeepestNesting + 1);
+  simdjson::error_code error = parser.allocate(0, kDeepestNesting + 1);
   if (error == simdjson::SUCCESS) {
     error = parser.parse_into_document(document->parsed, text.data(), size, false).error();
   }
