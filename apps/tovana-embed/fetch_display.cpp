@@ -87,9 +87,9 @@ class FetchDisplay {
 
   /// Says so while nothing comes, on a thread of its own, for ever.
   [[noreturn]] void watch() TOVANA_EXCLUDES(_mutex);
-  void begin(const hub::FetchProgress& progress, double now) TOVANA_REQUIRES(_mutex);
-  std::string state() const TOVANA_REQUIRES(_mutex);
-  std::string silence(double now) const TOVANA_REQUIRES(_mutex);
+  void _begin(const hub::FetchProgress& progress, double now) TOVANA_REQUIRES(_mutex);
+  std::string _state() const TOVANA_REQUIRES(_mutex);
+  std::string _silence(double now) const TOVANA_REQUIRES(_mutex);
 
   Mutex _mutex;
   ConditionVariable _begun;
@@ -118,7 +118,7 @@ void FetchDisplay::show(const hub::FetchProgress& progress) {
     _is_begun = false;
     return;
   }
-  if (!_is_begun) begin(progress, now);
+  if (!_is_begun) _begin(progress, now);
   if (!progress.is_checking && !std::exchange(_is_announced, true)) {
     _line.write("fetching the model " + _model);
   }
@@ -152,12 +152,12 @@ void FetchDisplay::show(const hub::FetchProgress& progress) {
     _line.write("  " + shown(progress.file) + ": " + file_size(progress.file_size));
   }
   if (_size > 0 && _line.comes_due(now)) {
-    const std::string text = state();
+    const std::string text = _state();
     _line.show(_line.is_on_terminal() ? bar(_bytes, _size, text.size()) + text : text);
   }
 }
 
-void FetchDisplay::begin(const hub::FetchProgress& progress, double now) {
+void FetchDisplay::_begin(const hub::FetchProgress& progress, double now) {
   _is_begun = true;
   _samples.clear();
   _model = shown(progress.model);
@@ -180,7 +180,7 @@ void FetchDisplay::watch() {
     while (!_is_begun) _begun.wait(_mutex);
     const double now = system_clock().now();
     if (now >= _silence_said) {
-      _line.show(silence(now));
+      _line.show(_silence(now));
       _silence_said = now + (_line.is_on_terminal() ? kRedrawSilenceS : kNextSilenceS);
     }
     // Not woken by news: it looks again when the silence would have been long enough.
@@ -188,7 +188,7 @@ void FetchDisplay::watch() {
   }
 }
 
-std::string FetchDisplay::silence(double now) const {
+std::string FetchDisplay::_silence(double now) const {
   const std::string seconds = ", " + formatted("%.0f s", now - _last_news);
   if (_activity == Activity::pausing) {
     return "trying again in " + formatted("%.0f s", std::max(0.0, _next_try - now)) + ": " +
@@ -204,7 +204,7 @@ std::string FetchDisplay::silence(double now) const {
                                        : _host + " sends nothing" + seconds;
 }
 
-std::string FetchDisplay::state() const {
+std::string FetchDisplay::_state() const {
   std::string text = megabytes(_bytes) + " of " + megabytes(_size) + " MB";
   const Sample& first = _samples.front();
   const double seconds = _samples.back().time - first.time;

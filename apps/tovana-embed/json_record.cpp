@@ -27,31 +27,31 @@ class RecordHandler {
   const std::optional<std::string>& text() const noexcept { return _text; }
   const std::string& problem() const noexcept { return _problem; }
 
-  bool null() { return other_value("null"); }
-  bool boolean(bool /*value*/) { return other_value("true or false"); }
-  bool number_integer(json::number_integer_t /*value*/) { return other_value("a number"); }
-  bool number_unsigned(json::number_unsigned_t /*value*/) { return other_value("a number"); }
+  bool null() { return _other_value("null"); }
+  bool boolean(bool /*value*/) { return _other_value("true or false"); }
+  bool number_integer(json::number_integer_t /*value*/) { return _other_value("a number"); }
+  bool number_unsigned(json::number_unsigned_t /*value*/) { return _other_value("a number"); }
   bool number_float(json::number_float_t /*value*/, const std::string& /*digits*/) {
-    return other_value("a number");
+    return _other_value("a number");
   }
-  bool binary(json::binary_t& /*value*/) { return other_value("binary data"); }
+  bool binary(json::binary_t& /*value*/) { return _other_value("binary data"); }
   bool string(std::string& value) {
-    if (_depth == 0) return fail_as_root("a string");
+    if (_depth == 0) return _fail_as_root("a string");
     if (_depth == 1 && _in_text) _text = std::move(value);
     return true;
   }
   bool start_object(std::size_t /*size*/) {
-    if (_depth > 0 && !other_value("an object")) return false;
+    if (_depth > 0 && !_other_value("an object")) return false;
     ++_depth;
     return true;
   }
   bool start_array(std::size_t /*size*/) {
-    if (!other_value("an array")) return false;
+    if (!_other_value("an array")) return false;
     ++_depth;
     return true;
   }
-  bool end_object() { return leave(); }
-  bool end_array() { return leave(); }
+  bool end_object() { return _leave(); }
+  bool end_array() { return _leave(); }
   bool key(const std::string& name) {
     if (_depth == 1) {
       _in_text = name == "text";
@@ -73,16 +73,16 @@ class RecordHandler {
   }
 
  private:
-  bool leave() {
+  bool _leave() {
     --_depth;
     return true;
   }
-  bool fail_as_root(const std::string& kind) {
+  bool _fail_as_root(const std::string& kind) {
     _problem = "it is " + kind + " where an object with a member \"text\" belongs";
     return false;
   }
-  bool other_value(const std::string& kind) {
-    if (_depth == 0) return fail_as_root(kind);
+  bool _other_value(const std::string& kind) {
+    if (_depth == 0) return _fail_as_root(kind);
     if (_depth > 1 || !_in_text) return true;
     _problem = "the member \"text\" is " + kind + " where a string belongs";
     return false;

@@ -60,7 +60,7 @@ Output::Output(std::string path, const RunLimits& limits)
       _buffer(std::make_unique<char[]>(kBufferSize)),
       _capacity(kBufferSize) {
   if (_path != kStandardStream) {
-    open_file();
+    _open_file();
     return;
   }
   const int flags = fcntl(STDOUT_FILENO, F_GETFL);
@@ -73,7 +73,7 @@ Output::~Output() {
   if (!_target.empty()) remove_unfinished(false);
 }
 
-void Output::open_file() {
+void Output::_open_file() {
   if (_path.empty()) throw_unwritable("the path is empty");
   struct stat status {};
   const bool exists = ::stat(_path.c_str(), &status) == 0;
@@ -82,7 +82,7 @@ void Output::open_file() {
   // Renaming needs no permission to write the file that it replaces; a user expects that it does.
   if (exists && ::access(_path.c_str(), W_OK) != 0) throw_unwritable(errno);
   if (!exists || S_ISREG(status.st_mode)) {
-    open_unfinished(without_links(_path));
+    _open_unfinished(without_links(_path));
     return;
   }
   // `open` would wait for a pipe's reader past every limit.
@@ -93,7 +93,7 @@ void Output::open_file() {
   }
 }
 
-void Output::open_unfinished(const std::string& target) {
+void Output::_open_unfinished(const std::string& target) {
   const std::filesystem::path directory = std::filesystem::path(target).parent_path();
   const std::string stem =
       (directory / ".tovana-embed-").string() + std::to_string(::getpid()) + "-";
@@ -119,7 +119,7 @@ void Output::write(std::string_view bytes) {
 
 char* Output::room(std::size_t size) {
   if (_capacity - _used < size) {
-    flush();
+    _flush();
     if (_capacity < size) {
       _buffer = std::make_unique<char[]>(size);
       _capacity = size;
@@ -128,7 +128,7 @@ char* Output::room(std::size_t size) {
   return _buffer.get() + _used;
 }
 
-void Output::flush() {
+void Output::_flush() {
   std::string_view left(_buffer.get(), _used);
   while (!left.empty()) {
     _limits.check_interrupted();
@@ -147,7 +147,7 @@ void Output::flush() {
 }
 
 void Output::finish() {
-  flush();
+  _flush();
   if (!_target.empty() && ::fsync(_descriptor) != 0) throw_unwritable(errno);
   // Some file systems report only now that there was no space.
   if (::close(std::exchange(_descriptor, -1)) != 0) throw_unwritable(errno);

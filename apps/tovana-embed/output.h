@@ -38,9 +38,9 @@ class Output {
   void finish();
 
  private:
-  void open_file();
-  void open_unfinished(const std::string& target);
-  void flush();
+  void _open_file();
+  void _open_unfinished(const std::string& target);
+  void _flush();
   [[noreturn]] void throw_unwritable(int error_number) const;
   [[noreturn]] void throw_unwritable(const std::string& reason, bool is_full = false) const;
 

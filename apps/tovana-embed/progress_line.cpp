@@ -20,7 +20,7 @@ void draw(const std::string& text) {
 
 }  // namespace
 
-bool ProgressLine::stderr_is_terminal() noexcept { return ::isatty(STDERR_FILENO) != 0; }
+bool ProgressLine::_stderr_is_terminal() noexcept { return ::isatty(STDERR_FILENO) != 0; }
 
 std::size_t ProgressLine::width() noexcept {
   constexpr std::size_t kUsual = 80;

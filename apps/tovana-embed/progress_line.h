@@ -35,9 +35,9 @@ class ProgressLine {
   void clear();
 
  private:
-  static bool stderr_is_terminal() noexcept;
+  static bool _stderr_is_terminal() noexcept;
 
-  bool _is_on_terminal = stderr_is_terminal();
+  bool _is_on_terminal = _stderr_is_terminal();
   bool _is_drawn = false;
   double _next_time = 0;
 };

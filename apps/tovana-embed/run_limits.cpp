@@ -43,13 +43,13 @@ void RunLimits::check() const {
 }
 
 void RunLimits::wait_for(int descriptor, short events) const {
-  while (!poll_for(descriptor, events, kLongestPollS)) {
+  while (!_poll_for(descriptor, events, kLongestPollS)) {
   }
 }
 
-void RunLimits::pause(double seconds) const { poll_for(-1, 0, seconds); }
+void RunLimits::pause(double seconds) const { _poll_for(-1, 0, seconds); }
 
-bool RunLimits::poll_for(int descriptor, short events, double longest_s) const {
+bool RunLimits::_poll_for(int descriptor, short events, double longest_s) const {
   check();
   const double left = std::min(_deadline - system_clock().now(), longest_s);
   std::array<pollfd, 2> watched = {

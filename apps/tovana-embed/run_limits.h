@@ -32,7 +32,7 @@ class RunLimits {
 
  private:
   /// Blocks once, at most so long. Whether the descriptor has the events; one below 0 never has.
-  bool poll_for(int descriptor, short events, double longest_s) const;
+  bool _poll_for(int descriptor, short events, double longest_s) const;
 
   const Interrupts& _interrupts;
   double _seconds;

@@ -90,7 +90,7 @@ class NativeLayers::Load final : public SteppedWork {
   /// Gives each shard its share of a weight's rows, and of the bias: columns of its matrix, in which
   /// those of `place` shares stand before them.
   void _pack_rows(const std::string& name, const std::vector<Range>& shares, std::size_t place,
-                 Layer& layer, PackedMatrix Shard::*matrix) const {
+                  Layer& layer, PackedMatrix Shard::*matrix) const {
     const Matrix bias = _checkpoint.tensor(name + ".bias");
     _checkpoint.for_rows(
         name + ".weight", [&](std::size_t first, std::size_t count, const float* rows) {
@@ -108,7 +108,7 @@ class NativeLayers::Load final : public SteppedWork {
 
   /// Gives each shard its share of a weight's columns, of which there are `width`; no bias.
   void _pack_columns(const std::string& name, std::size_t width, const std::vector<Range>& shares,
-                    Layer& layer, PackedMatrix Shard::*matrix) const {
+                     Layer& layer, PackedMatrix Shard::*matrix) const {
     _checkpoint.for_rows(
         name + ".weight", [&](std::size_t first, std::size_t count, const float* rows) {
           for (std::size_t shard = 0; shard < shares.size(); ++shard) {

@@ -30,7 +30,7 @@ AddedTokens::AddedTokens(std::vector<AddedToken> tokens)
   for (const AddedToken& token : _tokens) {
     if (!token.content.empty()) _begins[static_cast<unsigned char>(token.content.front())] = true;
     for (std::size_t at = 0; at < token.content.size() && !_holds_space; ++at) {
-      _holds_space = space_behind(token.content, at) > at;
+      _holds_space = _space_behind(token.content, at) > at;
     }
   }
   if (std::count(_begins.begin(), _begins.end(), true) == 1) {
@@ -39,8 +39,8 @@ AddedTokens::AddedTokens(std::vector<AddedToken> tokens)
   }
 }
 
-std::optional<AddedTokens::Match> AddedTokens::find(std::string_view text, std::size_t from,
-                                                    std::size_t until) const noexcept {
+std::optional<AddedTokens::Match> AddedTokens::_find(std::string_view text, std::size_t from,
+                                                     std::size_t until) const noexcept {
   const char* const end = text.data() + until;
   const char* at = text.data() + from;
   const auto next_begin = [&] {
@@ -64,13 +64,13 @@ std::optional<AddedTokens::Match> AddedTokens::find(std::string_view text, std::
   return std::nullopt;
 }
 
-std::size_t AddedTokens::last_space(std::string_view text, std::size_t from,
-                                    std::size_t until) noexcept {
+std::size_t AddedTokens::_last_space(std::string_view text, std::size_t from,
+                                     std::size_t until) noexcept {
   const std::size_t last = text.substr(from, until - from).find_last_of(" \n");
   return last == std::string_view::npos ? 0 : from + last;
 }
 
-bool AddedTokens::stands_alone(std::string_view text, const Match& match) noexcept {
+bool AddedTokens::_stands_alone(std::string_view text, const Match& match) noexcept {
   const bool word_before =
       match.begin > 0 &&
       is(utf8::decode_last(text.substr(0, match.begin)).code_point, unicode::kWord);
@@ -81,8 +81,8 @@ bool AddedTokens::stands_alone(std::string_view text, const Match& match) noexce
   return !word_before && !word_behind;
 }
 
-std::size_t AddedTokens::space_before(std::string_view text, std::size_t end,
-                                      std::size_t floor) noexcept {
+std::size_t AddedTokens::_space_before(std::string_view text, std::size_t end,
+                                       std::size_t floor) noexcept {
   while (end > floor) {
     const utf8::Decoded last = utf8::decode_last(text.substr(floor, end - floor));
     if (!is(last.code_point, unicode::kWhiteSpace)) break;
@@ -91,7 +91,7 @@ std::size_t AddedTokens::space_before(std::string_view text, std::size_t end,
   return end;
 }
 
-std::size_t AddedTokens::space_behind(std::string_view text, std::size_t begin) noexcept {
+std::size_t AddedTokens::_space_behind(std::string_view text, std::size_t begin) noexcept {
   while (begin < text.size()) {
     const utf8::Decoded next = utf8::decode(text.data() + begin, text.data() + text.size());
     if (!is(next.code_point, unicode::kWhiteSpace)) break;

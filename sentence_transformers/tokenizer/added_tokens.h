@@ -57,9 +57,9 @@ class AddedTokens {
     while (searched < text.size()) {
       const std::size_t until =
           may_cut && text.size() - searched > kWindow ? searched + kWindow : text.size();
-      const std::optional<Match> match = find(text, searched, until);
+      const std::optional<Match> match = _find(text, searched, until);
       if (!match) {
-        const std::size_t cut = until < text.size() ? last_space(text, searched, until) : piece;
+        const std::size_t cut = until < text.size() ? _last_space(text, searched, until) : piece;
         if (cut > piece && !on_text(text.substr(piece, cut - piece))) return false;
         piece = cut > piece ? cut : piece;
         searched = until;
@@ -67,14 +67,14 @@ class AddedTokens {
       }
       searched = match->end;
       const AddedToken& token = *match->token;
-      if (token.single_word && !stands_alone(text, *match)) continue;
+      if (token.single_word && !_stands_alone(text, *match)) continue;
       std::size_t begin = match->begin;
-      if (token.lstrip) begin = space_before(text, begin, piece);
+      if (token.lstrip) begin = _space_before(text, begin, piece);
       if (piece < begin && !on_text(text.substr(piece, begin - piece))) return false;
       if (!on_token(token.id)) return false;
       // What an earlier token took along need not be looked at again.
       piece = piece > match->end ? piece : match->end;
-      if (token.rstrip) piece = space_behind(text, piece);
+      if (token.rstrip) piece = _space_behind(text, piece);
     }
     return piece >= text.size() || on_text(text.substr(piece));
   }
@@ -90,15 +90,15 @@ class AddedTokens {
   static constexpr std::size_t kWindow = 16384;
 
   /// The first that begins in [from, until).
-  std::optional<Match> find(std::string_view text, std::size_t from,
-                            std::size_t until) const noexcept;
+  std::optional<Match> _find(std::string_view text, std::size_t from,
+                             std::size_t until) const noexcept;
   /// The last space or newline in [from, until); 0 when there is none.
-  static std::size_t last_space(std::string_view text, std::size_t from,
-                                std::size_t until) noexcept;
-  static bool stands_alone(std::string_view text, const Match& match) noexcept;
-  static std::size_t space_before(std::string_view text, std::size_t end,
-                                  std::size_t floor) noexcept;
-  static std::size_t space_behind(std::string_view text, std::size_t begin) noexcept;
+  static std::size_t _last_space(std::string_view text, std::size_t from,
+                                 std::size_t until) noexcept;
+  static bool _stands_alone(std::string_view text, const Match& match) noexcept;
+  static std::size_t _space_before(std::string_view text, std::size_t end,
+                                   std::size_t floor) noexcept;
+  static std::size_t _space_behind(std::string_view text, std::size_t begin) noexcept;
 
   std::vector<AddedToken> _tokens;
   ByteTrie _trie;                      ///< To the tokens' places in `_tokens`.

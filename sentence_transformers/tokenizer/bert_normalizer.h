@@ -46,8 +46,8 @@ class BertNormalizer {
   /// Gives `sink` each code point that one becomes, in order.
   template <class Sink>
   void normalize(char32_t code_point, const Sink& sink) const {
-    if (!_options.lowercase_first) return clean(code_point, sink);
-    lower(code_point, [&](char32_t lowered) { clean(lowered, sink); });
+    if (!_options.lowercase_first) return _clean(code_point, sink);
+    _lower(code_point, [&](char32_t lowered) { _clean(lowered, sink); });
   }
 
   /// The whole text, normalized; ill-formed sequences are read as U+FFFD.
@@ -55,7 +55,7 @@ class BertNormalizer {
 
  private:
   template <class Sink>
-  void clean(char32_t code_point, const Sink& sink) const {
+  void _clean(char32_t code_point, const Sink& sink) const {
     const unicode::CharacterRecord& record = unicode::record_of(code_point);
     if (_options.clean_text) {
       if (record.is(unicode::kRemoved)) return;
@@ -63,20 +63,20 @@ class BertNormalizer {
     }
     const bool padded = _options.handle_chinese_chars && record.is(unicode::kChinese);
     if (padded) sink(U' ');
-    strip(code_point, record, sink);
+    _strip(code_point, record, sink);
     if (padded) sink(U' ');
   }
 
   template <class Sink>
-  void strip(char32_t code_point, const unicode::CharacterRecord& record, const Sink& sink) const {
+  void _strip(char32_t code_point, const unicode::CharacterRecord& record, const Sink& sink) const {
     const auto finish = [&](char32_t stripped) {
-      if (_options.lowercase) return lower(stripped, sink);
+      if (_options.lowercase) return _lower(stripped, sink);
       sink(stripped);
     };
     if (!_options.strip_accents) return finish(code_point);
     if (record.is(unicode::kMark)) return;
     if (code_point >= unicode::kFirstHangulSyllable && code_point <= unicode::kLastHangulSyllable) {
-      return decompose_hangul(code_point - unicode::kFirstHangulSyllable, sink);
+      return _decompose_hangul(code_point - unicode::kFirstHangulSyllable, sink);
     }
     if (record.stripped_size == 0) return finish(code_point);
     for (unsigned i = 0; i < record.stripped_size; ++i) {
@@ -86,7 +86,7 @@ class BertNormalizer {
 
   /// The Unicode Standard, 3.12; jamo have no case.
   template <class Sink>
-  static void decompose_hangul(char32_t syllable, const Sink& sink) {
+  static void _decompose_hangul(char32_t syllable, const Sink& sink) {
     constexpr char32_t kVowels = 21;
     constexpr char32_t kTrailing = 28;
     sink(0x1100 + syllable / (kVowels * kTrailing));
@@ -95,7 +95,7 @@ class BertNormalizer {
   }
 
   template <class Sink>
-  static void lower(char32_t code_point, const Sink& sink) {
+  static void _lower(char32_t code_point, const Sink& sink) {
     const std::int32_t offset = unicode::record_of(code_point).lower_offset;
     sink(static_cast<char32_t>(static_cast<std::int32_t>(code_point) + offset));
     if (code_point == unicode::kDottedCapitalI) sink(unicode::kDotAbove);

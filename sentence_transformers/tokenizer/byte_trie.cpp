@@ -89,15 +89,15 @@ class ByteTrie::Builder {
   Builder(ByteTrie& trie, const std::vector<Entry>& entries) : _trie(trie), _entries(entries) {}
 
   void build() {
-    const std::size_t likely = count_nodes() * 17 / 16 + kBlock;
+    const std::size_t likely = _count_nodes() * 17 / 16 + kBlock;
     _trie._slots.reserve(likely);
     _trie._values.reserve(likely);
-    add_block();
+    _add_block();
     _blocks.front().take(kRoot);
     std::vector<Range> level = {{kRoot, 0, _entries.size()}};
     for (std::size_t depth = 0; !level.empty(); ++depth) {
       std::vector<Range> below;
-      for (const Range& range : level) place_children(range, depth, below);
+      for (const Range& range : level) _place_children(range, depth, below);
       level.swap(below);
     }
   }
@@ -111,7 +111,7 @@ class ByteTrie::Builder {
   };
 
   /// Every byte of a key that it does not share with the key before it is a node.
-  std::size_t count_nodes() const {
+  std::size_t _count_nodes() const {
     std::size_t nodes = 1;
     std::string_view before;
     for (const Entry& entry : _entries) {
@@ -123,7 +123,7 @@ class ByteTrie::Builder {
     return nodes;
   }
 
-  void place_children(Range range, std::size_t depth, std::vector<Range>& below) {
+  void _place_children(Range range, std::size_t depth, std::vector<Range>& below) {
     if (range.first < range.last && _entries[range.first].key.size() == depth) {
       _trie._slots[range.node].children |= kEnds;
       _trie._values[range.node] = _entries[range.first].value;
@@ -140,7 +140,7 @@ class ByteTrie::Builder {
       }
       below.back().last = i + 1;
     }
-    const std::uint32_t children = find_room();
+    const std::uint32_t children = _find_room();
     _trie._slots[range.node].children |= children;
     Occupancy& block = _blocks[children / kBlock];
     for (std::size_t i = 0; i < _labels.size(); ++i) {
@@ -152,7 +152,7 @@ class ByteTrie::Builder {
   }
 
   /// A `children` for which the slots of all `_labels` are free.
-  std::uint32_t find_room() {
+  std::uint32_t _find_room() {
     for (std::size_t b = _first_open; b < _blocks.size(); ++b) {
       const Occupancy& block = _blocks[b];
       if (block.free() < _labels.size()) continue;
@@ -164,13 +164,13 @@ class ByteTrie::Builder {
         if (fits) return static_cast<std::uint32_t>(b * kBlock + children);
       }
     }
-    add_block();
+    _add_block();
     return static_cast<std::uint32_t>((_blocks.size() - 1) * kBlock);
   }
 
   /// Only the newest blocks are searched: that bounds the work a node can cause, and older ones are
   /// nearly full.
-  void add_block() {
+  void _add_block() {
     constexpr std::size_t kOpenBlocks = 4;
     _blocks.emplace_back();
     _trie._slots.resize(_blocks.size() * kBlock);

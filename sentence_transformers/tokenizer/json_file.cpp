@@ -10,11 +10,11 @@ namespace tovana::sentence_transformers {
 
 JsonFile::JsonFile(std::string path, std::string text)
     : _path(std::move(path)), _parser(std::make_unique<simdjson::dom::parser>()) {
-  simdjson::error_code error = parse(text);
+  simdjson::error_code error = _parse(text);
   // Its numbers have at most 64 bits, and says of others no more than that they are faulty.
   if (error == simdjson::NUMBER_ERROR) {
     text = files::with_numbers_in_range(text);
-    error = parse(text);
+    error = _parse(text);
   }
   if (error == simdjson::INCORRECT_TYPE)
     throw files::ModelFilesError(_path + ": not a JSON object");
@@ -25,7 +25,7 @@ JsonFile::JsonFile(std::string path, std::string text)
 }
 
 /// Gives the text room for what the parser reads behind its end.
-simdjson::error_code JsonFile::parse(std::string& text) {
+simdjson::error_code JsonFile::_parse(std::string& text) {
   constexpr std::size_t kDeepest = 64;
   text.reserve(text.size() + simdjson::SIMDJSON_PADDING);
   simdjson::error_code error = _parser->allocate(text.size() + 1, kDeepest);

@@ -49,7 +49,7 @@ class JsonFile {
   [[noreturn]] void fail(std::string_view key, std::string_view fault) const;
 
  private:
-  simdjson::error_code parse(std::string& text);
+  simdjson::error_code _parse(std::string& text);
 
   std::string _path;
   std::unique_ptr<simdjson::dom::parser> _parser;  ///< Owns what every value refers to.

@@ -123,7 +123,7 @@ SpecialTokens::SpecialTokens(const TokenizerSources& sources, TokenizerKind kind
                                                             : kUnnamed;
   const bool use_map = _sources.special_map && !_sources.lists_added_tokens();
   for (const NamedToken& token : named) {
-    refuse_null(token.name, use_map);
+    _refuse_null(token.name, use_map);
     std::optional<AddedToken> found;
     if (use_map) found = find_token(*_sources.special_map, token);
     if (!found && _sources.config) found = find_token(*_sources.config, token);
@@ -132,8 +132,8 @@ SpecialTokens::SpecialTokens(const TokenizerSources& sources, TokenizerKind kind
     if (found) _in_order.push_back(std::move(*found));
   }
   for (const std::string_view key : {"additional_special_tokens", "extra_special_tokens"}) {
-    if (use_map) read_extra(*_sources.special_map, key);
-    if (_sources.config) read_extra(*_sources.config, key);
+    if (use_map) _read_extra(*_sources.special_map, key);
+    if (_sources.config) _read_extra(*_sources.config, key);
   }
   for (const AddedToken& token : _in_order) {
     _contents.insert(token.content);
@@ -141,7 +141,7 @@ SpecialTokens::SpecialTokens(const TokenizerSources& sources, TokenizerKind kind
 }
 
 /// A null takes away the token that a class would have otherwise; MPNet's keeps those at the ends.
-void SpecialTokens::refuse_null(std::string_view name, bool use_map) const {
+void SpecialTokens::_refuse_null(std::string_view name, bool use_map) const {
   const bool is_needed =
       (_kind != TokenizerKind::as_it_is && name == "pad_token") ||
       (_kind == TokenizerKind::bert && (name == "cls_token" || name == "sep_token"));
@@ -153,7 +153,7 @@ void SpecialTokens::refuse_null(std::string_view name, bool use_map) const {
   }
 }
 
-void SpecialTokens::read_extra(const JsonFile& file, std::string_view key) {
+void SpecialTokens::_read_extra(const JsonFile& file, std::string_view key) {
   const auto value = file.find(file.root(), key);
   if (!value) return;
   if (value->is_object()) {
@@ -172,7 +172,7 @@ const std::string* SpecialTokens::find(std::string_view name) const {
 }
 
 /// The tokens by the ids that the files give them; that decides the order of addition alone.
-std::map<std::int32_t, AddedToken> SpecialTokens::listed_tokens() const {
+std::map<std::int32_t, AddedToken> SpecialTokens::_listed_tokens() const {
   std::map<std::int32_t, AddedToken> listed;
   if (_sources.lists_added_tokens()) {
     const auto decoder =
@@ -191,7 +191,7 @@ std::map<std::int32_t, AddedToken> SpecialTokens::listed_tokens() const {
   if (_sources.added) {
     for (const auto& member : _sources.added->root()) {
       AddedToken token = plain_token(checked(*_sources.added, member.key, "a token"));
-      token.special = is_special(token.content);
+      token.special = _is_special(token.content);
       token.normalized = !token.special;
       listed.insert_or_assign(_sources.added->id(member.value, member.key), token);
     }
@@ -216,8 +216,8 @@ std::vector<AddedToken> SpecialTokens::read_added() const {
   if (_kind == TokenizerKind::as_it_is) {
     for (auto& [id, token] : tokens_of(*_sources.tokenizer)) add(std::move(token));
   }
-  for (auto& [id, token] : listed_tokens()) {
-    if (is_special(token.content)) token.special = true;
+  for (auto& [id, token] : _listed_tokens()) {
+    if (_is_special(token.content)) token.special = true;
     add(std::move(token));
   }
   for (const AddedToken& token : _in_order) {

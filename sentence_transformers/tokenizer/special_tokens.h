@@ -26,10 +26,10 @@ class SpecialTokens {
   std::vector<AddedToken> read_added() const;
 
  private:
-  void read_extra(const JsonFile& file, std::string_view key);
-  void refuse_null(std::string_view name, bool use_map) const;
-  bool is_special(const std::string& content) const { return _contents.contains(content); }
-  std::map<std::int32_t, AddedToken> listed_tokens() const;
+  void _read_extra(const JsonFile& file, std::string_view key);
+  void _refuse_null(std::string_view name, bool use_map) const;
+  bool _is_special(const std::string& content) const { return _contents.contains(content); }
+  std::map<std::int32_t, AddedToken> _listed_tokens() const;
 
   const TokenizerSources& _sources;
   const TokenizerKind _kind;

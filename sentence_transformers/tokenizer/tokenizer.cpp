@@ -35,8 +35,8 @@ Tokenizer::Tokenizer(TokenizerSettings&& settings)
       _largest_id(largest_id_in(settings.vocabulary)),
       _word_piece(std::move(settings.vocabulary), settings.word_piece),
       _keeps_end(settings.keeps_end) {
-  give_ids(settings.added_tokens);
-  read_special_tokens(settings);
+  _give_ids(settings.added_tokens);
+  _read_special_tokens(settings);
 
   std::vector<AddedToken> raw;
   std::vector<AddedToken> normalized;
@@ -54,7 +54,7 @@ Tokenizer::Tokenizer(TokenizerSettings&& settings)
 
 /// An added token that the vocabulary has keeps its id there; the others get the numbers behind the
 /// vocabulary's size in the order of addition, whatever ids the files list them under.
-void Tokenizer::give_ids(std::vector<AddedToken>& tokens) {
+void Tokenizer::_give_ids(std::vector<AddedToken>& tokens) {
   auto next = static_cast<std::int32_t>(_word_piece.vocabulary_size());
   for (AddedToken& token : tokens) {
     const std::optional<std::int32_t> known = _word_piece.id_of(token.content);
@@ -63,7 +63,7 @@ void Tokenizer::give_ids(std::vector<AddedToken>& tokens) {
   }
 }
 
-void Tokenizer::read_special_tokens(const TokenizerSettings& settings) {
+void Tokenizer::_read_special_tokens(const TokenizerSettings& settings) {
   std::unordered_map<std::string_view, std::int32_t> added;
   for (const AddedToken& token : settings.added_tokens) {
     added.emplace(token.content, token.id);

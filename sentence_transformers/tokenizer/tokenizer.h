@@ -54,8 +54,8 @@ class Tokenizer {
  private:
   explicit Tokenizer(TokenizerSettings&& settings);
 
-  void give_ids(std::vector<AddedToken>& tokens);
-  void read_special_tokens(const TokenizerSettings& settings);
+  void _give_ids(std::vector<AddedToken>& tokens);
+  void _read_special_tokens(const TokenizerSettings& settings);
 
   BertNormalizer _normalizer;
   BertNormalizer _as_is;  ///< For text that is normalized already.

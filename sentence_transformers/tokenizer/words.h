@@ -25,52 +25,52 @@ class Words {
   /// `on_word` returns false, and then returns false.
   template <class OnWord>
   bool for_each(std::string_view text, const OnWord& on_word) {
-    start();
+    _start();
     const char* const end = text.data() + text.size();
     for (const char* at = text.data(); at != end;) {
       const std::uint8_t action = _normalizer.action(*at);
       if (action < 0x80) {
-        append(static_cast<char>(action));
+        _append(static_cast<char>(action));
         ++at;
       } else if (action == BertNormalizer::kWide) {
         const utf8::Decoded character = utf8::decode(at, end);
         at += character.size;
         bool go_on = true;
         _normalizer.normalize(character.code_point, [&](char32_t code_point) {
-          if (go_on) go_on = add(code_point, on_word);
+          if (go_on) go_on = _add(code_point, on_word);
         });
         if (!go_on) return false;
       } else {
         const char byte = *at++;
         if (action == BertNormalizer::kDrop) continue;
-        if (!finish(on_word)) return false;
+        if (!_finish(on_word)) return false;
         if (action == BertNormalizer::kPunct && !on_word(std::string_view(&byte, 1), 1)) {
           return false;
         }
       }
     }
-    return finish(on_word);
+    return _finish(on_word);
   }
 
  private:
-  void start() noexcept {
+  void _start() noexcept {
     _next = _bytes.data();
     _characters = 0;
   }
 
-  void append(char byte) noexcept {
+  void _append(char byte) noexcept {
     if (_next != _bytes.data() + kMostBytes) *_next++ = byte;
     ++_characters;
   }
 
   template <class OnWord>
-  bool add(char32_t code_point, const OnWord& on_word) {
+  bool _add(char32_t code_point, const OnWord& on_word) {
     const unicode::CharacterRecord& record = unicode::record_of(code_point);
-    if (record.is(unicode::kWhiteSpace)) return finish(on_word);
+    if (record.is(unicode::kWhiteSpace)) return _finish(on_word);
     if (record.is(unicode::kPunctuation)) {
       char bytes[utf8::kLongestCharacter];
       const char* const end = utf8::encode(code_point, bytes);
-      return finish(on_word) && on_word(std::string_view(bytes, end), 1);
+      return _finish(on_word) && on_word(std::string_view(bytes, end), 1);
     }
     if (_characters < kMostCharacters) _next = utf8::encode(code_point, _next);
     ++_characters;
@@ -78,11 +78,11 @@ class Words {
   }
 
   template <class OnWord>
-  bool finish(const OnWord& on_word) {
+  bool _finish(const OnWord& on_word) {
     if (_characters == 0) return true;
     const std::string_view word(_bytes.data(), _next);
     const std::size_t characters = _characters;
-    start();
+    _start();
     return on_word(word, characters);
   }
 

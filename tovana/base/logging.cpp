@@ -124,10 +124,10 @@ namespace logging_detail {
 void malformed_log_format() { throw RuntimeError("malformed log format"); }
 }  // namespace logging_detail
 
-bool Logger::enabled(LogLevel level) noexcept { return level >= log_state().level; }
+bool Logger::_enabled(LogLevel level) noexcept { return level >= log_state().level; }
 
-void Logger::deliver(LogLevel level, const std::exception* error, std::string_view format,
-                     std::vector<LogArgument> arguments) const {
+void Logger::_deliver(LogLevel level, const std::exception* error, std::string_view format,
+                      std::vector<LogArgument> arguments) const {
   std::shared_ptr<const LogSink> sink;
   {
     LogState& state = log_state();

@@ -158,37 +158,37 @@ class Logger {
 
   template <class... Arguments>
   void debug(Format<Arguments...> format, const Arguments&... arguments) const noexcept {
-    log(LogLevel::debug, nullptr, format.text, arguments...);
+    _log(LogLevel::debug, nullptr, format.text, arguments...);
   }
   template <class... Arguments>
   void info(Format<Arguments...> format, const Arguments&... arguments) const noexcept {
-    log(LogLevel::info, nullptr, format.text, arguments...);
+    _log(LogLevel::info, nullptr, format.text, arguments...);
   }
   template <class... Arguments>
   void warning(Format<Arguments...> format, const Arguments&... arguments) const noexcept {
-    log(LogLevel::warning, nullptr, format.text, arguments...);
+    _log(LogLevel::warning, nullptr, format.text, arguments...);
   }
   /// A warning with the error that caused it attached to the record.
   template <class... Arguments>
   void warning_with_error(const std::exception& error, Format<Arguments...> format,
                           const Arguments&... arguments) const noexcept {
-    log(LogLevel::warning, &error, format.text, arguments...);
+    _log(LogLevel::warning, &error, format.text, arguments...);
   }
 
  private:
   template <class... Arguments>
-  void log(LogLevel level, const std::exception* error, std::string_view format,
-           const Arguments&... arguments) const noexcept {
-    if (!enabled(level)) return;
+  void _log(LogLevel level, const std::exception* error, std::string_view format,
+            const Arguments&... arguments) const noexcept {
+    if (!_enabled(level)) return;
     try {
-      deliver(level, error, format, {logging_detail::make_argument(arguments)...});
+      _deliver(level, error, format, {logging_detail::make_argument(arguments)...});
     } catch (...) {  // out of memory, or a sink that failed: logging must not disturb the work
     }
   }
 
-  static bool enabled(LogLevel level) noexcept;
-  void deliver(LogLevel level, const std::exception* error, std::string_view format,
-               std::vector<LogArgument> arguments) const;
+  static bool _enabled(LogLevel level) noexcept;
+  void _deliver(LogLevel level, const std::exception* error, std::string_view format,
+                std::vector<LogArgument> arguments) const;
 
   std::string_view _name;
 };

@@ -17,7 +17,7 @@ constinit thread_local bool is_making = false;
 
 }  // namespace
 
-void ProcessOnce::call_locked(void (*make)()) {
+void ProcessOnce::_call_locked(void (*make)()) {
   const auto make_unless_done = [&] {
     if (_is_done.load(std::memory_order_relaxed)) return;
     make();

@@ -16,11 +16,11 @@ class ProcessOnce {
   /// Runs `make`, unless that has been done; when it throws, the next call tries again. `make` may
   /// have other things done once, but it neither logs nor forks.
   void call(void (*make)()) {
-    if (!_is_done.load(std::memory_order_acquire)) call_locked(make);
+    if (!_is_done.load(std::memory_order_acquire)) _call_locked(make);
   }
 
  private:
-  void call_locked(void (*make)());
+  void _call_locked(void (*make)());
 
   std::atomic<bool> _is_done = false;
 };

@@ -40,10 +40,10 @@ EmbeddingIndex::EmbeddingIndex(std::size_t dimension) : _dimension(dimension) {
 }
 
 void EmbeddingIndex::add(std::int64_t id, std::span<const double> vector) {
-  const std::vector<double> scaled = unit(vector);
+  const std::vector<double> scaled = _unit(vector);
   const auto [entry, is_new] = _rows.try_emplace(id, _ids.size());
   if (!is_new) {
-    std::ranges::copy(scaled, row(entry->second).begin());
+    std::ranges::copy(scaled, _row(entry->second).begin());
     return;
   }
   try {
@@ -63,7 +63,7 @@ bool EmbeddingIndex::remove(std::int64_t id) {
   const std::size_t gap = entry->second;
   const std::size_t last = _ids.size() - 1;
   if (gap != last) {
-    std::ranges::copy(row(last), row(gap).begin());
+    std::ranges::copy(_row(last), _row(gap).begin());
     _ids[gap] = _ids[last];
     _rows[_ids[gap]] = gap;
   }
@@ -75,7 +75,7 @@ bool EmbeddingIndex::remove(std::int64_t id) {
 
 std::vector<EmbeddingIndex::Neighbour> EmbeddingIndex::nearest(std::span<const double> query,
                                                                std::size_t count) const {
-  const std::vector<double> direction = unit(query);
+  const std::vector<double> direction = _unit(query);
   std::vector<Neighbour> neighbours;
   neighbours.reserve(_ids.size());
   const std::span<const double> vectors(_vectors);
@@ -90,7 +90,7 @@ std::vector<EmbeddingIndex::Neighbour> EmbeddingIndex::nearest(std::span<const d
   return neighbours;
 }
 
-std::vector<double> EmbeddingIndex::unit(std::span<const double> vector) const {
+std::vector<double> EmbeddingIndex::_unit(std::span<const double> vector) const {
   if (vector.size() != _dimension) {
     throw ValueError("an index for vectors of " + std::to_string(_dimension) +
                      " floats was given one of " + std::to_string(vector.size()));

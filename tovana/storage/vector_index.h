@@ -42,9 +42,9 @@ class EmbeddingIndex {
 
  private:
   /// The vector in unit length, or zero; checks it as `add` says.
-  std::vector<double> unit(std::span<const double> vector) const;
+  std::vector<double> _unit(std::span<const double> vector) const;
 
-  std::span<double> row(std::size_t index) noexcept {
+  std::span<double> _row(std::size_t index) noexcept {
     return std::span(_vectors).subspan(index * _dimension, _dimension);
   }
 

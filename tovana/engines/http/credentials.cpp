@@ -270,7 +270,7 @@ bool Credentials::empty() const {
          std::ranges::none_of(parameters_of(_url), is_key);
 }
 
-std::vector<std::string> Credentials::secrets() const {
+std::vector<std::string> Credentials::_secrets() const {
   std::vector<std::string> secrets;
   for (const auto& [name, value] : _headers) {
     if (carries_credentials(name)) add_header_value(value, secrets);
@@ -294,7 +294,7 @@ std::vector<std::string> Credentials::secrets() const {
 
 std::string Credentials::masked(std::string_view text) const {
   std::string masked(text);
-  for (const std::string& secret : secrets()) masked = without(secret, masked);
+  for (const std::string& secret : _secrets()) masked = without(secret, masked);
   return masked;
 }
 

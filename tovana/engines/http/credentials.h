@@ -43,7 +43,7 @@ class Credentials {
 
  private:
   /// Every secret, none of them empty, the longest first.
-  std::vector<std::string> secrets() const;
+  std::vector<std::string> _secrets() const;
 
   Headers _headers;
   std::string _url;

@@ -83,13 +83,13 @@ std::string seconds_text(double seconds) {
 CurlExchange::CurlExchange(CurlSlot& slot, const Request& request, ResponseSink& sink,
                            const std::string& ca_file)
     : _slot(slot), _request(request), _sink(sink), _headers(nullptr, &curl_slist_free_all) {
-  configure(ca_file);
+  _configure(ca_file);
   check(curl_multi_add_handle(_slot.multi, _slot.easy));
 }
 
 CurlExchange::~CurlExchange() { curl_multi_remove_handle(_slot.multi, _slot.easy); }
 
-void CurlExchange::configure(const std::string& ca_file) {
+void CurlExchange::_configure(const std::string& ca_file) {
   CURL* const easy = _slot.easy;
   set(easy, CURLOPT_URL, _request.url.c_str());
   _slot.watch_sockets();
@@ -110,7 +110,7 @@ void CurlExchange::configure(const std::string& ca_file) {
       set(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(_request.body.size()));
       break;
   }
-  configure_headers();
+  _configure_headers();
   if (_request.accept_gzip) set(easy, CURLOPT_ACCEPT_ENCODING, "gzip");
 
   set(easy, CURLOPT_SSL_VERIFYPEER, 1L);
@@ -136,13 +136,13 @@ void CurlExchange::configure(const std::string& ca_file) {
   set(easy, CURLOPT_MAXAGE_CONN, kOldestIdleConnectionS);
 
   set(easy, CURLOPT_ERRORBUFFER, _error_text.data());
-  set(easy, CURLOPT_HEADERFUNCTION, &CurlExchange::on_header);
+  set(easy, CURLOPT_HEADERFUNCTION, &CurlExchange::_on_header);
   set(easy, CURLOPT_HEADERDATA, static_cast<void*>(this));
-  set(easy, CURLOPT_WRITEFUNCTION, &CurlExchange::on_body);
+  set(easy, CURLOPT_WRITEFUNCTION, &CurlExchange::_on_body);
   set(easy, CURLOPT_WRITEDATA, static_cast<void*>(this));
 }
 
-void CurlExchange::configure_headers() {
+void CurlExchange::_configure_headers() {
   const auto append = [this](const std::string& line) {
     curl_slist* const longer = curl_slist_append(_headers.get(), line.c_str());
     if (longer == nullptr) throw std::bad_alloc();
@@ -159,11 +159,11 @@ void CurlExchange::configure_headers() {
   set(_slot.easy, CURLOPT_HTTPHEADER, _headers.get());
 }
 
-Outcome CurlExchange::run() { return outcome_of(drive()); }
+Outcome CurlExchange::run() { return _outcome_of(_drive()); }
 
 /// Runs the transfer to its end. libcurl's own limit on the whole transfer is not used: one place
 /// decides about time.
-CURLcode CurlExchange::drive() {
+CURLcode CurlExchange::_drive() {
   const double idle_timeout = usable(_request.idle_timeout_s);
   const double total_timeout = usable(_request.total_timeout_s);
   const double error_body_timeout = usable(_request.error_body_timeout_s);
@@ -184,7 +184,7 @@ CURLcode CurlExchange::drive() {
       return CURLE_ABORTED_BY_CALLBACK;
     }
     const double now = real_time_s();
-    if (const Progress current = progress(); current != last_progress) {
+    if (const Progress current = _progress(); current != last_progress) {
       last_progress = current;
       last_moved = now;
     }
@@ -206,7 +206,7 @@ CURLcode CurlExchange::drive() {
   }
 }
 
-CurlExchange::Progress CurlExchange::progress() const {
+CurlExchange::Progress CurlExchange::_progress() const {
   const auto value_of = [this](CURLINFO info) {
     curl_off_t value = 0;
     curl_easy_getinfo(_slot.easy, info, &value);
@@ -219,7 +219,7 @@ CurlExchange::Progress CurlExchange::progress() const {
           static_cast<curl_off_t>(request_bytes), static_cast<curl_off_t>(_header_bytes)};
 }
 
-Outcome CurlExchange::outcome_of(CURLcode result) {
+Outcome CurlExchange::_outcome_of(CURLcode result) {
   if (_sink_threw) std::rethrow_exception(_sink_threw);
   Outcome outcome{.head = std::move(_head)};
   if (!_head_is_whole) outcome.head = {};
@@ -247,29 +247,29 @@ Outcome CurlExchange::outcome_of(CURLcode result) {
   return outcome;
 }
 
-std::size_t CurlExchange::on_header(const char* bytes, std::size_t one, std::size_t size,
-                                    void* self) noexcept {
+std::size_t CurlExchange::_on_header(const char* bytes, std::size_t one, std::size_t size,
+                                     void* self) noexcept {
   auto& exchange = *static_cast<CurlExchange*>(self);
   try {
-    if (exchange.header_line({bytes, one * size})) return one * size;
+    if (exchange._header_line({bytes, one * size})) return one * size;
   } catch (...) {
     exchange._sink_threw = std::current_exception();
   }
   return 0;
 }
 
-std::size_t CurlExchange::on_body(const char* bytes, std::size_t one, std::size_t size,
-                                  void* self) noexcept {
+std::size_t CurlExchange::_on_body(const char* bytes, std::size_t one, std::size_t size,
+                                   void* self) noexcept {
   auto& exchange = *static_cast<CurlExchange*>(self);
   try {
-    if (exchange.body_bytes({bytes, one * size})) return one * size;
+    if (exchange._body_bytes({bytes, one * size})) return one * size;
   } catch (...) {
     exchange._sink_threw = std::current_exception();
   }
   return 0;
 }
 
-bool CurlExchange::header_line(std::string_view line) {
+bool CurlExchange::_header_line(std::string_view line) {
   _header_bytes += line.size();
   if (_header_bytes > kMostHeaderBytes) {
     _refusal = "the server sent more than 256 KB of response headers";
@@ -280,7 +280,7 @@ bool CurlExchange::header_line(std::string_view line) {
     _head = {};
     return true;
   }
-  if (!trimmed(line).empty()) return header_field(line);
+  if (!trimmed(line).empty()) return _header_field(line);
 
   long status = 0;
   curl_easy_getinfo(_slot.easy, CURLINFO_RESPONSE_CODE, &status);
@@ -292,12 +292,12 @@ bool CurlExchange::header_line(std::string_view line) {
   return false;
 }
 
-bool CurlExchange::body_bytes(std::string_view bytes) {
-  _body_bytes += static_cast<curl_off_t>(bytes.size());
-  if (_request.accept_gzip && _body_bytes > kFreelyCompressedBytes) {
+bool CurlExchange::_body_bytes(std::string_view bytes) {
+  _received += static_cast<curl_off_t>(bytes.size());
+  if (_request.accept_gzip && _received > kFreelyCompressedBytes) {
     curl_off_t sent = 0;
     curl_easy_getinfo(_slot.easy, CURLINFO_SIZE_DOWNLOAD_T, &sent);
-    if (_body_bytes / kMostCompression > sent) {
+    if (_received / kMostCompression > sent) {
       _refusal = "the server sent a response compressed more than " +
                  std::to_string(kMostCompression) + " times";
       return false;
@@ -308,7 +308,7 @@ bool CurlExchange::body_bytes(std::string_view bytes) {
   return false;
 }
 
-bool CurlExchange::header_field(std::string_view line) {
+bool CurlExchange::_header_field(std::string_view line) {
   const std::size_t colon = line.find(':');
   if (colon == std::string_view::npos) return true;
   const std::string name(trimmed(line.substr(0, colon)));

@@ -33,20 +33,20 @@ class CurlExchange {
   using Progress = std::array<curl_off_t, 6>;
   using HeaderList = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
 
-  void configure(const std::string& ca_file);
-  void configure_headers();
-  CURLcode drive();
-  Progress progress() const;
-  Outcome outcome_of(CURLcode result);
+  void _configure(const std::string& ca_file);
+  void _configure_headers();
+  CURLcode _drive();
+  Progress _progress() const;
+  Outcome _outcome_of(CURLcode result);
 
-  static std::size_t on_header(const char* bytes, std::size_t one, std::size_t size,
-                               void* self) noexcept;
-  static std::size_t on_body(const char* bytes, std::size_t one, std::size_t size,
-                             void* self) noexcept;
+  static std::size_t _on_header(const char* bytes, std::size_t one, std::size_t size,
+                                void* self) noexcept;
+  static std::size_t _on_body(const char* bytes, std::size_t one, std::size_t size,
+                              void* self) noexcept;
   /// Both return whether to go on.
-  bool header_line(std::string_view line);
-  bool header_field(std::string_view line);
-  bool body_bytes(std::string_view bytes);
+  bool _header_line(std::string_view line);
+  bool _header_field(std::string_view line);
+  bool _body_bytes(std::string_view bytes);
 
   CurlSlot& _slot;
   const Request& _request;
@@ -55,7 +55,7 @@ class CurlExchange {
   std::array<char, CURL_ERROR_SIZE> _error_text{};
 
   ResponseHead _head;
-  curl_off_t _body_bytes = 0;  ///< Decoded ones.
+  curl_off_t _received = 0;  ///< Bytes of the body, decoded.
   std::size_t _header_bytes = 0;
   bool _head_is_whole = false;
 

@@ -101,7 +101,7 @@ struct CurlSlots::Pool {
     Slots unfit;  // closed when the lock is free again
     {
       const LockGuard lock(mutex);
-      unfit = take_unfit(now);
+      unfit = _take_unfit(now);
       if (!idle.empty()) {
         std::unique_ptr<CurlSlot> slot = std::move(idle.back());
         idle.pop_back();
@@ -123,7 +123,7 @@ struct CurlSlots::Pool {
 
  private:
   /// The slots that have been idle for too long or have a connection that its server has closed.
-  Slots take_unfit(double now) TOVANA_REQUIRES(mutex) {
+  Slots _take_unfit(double now) TOVANA_REQUIRES(mutex) {
     if (idle.empty()) return {};
     polls.clear();
     for (const auto& slot : idle) append_polls(*slot, polls);

@@ -75,27 +75,27 @@ class Call {
     warn_if_exposed(_credentials, _request.url, _options.label);
     double backoff_s = _policy->backoff_s;
     for (;;) {
-      stop_if_asked();
-      const double left = time_left();
+      _stop_if_asked();
+      const double left = _time_left();
       if (!(left > 0)) fail_for_deadline();
-      Attempt attempt = make_attempt(left);
+      Attempt attempt = _make_attempt(left);
       if (attempt.reply) return std::move(*attempt.reply);
       if (attempt.was_sent) ++_made;
       _problem = std::move(attempt.problem);
       if (!attempt.try_again || _made == _attempts) fail(_problem);
-      back_off(backoff_s);
+      _back_off(backoff_s);
       backoff_s *= 2;
     }
   }
 
  private:
   /// Seconds to the deadline; infinity without one.
-  double time_left() const {
+  double _time_left() const {
     const std::optional<double>& deadline = _policy->deadline;
     return deadline ? *deadline - _policy->clock->now() : std::numeric_limits<double>::infinity();
   }
 
-  Attempt make_attempt(double left) {
+  Attempt _make_attempt(double left) {
     _request.idle_timeout_s = std::min(_policy->timeout_s, left);
     _request.total_timeout_s = std::min(kTotalToIdleTimeout * _policy->timeout_s, left);
     ReplySink sink(_options.largest_reply);
@@ -103,10 +103,10 @@ class Call {
     const int status = outcome.head.status;
     if (status != 0 && (!is_success(status) || _policy->retry_statuses.contains(status))) {
       // However its body ended: a server that refuses a request may well reset the connection.
-      return {.problem = status_problem(outcome.head, sink.text()),
+      return {.problem = _status_problem(outcome.head, sink.text()),
               .try_again = _policy->retry_statuses.contains(status)};
     }
-    if (outcome.ending == Ending::complete) return read_reply(outcome.head, sink.text());
+    if (outcome.ending == Ending::complete) return _read_reply(outcome.head, sink.text());
     if (sink.is_too_large()) {
       return {.problem = "the reply is larger than " +
                          std::to_string(_options.largest_reply >> 20U) +
@@ -117,17 +117,17 @@ class Call {
             .was_sent = outcome.ending != Ending::refused};
   }
 
-  std::string status_problem(const ResponseHead& head, const std::string& body) const {
+  std::string _status_problem(const ResponseHead& head, const std::string& body) const {
     std::string problem = "HTTP " + std::to_string(head.status);
     const bool is_redirect = head.status >= 300 && head.status <= 399;
     const std::string advice =
-        is_redirect ? redirect_problem(head.headers) : std::string(advice_for(head.status));
+        is_redirect ? _redirect_problem(head.headers) : std::string(advice_for(head.status));
     if (!advice.empty()) problem += ", " + advice;
-    if (!trimmed(body).empty()) problem += "; the server says " + quoted(body);
+    if (!trimmed(body).empty()) problem += "; the server says " + _quoted(body);
     return problem;
   }
 
-  std::string redirect_problem(const ResponseHeaders& headers) const {
+  std::string _redirect_problem(const ResponseHeaders& headers) const {
     const auto location = headers.find("Location");
     if (location == headers.end()) return "redirects are not followed";
     // Masked first: as a host a secret would come in lower case, and in pieces.
@@ -139,11 +139,11 @@ class Call {
   }
 
   /// The beginning of a text from outside.
-  std::string quoted(std::string_view text) const {
+  std::string _quoted(std::string_view text) const {
     return "'" + _credentials.excerpt(text, kMostQuotedBytes) + "'";
   }
 
-  Attempt read_reply(const ResponseHead& head, std::string& text) const {
+  Attempt _read_reply(const ResponseHead& head, std::string& text) const {
     const std::string status = "HTTP " + std::to_string(head.status);
     if (trimmed(text).empty()) return {.problem = "the reply is empty (" + status + ")"};
     try {
@@ -152,14 +152,14 @@ class Call {
       const auto type = head.headers.find("Content-Type");
       return {.problem = "the reply is not usable JSON (" + status + ", " +
                          (type == head.headers.end() ? "no content type"
-                                                     : "content type " + quoted(type->second)) +
+                                                     : "content type " + _quoted(type->second)) +
                          "): " + error.what()};
     }
   }
 
-  void back_off(double backoff_s) {
-    if (!(std::max(backoff_s, 0.0) < time_left())) {
-      stop_if_asked();
+  void _back_off(double backoff_s) {
+    if (!(std::max(backoff_s, 0.0) < _time_left())) {
+      _stop_if_asked();
       fail_for_deadline();
     }
     const WaitEnding ending =
@@ -168,7 +168,7 @@ class Call {
     if (ending == WaitEnding::stopped) stop();
   }
 
-  void stop_if_asked() const {
+  void _stop_if_asked() const {
     if (_policy->should_stop && _policy->should_stop()) stop();
   }
 

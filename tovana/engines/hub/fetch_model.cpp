@@ -169,7 +169,7 @@ class Fetch {
 
   CachedModel run() {
     try {
-      return fetched();
+      return _fetched();
     } catch (const ModelFetchError& error) {
       throw ModelFetchError(error.cause(), _client.masked(error.what()));
     } catch (const files::ModelFilesError& error) {
@@ -178,7 +178,7 @@ class Fetch {
   }
 
  private:
-  CachedModel fetched() {
+  CachedModel _fetched() {
     const std::string& revision = _name.revision;
     if (!files::is_contained_name(revision)) {
       throw ValueError("no revision: " + files::in_quotes(revision));
@@ -190,17 +190,17 @@ class Fetch {
     for (; !needed.missing.empty(); needed = needed_files(model)) {
       std::vector<WantedFile> wanted;
       wanted.reserve(needed.missing.size());
-      for (const MissingFile& missing : needed.missing) wanted.push_back(listed(missing));
-      fetch(std::move(wanted), model);
+      for (const MissingFile& missing : needed.missing) wanted.push_back(_listed(missing));
+      _fetch(std::move(wanted), model);
     }
     check_contents(model, needed.present);
-    store(model);
+    _store(model);
     _cache.remove_abandoned();
     log.info("Fetched the model %s, commit %s", _name.repo_id, _commit);
     return find_cached_model(_name, _settings);
   }
 
-  WantedFile listed(const MissingFile& missing) const {
+  WantedFile _listed(const MissingFile& missing) const {
     const std::string file = escape_control_characters(repair_utf8(missing.name));
     const auto found = _listing.find(missing.name);
     if (found == _listing.end() || found->second.size == 0) {
@@ -223,7 +223,7 @@ class Fetch {
     return {.name = missing.name, .listed = found->second};
   }
 
-  void fetch(std::vector<WantedFile> wanted, ListedModel& model) {
+  void _fetch(std::vector<WantedFile> wanted, ListedModel& model) {
     _cache.prepare(_commit);
     std::vector<WantedFile> absent;
     std::set<std::string> ids;
@@ -243,15 +243,15 @@ class Fetch {
       }
       _to_place.push_back(std::move(file));
     }
-    check_room(absent);
+    _check_room(absent);
     // The large ones first: they take longest, and the small ones fit in beside them.
     std::ranges::sort(absent, std::greater<>(),
                       [](const WantedFile& file) { return file.listed.size; });
-    for_each_at_once(absent, _is_ended, [this](const WantedFile& file) { fetch_one(file); });
+    for_each_at_once(absent, _is_ended, [this](const WantedFile& file) { _fetch_one(file); });
   }
 
   /// What is left of contents that this commit has not is removed first, so that its room counts.
-  void check_room(const std::vector<WantedFile>& absent) const {
+  void _check_room(const std::vector<WantedFile>& absent) const {
     std::set<std::string> of_commit;
     for (const auto& [name, listed] : _listing) of_commit.insert(listed.id);
     const std::map<std::string, std::uint64_t> in_place = _cache.remove_abandoned(of_commit);
@@ -264,7 +264,7 @@ class Fetch {
     _cache.check_room(size);
   }
 
-  void fetch_one(const WantedFile& file) {
+  void _fetch_one(const WantedFile& file) {
     std::uint64_t last = 0;
     const std::string shown = _client.masked(file.name);
     const auto tell = [&](std::uint64_t bytes, bool is_done) {
@@ -280,19 +280,19 @@ class Fetch {
                 .should_stop = _should_stop,
                 .commit = _commit,
                 .on_progress = [&](std::uint64_t bytes) { tell(bytes, false); },
-                .on_wait = [&] { tell_of_wait(file); }},
+                .on_wait = [&] { _tell_of_wait(file); }},
                file);
     tell(file.listed.size, true);
   }
 
-  void tell_of_wait(const WantedFile& file) const {
+  void _tell_of_wait(const WantedFile& file) const {
     log.info("Waiting for another process that fetches %s of the model %s",
              _client.masked(files::in_quotes(file.name)), _name.repo_id);
     const std::string shown = _client.masked(file.name);
     _progress.tell({.file = shown, .file_size = file.listed.size, .is_waiting = true});
   }
 
-  void store(const ListedModel& model) const {
+  void _store(const ListedModel& model) const {
     _cache.sync_blobs();
     for (auto file = _to_place.begin(); file != _to_place.end(); ++file) {
       const bool is_wanted_again =

@@ -43,13 +43,13 @@ DatabaseValue column_value(sqlite3_stmt* statement, int column) {
 /// the new size first and the new pages last.
 class ReadTransaction {
  public:
-  explicit ReadTransaction(sqlite3* connection) : _connection(connection) { run("BEGIN"); }
-  ~ReadTransaction() { run("ROLLBACK"); }
+  explicit ReadTransaction(sqlite3* connection) : _connection(connection) { _run("BEGIN"); }
+  ~ReadTransaction() { _run("ROLLBACK"); }
   ReadTransaction(const ReadTransaction&) = delete;
   ReadTransaction& operator=(const ReadTransaction&) = delete;
 
  private:
-  void run(const char* sql) noexcept { sqlite3_exec(_connection, sql, nullptr, nullptr, nullptr); }
+  void _run(const char* sql) noexcept { sqlite3_exec(_connection, sql, nullptr, nullptr, nullptr); }
 
   sqlite3* const _connection;
 };
@@ -100,11 +100,11 @@ SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, double lock_wa
 
 std::optional<DatabaseRow> SqliteDatabase::fetchone(const std::string& sql) {
   const ReadTransaction transaction(_connection.get());
-  check_not_cut_short();
-  return first_row(sql);
+  _check_not_cut_short();
+  return _first_row(sql);
 }
 
-std::optional<PositionalRow> SqliteDatabase::first_row(const std::string& sql) {
+std::optional<PositionalRow> SqliteDatabase::_first_row(const std::string& sql) {
   sqlite3_stmt* prepared = nullptr;
   if (sqlite3_prepare_v2(_connection.get(), sql.c_str(), -1, &prepared, nullptr) != SQLITE_OK) {
     fail();
@@ -120,9 +120,9 @@ std::optional<PositionalRow> SqliteDatabase::first_row(const std::string& sql) {
   return row;
 }
 
-void SqliteDatabase::check_not_cut_short() {
+void SqliteDatabase::_check_not_cut_short() {
   const auto row =
-      first_row("SELECT page_count * page_size FROM pragma_page_count, pragma_page_size");
+      _first_row("SELECT page_count * page_size FROM pragma_page_count, pragma_page_size");
   // The pages that a write-ahead log holds need not be in the file.
   if (size_of(_connection.get(), SQLITE_FCNTL_JOURNAL_POINTER) > 0) return;
   const auto expected = std::get<std::int64_t>(row->front());

@@ -59,11 +59,11 @@ class SqliteDatabase final : public Database {
   };
 
   /// As `fetchone`, within whatever transaction there is.
-  std::optional<PositionalRow> first_row(const std::string& sql);
+  std::optional<PositionalRow> _first_row(const std::string& sql);
 
   /// Throws DatabaseError (not_a_database) for a file that lacks a part of its last page: SQLite
   /// reads that part as zeros. It notices itself when whole pages are missing.
-  void check_not_cut_short();
+  void _check_not_cut_short();
 
   /// Throws the error that the connection reports.
   [[noreturn]] void fail() const;
