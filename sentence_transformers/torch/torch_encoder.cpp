@@ -1,9 +1,9 @@
 #include "sentence_transformers/torch/torch_encoder.h"
 
+#include <memory>
 #include <optional>
 #include <utility>
 
-#include <ATen/Parallel.h>
 #include <ATen/ops/cat.h>
 #include <ATen/ops/empty.h>
 #include <ATen/ops/from_blob.h>
@@ -16,55 +16,70 @@
 #include "sentence_transformers/torch/activation.h"
 
 namespace tovana::sentence_transformers {
+namespace {
 
-TorchEncoder::TorchEncoder(const Checkpoint& checkpoint, const TransformerConfig& config)
+/// A tensor that keeps the matrix whose numbers it has.
+at::Tensor tensor_of(Matrix matrix, at::IntArrayRef shape) {
+  auto owned = std::make_unique<Matrix>(std::move(matrix));
+  float* const numbers = owned->mutable_data();
+  at::Tensor tensor = at::from_blob(
+      numbers, shape, [kept = owned.get()](void*) { delete kept; }, at::kFloat);
+  static_cast<void>(owned.release());
+  return tensor;
+}
+
+at::Tensor load_vector(const Checkpoint& checkpoint, const std::string& name) {
+  Matrix matrix = checkpoint.tensor(name);
+  const auto size = static_cast<std::int64_t>(matrix.size());
+  return tensor_of(std::move(matrix), {size});
+}
+
+at::Tensor load_matrix(const Checkpoint& checkpoint, const std::string& name) {
+  Matrix matrix = checkpoint.tensor(name);
+  const auto rows = static_cast<std::int64_t>(matrix.rows());
+  const auto columns = static_cast<std::int64_t>(matrix.columns());
+  return tensor_of(std::move(matrix), {rows, columns});
+}
+
+}  // namespace
+
+TorchEncoder::TorchEncoder(const Checkpoint& checkpoint, const TransformerConfig& config,
+                           std::size_t threads)
     : _config(config),
-      _embedding(checkpoint, config, static_cast<std::size_t>(at::get_num_threads())),
+      _embedding(checkpoint, config, threads),
+      _embedding_norm(_load_norm(checkpoint, "embeddings.LayerNorm")),
       _distance_bias(load_distance_bias(checkpoint, config, 0)) {
   const c10::InferenceMode inference;  // A setting of this thread's.
-  _embedding_norm = _load_norm(checkpoint, "embeddings.LayerNorm");
   for (std::int64_t index = 0; index < config.layers; ++index) {
     _layers.push_back(_load_layer(checkpoint, index));
   }
 }
 
-at::Tensor TorchEncoder::_keep(Matrix matrix) {
-  const Matrix& kept = _kept.emplace_back(std::move(matrix));
-  const std::vector<std::int64_t> shape = {static_cast<std::int64_t>(kept.rows()),
-                                           static_cast<std::int64_t>(kept.columns())};
-  // from_blob takes no const pointer; nothing here writes to weights.
-  return at::from_blob(const_cast<float*>(kept.data()), shape, at::kFloat);
-}
-
-at::Tensor TorchEncoder::_load(const Checkpoint& checkpoint, const std::string& name) {
-  const at::Tensor tensor = _keep(checkpoint.tensor(name));
-  return checkpoint.shape(name)->size() == 1 ? tensor.select(0, 0) : tensor;
-}
-
 TorchEncoder::Linear TorchEncoder::_load_linear(const Checkpoint& checkpoint,
                                                 const std::string& name) {
-  return {.weight = _load(checkpoint, name + ".weight"), .bias = _load(checkpoint, name + ".bias")};
+  return {.weight = load_matrix(checkpoint, name + ".weight"),
+          .bias = load_vector(checkpoint, name + ".bias")};
 }
 
-TorchEncoder::Norm TorchEncoder::_load_norm(const Checkpoint& checkpoint, const std::string& name) {
-  return {.weight = _load(checkpoint, name + ".weight"),
-          .bias = _load(checkpoint, name + ".bias"),
+TorchEncoder::Norm TorchEncoder::_load_norm(const Checkpoint& checkpoint,
+                                            const std::string& name) const {
+  return {.weight = load_vector(checkpoint, name + ".weight"),
+          .bias = load_vector(checkpoint, name + ".bias"),
           .eps = _config.layer_norm_eps};
 }
 
-TorchEncoder::Layer TorchEncoder::_load_layer(const Checkpoint& checkpoint, std::int64_t index) {
+TorchEncoder::Layer TorchEncoder::_load_layer(const Checkpoint& checkpoint,
+                                              std::int64_t index) const {
   const LayerNames names(_config.architecture, index);
   std::vector<at::Tensor> weights;
   std::vector<at::Tensor> biases;
   for (const std::string* name : {&names.query, &names.key, &names.value}) {
-    auto [weight, bias] = _load_linear(checkpoint, *name);
-    weights.push_back(std::move(weight));
-    biases.push_back(std::move(bias));
+    Linear linear = _load_linear(checkpoint, *name);
+    weights.push_back(std::move(linear.weight));
+    biases.push_back(std::move(linear.bias));
   }
-  const Linear query_key_value = {.weight = at::cat(weights), .bias = at::cat(biases)};
-  _kept.resize(_kept.size() - 6);  // Copied.
   return {
-      .query_key_value = query_key_value,
+      .query_key_value = {.weight = at::cat(weights), .bias = at::cat(biases)},
       .attention_output = _load_linear(checkpoint, names.attention_output),
       .attention_norm = _load_norm(checkpoint, names.attention_norm),
       .intermediate = _load_linear(checkpoint, names.intermediate),
@@ -74,7 +89,7 @@ TorchEncoder::Layer TorchEncoder::_load_layer(const Checkpoint& checkpoint, std:
 }
 
 void TorchEncoder::operator()(std::span<const TokenBatch> batches, const Consumer& consume) const {
-  const c10::InferenceMode inference;  // A setting of this thread's.
+  const c10::InferenceMode inference;
   for (std::size_t index = 0; index < batches.size(); ++index) {
     const at::Tensor states = _encode(batches[index]);
     consume(index, states.const_data_ptr<float>());
@@ -112,10 +127,9 @@ at::Tensor TorchEncoder::Norm::operator()(const at::Tensor& rows) const {
 at::Tensor TorchEncoder::_relative_bias(std::int64_t length) const {
   at::Tensor bias = at::empty({1, _config.heads, length, length});
   float* out = bias.mutable_data_ptr<float>();
-  const std::int64_t zero = static_cast<std::int64_t>(_config.max_length) - 1;
-  for (std::int64_t head = 0; head < _config.heads; ++head) {
-    const float* const by_distance =
-        _distance_bias.row(static_cast<std::size_t>(head)).data() + zero;
+  const auto zero = static_cast<std::int64_t>(_config.max_length) - 1;
+  for (std::size_t head = 0; head < _distance_bias.rows(); ++head) {
+    const float* const by_distance = _distance_bias.row(head).data() + zero;
     for (std::int64_t query = 0; query < length; ++query) {
       for (std::int64_t key = 0; key < length; ++key) *out++ = by_distance[key - query];
     }

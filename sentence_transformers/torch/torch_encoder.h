@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -10,17 +11,16 @@
 #include "sentence_transformers/compute/matrix.h"
 #include "sentence_transformers/model/checkpoint.h"
 #include "sentence_transformers/model/encoder.h"
-#include "sentence_transformers/model/layer_norm.h"
 #include "sentence_transformers/model/token_embedding.h"
 #include "sentence_transformers/model/transformer_config.h"
 
 namespace tovana::sentence_transformers {
 
-/// The encoder as a chain of libtorch's operators.
+/// The encoder as a chain of libtorch's operators, for any processor that libtorch is built for.
 class TorchEncoder final : public Encoder {
  public:
-  /// Reads the weights: throws what `Checkpoint::tensor` does.
-  TorchEncoder(const Checkpoint& checkpoint, const TransformerConfig& config);
+  /// Reads the weights, on that many threads where it can: throws what `Checkpoint::tensor` does.
+  TorchEncoder(const Checkpoint& checkpoint, const TransformerConfig& config, std::size_t threads);
 
   std::int64_t rows_per_batch() const noexcept override { return 1024; }
   void operator()(std::span<const TokenBatch> batches, const Consumer& consume) const override;
@@ -50,12 +50,9 @@ class TorchEncoder final : public Encoder {
     Norm output_norm;
   };
 
-  /// A tensor over a matrix that the encoder keeps.
-  at::Tensor _keep(Matrix matrix);
-  at::Tensor _load(const Checkpoint& checkpoint, const std::string& name);
-  Linear _load_linear(const Checkpoint& checkpoint, const std::string& name);
-  Norm _load_norm(const Checkpoint& checkpoint, const std::string& name);
-  Layer _load_layer(const Checkpoint& checkpoint, std::int64_t index);
+  static Linear _load_linear(const Checkpoint& checkpoint, const std::string& name);
+  Norm _load_norm(const Checkpoint& checkpoint, const std::string& name) const;
+  Layer _load_layer(const Checkpoint& checkpoint, std::int64_t index) const;
 
   at::Tensor _encode(const TokenBatch& batch) const;
   /// What is added to the scores of texts of `length` tokens, `[1 x heads x length x length]`.
@@ -64,7 +61,6 @@ class TorchEncoder final : public Encoder {
                      const std::vector<at::Tensor>& biases) const;
 
   TransformerConfig _config;
-  std::vector<Matrix> _kept;
   TokenEmbedding _embedding;
   Norm _embedding_norm;
   Matrix _distance_bias;  ///< Empty for BERT.
