@@ -1,6 +1,7 @@
 #include "sentence_transformers/torch/torch_runtime.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
 
 #include <ATen/Parallel.h>
@@ -16,14 +17,16 @@ namespace tovana::sentence_transformers {
 std::string_view TorchRuntime::name() const noexcept { return "libtorch " TOVANA_LIBTORCH_VERSION; }
 
 std::string_view TorchRuntime::instruction_set() const noexcept {
-  static const std::string& lower_case = *new std::string([] {
-    std::string name = at::get_cpu_capability();
-    std::ranges::transform(name, name.begin(), [](char letter) {
-      return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
-    });
-    return name;
-  }());
-  return lower_case;
+  // In lower case; a longer name than that is cut.
+  static const auto name = [] {
+    std::array<char, 16> letters{};
+    at::get_cpu_capability().copy(letters.data(), letters.size() - 1);
+    for (char& letter : letters) {
+      if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
+    }
+    return letters;
+  }();
+  return name.data();
 }
 
 void TorchRuntime::open() const {

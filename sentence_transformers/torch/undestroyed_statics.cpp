@@ -22,13 +22,18 @@ constinit bool statics_stay = false;
 /// Takes the place of the above. The system takes the memory back.
 int register_nothing(void (*)(void*), void*, void*) noexcept { return 0; }
 
+template <typename Type>
+Type* pointer_to(std::uintptr_t address) {
+  return reinterpret_cast<Type*>(address);  // NOLINT(performance-no-int-to-ptr)
+}
+
 /// A loaded file's relocations, by the entries of its dynamic section.
 class BoundFile {
  public:
   explicit BoundFile(const dl_phdr_info& file) : _file(file) {
-    const auto headers = headers_of(PT_DYNAMIC);
-    if (headers != nullptr) {
-      _dynamic = reinterpret_cast<const ElfW(Dyn)*>(file.dlpi_addr + headers->p_vaddr);
+    const auto* const header = header_of(PT_DYNAMIC);
+    if (header != nullptr) {
+      _dynamic = pointer_to<const ElfW(Dyn)>(file.dlpi_addr + header->p_vaddr);
     }
   }
 
@@ -41,7 +46,7 @@ class BoundFile {
   }
 
  private:
-  const ElfW(Phdr) * headers_of(std::uint32_t type) const {
+  const ElfW(Phdr) * header_of(std::uint32_t type) const {
     const auto* const end = _file.dlpi_phdr + _file.dlpi_phnum;
     const auto* const found = std::find_if(
         _file.dlpi_phdr, end, [type](const auto& each) { return each.p_type == type; });
@@ -63,9 +68,10 @@ class BoundFile {
   }
 
   bool bind(std::uintptr_t table, std::size_t size, const char* name, void* function) const {
-    const auto* const symbols = reinterpret_cast<const ElfW(Sym)*>(address(DT_SYMTAB));
-    const auto* const names = reinterpret_cast<const char*>(address(DT_STRTAB));
-    const auto* relocation = reinterpret_cast<const ElfW(Rela)*>(table);
+    const auto* const symbols = pointer_to<const ElfW(Sym)>(address(DT_SYMTAB));
+    const auto* const names = pointer_to<const char>(address(DT_STRTAB));
+    const auto* relocation = pointer_to<const ElfW(Rela)>(table);
+    if (symbols == nullptr || names == nullptr || relocation == nullptr) return false;
     bool is_bound = false;
     for (; size >= sizeof(*relocation); size -= sizeof(*relocation), ++relocation) {
       const std::size_t symbol = ELF64_R_SYM(relocation->r_info);
@@ -78,12 +84,12 @@ class BoundFile {
   /// Some files have their bindings write-protected once they are made.
   bool write(std::uintptr_t place, void* function) const {
     const auto page_size = static_cast<std::uintptr_t>(getpagesize());
-    void* const page = reinterpret_cast<void*>(place / page_size * page_size);
-    const auto* const read_only = headers_of(PT_GNU_RELRO);
+    void* const page = pointer_to<void>(place / page_size * page_size);
+    const auto* const read_only = header_of(PT_GNU_RELRO);
     const bool is_read_only =
         read_only != nullptr && place - _file.dlpi_addr - read_only->p_vaddr < read_only->p_memsz;
     if (is_read_only && mprotect(page, page_size, PROT_READ | PROT_WRITE) != 0) return false;
-    *reinterpret_cast<void**>(place) = function;
+    *pointer_to<void*>(place) = function;
     if (is_read_only) mprotect(page, page_size, PROT_READ);
     return true;
   }

@@ -33,7 +33,7 @@ class ExitGuardTest : public testing::Test {
 TEST_F(ExitGuardTest, CutsShortAnExitThatWouldWaitForAnOpening) {
   EXPECT_EXIT(
       {
-        std::atexit([] { _exit(1); });
+        static_cast<void>(std::atexit([] { _exit(1); }));
         exit_beside([] { pause(); });
       },
       testing::ExitedWithCode(7), "");
@@ -42,13 +42,13 @@ TEST_F(ExitGuardTest, CutsShortAnExitThatWouldWaitForAnOpening) {
 TEST_F(ExitGuardTest, RunsTheHostsHandlersOnceLibtorchIsOpenAndOpensNothingAfterwards) {
   EXPECT_EXIT(
       {
-        std::atexit([] {
+        static_cast<void>(std::atexit([] {
           try {
             const OpeningGuard late;
           } catch (const std::runtime_error&) {
             _exit(8);
           }
-        });
+        }));
         exit_beside([] {});
       },
       testing::ExitedWithCode(8), "");

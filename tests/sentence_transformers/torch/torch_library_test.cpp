@@ -106,7 +106,7 @@ TEST(TorchLibraryTest, ComputesWhenTheHandlersThatLibtorchWouldRegisterHaveRun) 
   EXPECT_EXIT(
       {
         static std::vector<float> before;
-        std::atexit([] { _exit(encode_some() == before ? 7 : 1); });
+        static_cast<void>(std::atexit([] { _exit(encode_some() == before ? 7 : 1); }));
         const fs::path folder = tiny_model("tiny_bert_max_dense");
         model_at_exit = library().load_model(folder, folder).release();
         before = encode_some();
