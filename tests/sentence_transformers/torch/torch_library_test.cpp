@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "tests/sentence_transformers/reference.h"
+#include "tests/sentence_transformers/model_files.h"
 #include "tests/support/failure_text.h"
 #include "tests/support/temp_folder.h"
 #include "tovana/engines/embedding/backends/local/model_library.h"
