@@ -105,8 +105,9 @@ void write_to_standard_error(const LogRecord& record) {
     // Asks for the local time, for which the C library has a lock that it does not hold in a fork.
     state.layout.format({{}, spdlog_level(record.level), text}, line);
   }
-  std::fwrite(line.data(), 1, line.size(), stderr);
-  std::fflush(stderr);
+  // Where stderr takes nothing there is nobody to tell.
+  static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
+  static_cast<void>(std::fflush(stderr));
 }
 
 void set_log_sink(LogSink sink) {

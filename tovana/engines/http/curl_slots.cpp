@@ -155,7 +155,7 @@ CurlSlots::CurlSlots(Clock& clock) : _clock(clock) {
 CurlSlots::~CurlSlots() = default;
 
 CurlSlots::Lease::Lease(CurlSlots& slots)
-    : _clock(slots._clock), _pool(slots._pools->get()), _slot(_pool.take(_clock.now())) {}
+    : _clock(slots._clock), _pool(slots._pools.value().get()), _slot(_pool.take(_clock.now())) {}
 
 CurlSlots::Lease::~Lease() {
   curl_easy_reset(_slot->easy);  // forgets the request, its key included; keeps the connections

@@ -259,7 +259,7 @@ HubAnswer HubClient::_get_text(const std::string& url, std::string& text) {
   }
 }
 
-HubAnswer HubClient::_get(const std::string& url, http::Headers headers, Timeouts timeouts,
+HubAnswer HubClient::_get(const std::string& url, const http::Headers& headers, Timeouts timeouts,
                           http::ResponseSink& sink) {
   throw_if_stopped(_should_stop);
   const bool with_token = !_settings.token.empty() && !_token_is_refused;

@@ -76,7 +76,7 @@ class HubClient {
     double idle_s;
     double total_s;
   };
-  HubAnswer _get(const std::string& url, http::Headers headers, Timeouts timeouts,
+  HubAnswer _get(const std::string& url, const http::Headers& headers, Timeouts timeouts,
                  http::ResponseSink& sink);
   HubAnswer _follow(std::string url, const http::Headers& headers, Timeouts timeouts,
                     http::ResponseSink& sink, bool with_token) const;

@@ -50,11 +50,11 @@ std::string embeddings_url(const std::string& base_url) {
 
 template <class Options>
 _HTTPEmbeddingBackend::_HTTPEmbeddingBackend(std::string url, const _Dialect& dialect,
-                                             Options options)
+                                             const Options& options)
     : _url(std::move(url)),
       _dialect(dialect),
-      _api_key(std::move(options.api_key)),
-      _model_name(std::move(options.model_name)),
+      _api_key(options.api_key),
+      _model_name(options.model_name),
       _name(std::string(dialect.kind) + ":" + _model_name),
       _dimension(options.dimension),
       _transport(options.transport),
@@ -62,7 +62,7 @@ _HTTPEmbeddingBackend::_HTTPEmbeddingBackend(std::string url, const _Dialect& di
                                 .backoff_s = DEFAULT_EMBED_BACKOFF,
                                 .timeout_s = options.timeout,
                                 .retry_statuses = _EMBED_RETRY_STATUSES,
-                                .wait = std::move(options.wait)}) {}
+                                .wait = options.wait}) {}
 
 std::vector<Vector> _HTTPEmbeddingBackend::embed(const std::vector<std::string>& texts,
                                                  const EmbedLimits& limits) {
@@ -131,10 +131,10 @@ std::vector<Vector> _HTTPEmbeddingBackend::_vectors(http::JsonValue reply, std::
   return vectors;
 }
 
-APIEmbeddingBackend::APIEmbeddingBackend(Options options)
+APIEmbeddingBackend::APIEmbeddingBackend(const Options& options)
     : _HTTPEmbeddingBackend(_http_url(options.api_url, "api_url"), _API, options) {}
 
-OpenAIEmbeddingBackend::OpenAIEmbeddingBackend(Options options)
+OpenAIEmbeddingBackend::OpenAIEmbeddingBackend(const Options& options)
     : _HTTPEmbeddingBackend(embeddings_url(options.base_url), _OPENAI, options) {}
 
 const std::string& _http_url(const std::string& url, const std::string& name) {

@@ -75,7 +75,7 @@ class _HTTPEmbeddingBackend : public EmbeddingBackend {
   /// For a dialect that outlives the backend. `Options` are those of either kind below, of which
   /// all but the URL count. Sends nothing and checks nothing.
   template <class Options>
-  _HTTPEmbeddingBackend(std::string url, const _Dialect& dialect, Options options);
+  _HTTPEmbeddingBackend(std::string url, const _Dialect& dialect, const Options& options);
 
  private:
   /// The endpoint's reply. A failure is logged here.
@@ -115,7 +115,7 @@ class APIEmbeddingBackend final : public _HTTPEmbeddingBackend {
   };
 
   /// Throws ValueError for an `api_url` that does not begin with http:// or https://.
-  explicit APIEmbeddingBackend(Options options);
+  explicit APIEmbeddingBackend(const Options& options);
 };
 
 /// An OpenAI-compatible endpoint (OpenAI itself and the many that speak as it does), posted to at
@@ -135,7 +135,7 @@ class OpenAIEmbeddingBackend final : public _HTTPEmbeddingBackend {
   };
 
   /// Throws ValueError for a `base_url` that does not begin with http:// or https://.
-  explicit OpenAIEmbeddingBackend(Options options);
+  explicit OpenAIEmbeddingBackend(const Options& options);
 };
 
 /// The URL unchanged, when it begins with http:// or https:// to the letter. Throws ValueError with
