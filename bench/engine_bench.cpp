@@ -36,8 +36,7 @@ class EndlessRuntime final : public ModelRuntime {
   std::optional<ModelLibraryDescription> loaded_library() noexcept override { return {}; }
   void check_model(const std::filesystem::path&, const std::filesystem::path&) override {}
   void load_library() override { std::latch(1).wait(); }
-  std::unique_ptr<const SentenceTransformer> sentence_transformer(const std::string&,
-                                                                  bool) override {
+  std::unique_ptr<const LocalModel> sentence_transformer(const std::string&, bool) override {
     return nullptr;
   }
 };

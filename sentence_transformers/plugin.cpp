@@ -152,7 +152,7 @@ abi::Text prompt_name(const abi::Model* model, std::size_t index) {
 
 abi::Error* encode(const abi::Model* model, const abi::EncodeCall* call) {
   return guarded([model, call] {
-    EncodeOptions options = {.normalize = call->normalize != 0};
+    EncodeParameters options = {.normalize = call->normalize != 0};
     if (call->prompt_name != nullptr) options.prompt_name = text_of(*call->prompt_name);
     if (call->token_counts != nullptr) options.token_counts = {call->token_counts, call->count};
     std::vector<std::string_view> texts(call->count);

@@ -56,7 +56,7 @@ Batches make_batches(const std::vector<Ids>& ids, std::int64_t rows_per_batch) {
 
 struct SentenceTransformer::Call {
   std::span<const std::string_view> texts;
-  const EncodeOptions& options;
+  const EncodeParameters& options;
   const Prompt* prompt;  ///< Null for none.
   float* vectors;
 };
@@ -90,7 +90,7 @@ SentenceTransformer::SentenceTransformer(FoundModel found, const Runtime& runtim
 }
 
 void SentenceTransformer::encode(std::span<const std::string_view> texts,
-                                 const EncodeOptions& options, float* vectors) const {
+                                 const EncodeParameters& options, float* vectors) const {
   const Call call = {.texts = texts,
                      .options = options,
                      .prompt = _prompts.find(options.prompt_name),

@@ -19,7 +19,7 @@
 
 namespace tovana::sentence_transformers {
 
-struct EncodeOptions {
+struct EncodeParameters {
   /// The prompt that stands before every text, by its name; otherwise the model's default prompt, or
   /// none where it has no default.
   std::optional<std::string_view> prompt_name = std::nullopt;
@@ -60,7 +60,7 @@ class SentenceTransformer {
   /// order. A text beyond the model's length counts as far as that reaches. Memory beside the result
   /// is bounded by a number of tokens, whatever the number of texts. Throws ValueError, naming those
   /// there are, for a prompt that the model does not have.
-  void encode(std::span<const std::string_view> texts, const EncodeOptions& options,
+  void encode(std::span<const std::string_view> texts, const EncodeParameters& options,
               float* vectors) const;
 
  private:

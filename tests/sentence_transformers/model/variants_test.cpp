@@ -38,14 +38,14 @@ std::unique_ptr<const SentenceTransformer> load(const files::ModelDirectory& dir
 }
 
 Floats encode(const SentenceTransformer& model, const std::vector<std::string_view>& texts,
-              const EncodeOptions& options = {}) {
+              const EncodeParameters& options = {}) {
   Floats rows(texts.size() * model.dimension());
   model.encode(texts, options, rows.data());
   return rows;
 }
 
 Floats encode(const ModelCopy& model, const std::vector<std::string_view>& texts,
-              const EncodeOptions& options = {}) {
+              const EncodeParameters& options = {}) {
   return encode(*load(files::ModelDirectory(model.path())), texts, options);
 }
 

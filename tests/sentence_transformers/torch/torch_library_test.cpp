@@ -94,7 +94,7 @@ TEST(TorchLibraryTest, SaysWhichOfItsFilesIsMissing) {
                                  "/libtovana_sentence_transformers_torch_runtime.so: "));
 }
 
-const SentenceTransformer* model_at_exit = nullptr;
+const LocalModel* model_at_exit = nullptr;
 
 std::vector<float> encode_some() {
   const std::vector<std::string_view> texts(40, "some text that is not short");

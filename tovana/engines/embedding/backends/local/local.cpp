@@ -54,7 +54,7 @@ LocalEmbeddingBackend::LocalEmbeddingBackend(std::string model_name,
       _environment(surroundings.environment) {}
 
 std::vector<Vector> LocalEmbeddingBackend::embed(const std::vector<std::string>& texts) {
-  const SentenceTransformer& model = _load_model();
+  const LocalModel& model = _load_model();
   if (texts.empty()) return {};
   const WellFormedTexts given(texts);
   return rows(_threads->bounded(embed_threads(_environment), [&] {
@@ -62,11 +62,11 @@ std::vector<Vector> LocalEmbeddingBackend::embed(const std::vector<std::string>&
   }));
 }
 
-const SentenceTransformer& LocalEmbeddingBackend::_load_model() {
+const LocalModel& LocalEmbeddingBackend::_load_model() {
   const LockGuard guard(_model_lock);
   if (_model != nullptr) return *_model;
   _runtime->load_library();
-  std::unique_ptr<const SentenceTransformer> model;
+  std::unique_ptr<const LocalModel> model;
   try {
     model = _runtime->sentence_transformer(_model_name, /*local_files_only=*/true);
   } catch (const std::exception& error) {

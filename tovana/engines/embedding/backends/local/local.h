@@ -70,7 +70,7 @@ class LocalEmbeddingBackend final : public EmbeddingBackend {
   void warm_up() override { _load_model(); }
 
   /// The model, loaded if it was not; lives as long as the backend. Throws as `warm_up`.
-  const SentenceTransformer& _load_model() TOVANA_EXCLUDES(_model_lock);
+  const LocalModel& _load_model() TOVANA_EXCLUDES(_model_lock);
 
   /// The dimension of a known model; `DEFAULT_LOCAL_DIMENSION` for any other name.
   static std::int64_t _default_dimension(std::string_view model_name);
@@ -78,7 +78,7 @@ class LocalEmbeddingBackend final : public EmbeddingBackend {
  private:
   const std::string _model_name;
   /// Null until the first load has succeeded, then never changed.
-  std::unique_ptr<const SentenceTransformer> _model TOVANA_GUARDED_BY(_model_lock);
+  std::unique_ptr<const LocalModel> _model TOVANA_GUARDED_BY(_model_lock);
   Mutex _model_lock;
   const std::string _name;
   const std::int64_t _dimension;

@@ -62,7 +62,7 @@ void call(const abi::Table& table, const char* name, Operation operation, Argume
   if (error != nullptr) throw_failure(table, error);
 }
 
-class LibraryModel final : public SentenceTransformer {
+class LibraryModel final : public LocalModel {
  public:
   using Handle = std::unique_ptr<abi::Model, void (*)(abi::Model*)>;
 
@@ -226,9 +226,9 @@ void ModelLibrary::check_model(const fs::path& directory, const fs::path& allowe
        text(allowed_root.native()));
 }
 
-std::unique_ptr<const SentenceTransformer> ModelLibrary::load_model(
-    const fs::path& directory, const fs::path& allowed_root,
-    const abi::LoadOptions& options) const {
+std::unique_ptr<const LocalModel> ModelLibrary::load_model(const fs::path& directory,
+                                                           const fs::path& allowed_root,
+                                                           const abi::LoadOptions& options) const {
   abi::Model* loaded = nullptr;
   call(_table, "load_model", _table.load_model, text(directory.native()),
        text(allowed_root.native()), &options, &loaded);

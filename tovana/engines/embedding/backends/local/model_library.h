@@ -69,7 +69,7 @@ class ModelLibrary final : public TorchRuntime {
                    const std::filesystem::path& allowed_root) const;
 
   /// Loads a model from a directory, reading no file outside `allowed_root`, both absolute.
-  std::unique_ptr<const SentenceTransformer> load_model(
+  std::unique_ptr<const LocalModel> load_model(
       const std::filesystem::path& directory, const std::filesystem::path& allowed_root,
       const model_library_abi::LoadOptions& options = {}) const;
 

@@ -32,8 +32,8 @@ class ProcessModelRuntime final : public ModelRuntime {
     _open_library().check_model(directory, allowed_root);
   }
 
-  std::unique_ptr<const SentenceTransformer> sentence_transformer(const std::string& model_name,
-                                                                  bool local_files_only) override {
+  std::unique_ptr<const LocalModel> sentence_transformer(const std::string& model_name,
+                                                         bool local_files_only) override {
     const hub::CachedModel found = find_model(model_name, local_files_only);
     return _open_library().load_model(found.directory, found.allowed_root);
   }

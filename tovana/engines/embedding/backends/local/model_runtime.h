@@ -56,9 +56,9 @@ struct EncodedTexts {
 };
 
 /// A loaded model.
-class SentenceTransformer {
+class LocalModel {
  public:
-  virtual ~SentenceTransformer() = default;
+  virtual ~LocalModel() = default;
 
   /// The texts are well-formed, and there is at least one. Throws ModelFilesError for a prompt that
   /// the model does not have, naming those it has, and RuntimeError.
@@ -101,8 +101,8 @@ class ModelRuntime {
   /// fetching it when it is not cached. May block for as long as that takes. Loads the library
   /// where that has not been done. Throws RuntimeError when the model is not to be had,
   /// ModelFilesError when its files cannot serve, ValueError for a malformed name.
-  virtual std::unique_ptr<const SentenceTransformer> sentence_transformer(
-      const std::string& model_name, bool local_files_only) = 0;
+  virtual std::unique_ptr<const LocalModel> sentence_transformer(const std::string& model_name,
+                                                                 bool local_files_only) = 0;
 };
 
 /// The runtime of this process: the model library that `model_library_path` names, and the model

@@ -60,8 +60,8 @@ class FakeModelRuntime final : public ModelRuntime, public TorchRuntime {
     _default = _of_thread[std::this_thread::get_id()] = count;
   }
 
-  std::unique_ptr<const SentenceTransformer> sentence_transformer(const std::string& model_name,
-                                                                  bool local_files_only) override {
+  std::unique_ptr<const LocalModel> sentence_transformer(const std::string& model_name,
+                                                         bool local_files_only) override {
     note((local_files_only ? "cached " : "fetch ") + model_name);
     on_load_model(local_files_only);
     return std::make_unique<Model>(*this);
@@ -69,7 +69,7 @@ class FakeModelRuntime final : public ModelRuntime, public TorchRuntime {
 
  private:
   /// Vectors `{length of the text, 1 if normalised}`.
-  class Model final : public SentenceTransformer {
+  class Model final : public LocalModel {
    public:
     explicit Model(FakeModelRuntime& runtime) : _runtime(runtime) {}
 

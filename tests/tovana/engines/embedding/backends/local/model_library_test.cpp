@@ -37,12 +37,11 @@ namespace fs = std::filesystem;
 
 fs::path plugin(const std::string& name) { return fs::path(PLUGIN_FOLDER) / (name + ".so"); }
 
-std::unique_ptr<const SentenceTransformer> load(const ModelLibrary& library,
-                                                const std::string& wish) {
+std::unique_ptr<const LocalModel> load(const ModelLibrary& library, const std::string& wish) {
   return library.load_model("/models/" + wish, "/models");
 }
 
-EncodedTexts encode(const SentenceTransformer& model, const std::string_view wish,
+EncodedTexts encode(const LocalModel& model, const std::string_view wish,
                     const EncodeOptions& options = {}) {
   return model.encode(std::array{std::string_view("ab"), wish}, options);
 }
