@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "sentence_transformers/model/settings.h"
+#include "sentence_transformers/tokenizer/json_object.h"
 
 namespace tovana::sentence_transformers {
 namespace {
@@ -31,9 +31,9 @@ std::string_view prefix_of(Architecture architecture) {
 void check_sizes(const files::ModelDirectory& directory, const TransformerConfig& config,
                  const Checkpoint& checkpoint) {
   const auto refuse = [&](const char* member, std::int64_t claimed, const std::string& found) {
-    const Settings settings = Settings::read_required(directory, "config.json");
+    const JsonObject settings = JsonObject::read_required(directory, "config.json");
     settings.refuse(files::in_quotes(member) +
-                    (settings.find(member) == nullptr ? " is missing, which means " : " is ") +
+                    (!settings.find(member) ? " is missing, which means " : " is ") +
                     std::to_string(claimed) + ", and " + found);
   };
   const bool is_bert = config.architecture == Architecture::bert;

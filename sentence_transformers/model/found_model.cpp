@@ -6,7 +6,7 @@
 
 #include "sentence_transformers/model/encoder_tensors.h"
 #include "sentence_transformers/model/known_members.h"
-#include "sentence_transformers/model/settings.h"
+#include "sentence_transformers/tokenizer/json_object.h"
 
 namespace tovana::sentence_transformers {
 namespace {
@@ -88,7 +88,7 @@ void FoundModel::_find_modules(const files::ModelDirectory& directory,
 }
 
 void FoundModel::_read_settings(const files::ModelDirectory& directory) {
-  const auto settings = Settings::read(directory, "config_sentence_transformers.json");
+  const auto settings = JsonObject::read(directory, "config_sentence_transformers.json");
   if (!settings) return;
   check_members(*settings, kSentenceTransformersMembers);
   prompts = Prompts(*settings, [this](const std::string& text) { return _count_skipped(text); });

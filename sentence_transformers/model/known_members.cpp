@@ -75,11 +75,11 @@ std::string current_name(std::string_view name) {
 }
 
 /// Checks what an object holds: one that messages call `outer`, and the table `known_as`.
-void check(const Settings& settings, const nlohmann::json& object, const std::string& outer,
+void check(const JsonObject& settings, const JsonObject& object, const std::string& outer,
            const std::string& known_as, const KnownMembers& known) {
-  for (const auto& [key, value] : object.items()) {
-    const std::string shown_name = outer + key;
-    const std::string name = known_as.empty() ? current_name(key) : known_as + key;
+  for (const auto& [key, value] : object.members_by_name()) {
+    const std::string shown_name = outer + std::string(key);
+    const std::string name = known_as.empty() ? current_name(key) : known_as + std::string(key);
     const auto found = std::ranges::find(known.members, name, &KnownMember::name);
     const bool is_known = found != known.members.end();
     if (value.is_null() && (!is_known || found->is_null_absent)) continue;
@@ -87,12 +87,12 @@ void check(const Settings& settings, const nlohmann::json& object, const std::st
       return member.name.starts_with(name + ".");
     };
     if (is_known) {
-      if (!found->only.empty() && value != nlohmann::json::parse(found->only)) {
+      if (!found->only.empty() && simdjson::minify(value) != found->only) {
         settings.refuse(files::in_quotes(shown_name) + " is " + shown(value) +
                         "; supported: " + std::string(found->only));
       }
     } else if (value.is_object() && std::ranges::any_of(known.members, is_inside)) {
-      check(settings, value, shown_name + ".", name + ".", known);
+      check(settings, object.object_of(value, key), shown_name + ".", name + ".", known);
     } else if (known.is_complete) {
       settings.refuse(files::in_quotes(shown_name) +
                       " is not supported, and might change vectors; remove it if it does not");
@@ -107,8 +107,8 @@ constinit const KnownMembers kSentenceBertMembers = {.members = kSentenceBert, .
 constinit const KnownMembers kSentenceTransformersMembers = {.members = kSentenceTransformers,
                                                              .is_complete = true};
 
-void check_members(const Settings& settings, const KnownMembers& known) {
-  check(settings, settings.members(), "", "", known);
+void check_members(const JsonObject& settings, const KnownMembers& known) {
+  check(settings, settings, "", "", known);
 }
 
 }  // namespace tovana::sentence_transformers

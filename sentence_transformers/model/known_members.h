@@ -3,7 +3,7 @@
 #include <span>
 #include <string_view>
 
-#include "sentence_transformers/model/settings.h"
+#include "sentence_transformers/tokenizer/json_object.h"
 
 namespace tovana::sentence_transformers {
 
@@ -35,6 +35,6 @@ inline constexpr std::string_view kOldProcessorSettings = "tokenizer_args";
 
 /// Throws ModelFilesError, naming file and member, for a member that might change vectors in a way
 /// that is not implemented.
-void check_members(const Settings& settings, const KnownMembers& known);
+void check_members(const JsonObject& settings, const KnownMembers& known);
 
 }  // namespace tovana::sentence_transformers

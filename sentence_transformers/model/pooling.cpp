@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "sentence_transformers/model/settings.h"
+#include "sentence_transformers/tokenizer/json_object.h"
 
 namespace tovana::sentence_transformers {
 namespace {
@@ -30,10 +30,10 @@ constexpr std::array<NamedMode, 6> kModes = {{
     {"lasttoken", "pooling_mode_lasttoken", Mode::lasttoken},
 }};
 
-Mode mode_of(const nlohmann::json& name, const Settings& settings) {
-  if (!name.is_string())
+Mode mode_of(const JsonObject::Value& name, const JsonObject& settings) {
+  std::string_view text;
+  if (name.get(text) != simdjson::SUCCESS)
     settings.refuse("\"pooling_mode\" should be a string or a list of strings");
-  const auto& text = name.get_ref<const std::string&>();
   const auto* const mode = std::ranges::find(kModes, text, &NamedMode::name);
   if (mode == kModes.end()) {
     std::string known;
@@ -44,16 +44,17 @@ Mode mode_of(const nlohmann::json& name, const Settings& settings) {
   return mode->mode;
 }
 
-std::vector<Mode> modes_of(const Settings& settings) {
+std::vector<Mode> modes_of(const JsonObject& settings) {
   std::vector<Mode> modes;
-  const nlohmann::json* const value = settings.find("pooling_mode");
-  if (value == nullptr) {
+  const auto value = settings.find("pooling_mode");
+  if (!value) {
     for (const NamedMode& each : kModes) {
       if (settings.flag(each.old_flag).value_or(false)) modes.push_back(each.mode);
     }
     if (modes.empty()) modes.push_back(Mode::mean);
   } else if (value->is_array()) {
-    for (const nlohmann::json& name : *value) modes.push_back(mode_of(name, settings));
+    for (const JsonObject::Value& name : value->get_array())
+      modes.push_back(mode_of(name, settings));
     if (modes.empty()) settings.refuse("\"pooling_mode\" is empty");
   } else {
     modes.push_back(mode_of(*value, settings));
@@ -115,7 +116,7 @@ void pool(const Rows& rows, Mode mode, float* out) {
 }  // namespace
 
 Pooling Pooling::read(const files::ModelDirectory& directory, std::int64_t width) {
-  const Settings settings = Settings::read_required(directory, "config.json");
+  const JsonObject settings = JsonObject::read_required(directory, "config.json");
   for (const char* name : {"embedding_dimension", "word_embedding_dimension"}) {
     if (settings.count(name).value_or(width) != width) {
       settings.refuse(files::in_quotes(name) + " is " + std::to_string(*settings.count(name)) +

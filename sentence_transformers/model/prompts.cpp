@@ -6,13 +6,14 @@
 
 namespace tovana::sentence_transformers {
 
-Prompts::Prompts(const Settings& settings,
+Prompts::Prompts(const JsonObject& settings,
                  const std::function<std::size_t(const std::string& text)>& count_skipped) {
-  if (const auto prompts = settings.inner("prompts")) {
-    for (const auto& [name, ignored] : prompts->members().items()) {
-      std::string text = prompts->text(name).value_or("");
+  if (const auto prompts = settings.object("prompts")) {
+    for (const auto& [name, ignored] : prompts->members_by_name()) {
+      std::string text(prompts->text(name).value_or(""));
       const std::size_t skipped = text.empty() ? 0 : count_skipped(text);
-      _all.push_back({.name = name, .text = std::move(text), .skipped_tokens = skipped});
+      _all.push_back(
+          {.name = std::string(name), .text = std::move(text), .skipped_tokens = skipped});
     }
   }
   const auto name = settings.text("default_prompt_name");

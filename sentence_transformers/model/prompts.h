@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "sentence_transformers/model/settings.h"
+#include "sentence_transformers/tokenizer/json_object.h"
 
 namespace tovana::sentence_transformers {
 
@@ -27,7 +27,7 @@ class Prompts {
   /// Those of config_sentence_transformers.json. `count_skipped` says how many tokens the pooling
   /// leaves out for a prompt's text. Throws ModelFilesError for prompts that are no texts, or a
   /// default that is not among them.
-  Prompts(const Settings& settings,
+  Prompts(const JsonObject& settings,
           const std::function<std::size_t(const std::string& text)>& count_skipped);
 
   /// In the order of their names.

@@ -8,17 +8,17 @@
 
 #include "sentence_transformers/model/activation.h"
 #include "sentence_transformers/model/checkpoint.h"
-#include "sentence_transformers/model/settings.h"
+#include "sentence_transformers/tokenizer/json_object.h"
 
 namespace tovana::sentence_transformers {
 namespace {
 
 /// Modules hand their results on under names. One name is all that is needed between the pooling
 /// and the vector; a module that reads or writes another is not a step from text to text.
-void check_names(const Settings& settings) {
+void check_names(const JsonObject& settings) {
   constexpr const char* kName = "sentence_embedding";
   for (const char* member : {"module_input_name", "module_output_name"}) {
-    const std::string name = settings.text(member).value_or(kName);
+    const std::string_view name = settings.text(member).value_or(kName);
     if (name != kName) {
       settings.refuse(files::in_quotes(member) + " is " + files::in_quotes(name) +
                       "; supported: " + kName);
@@ -26,13 +26,13 @@ void check_names(const Settings& settings) {
   }
 }
 
-std::int64_t required_count(const Settings& settings, const char* name) {
+std::int64_t required_count(const JsonObject& settings, const char* name) {
   const std::optional<std::int64_t> count = settings.count(name);
   if (!count) settings.refuse(files::in_quotes(name) + " is missing");
   return *count;
 }
 
-void check_width(const Settings& settings, const char* name, std::int64_t width) {
+void check_width(const JsonObject& settings, const char* name, std::int64_t width) {
   if (const std::int64_t given = required_count(settings, name); given != width) {
     settings.refuse(files::in_quotes(name) + " is " + std::to_string(given) + ", and " +
                     std::to_string(width) + " floats come in");
@@ -109,16 +109,16 @@ void normalize_vector(const float* in, std::size_t width, float* out) {
 }
 
 FoundModule find_normalize(const files::ModelDirectory& directory, std::int64_t width) {
-  if (const auto settings = Settings::read(directory, "config.json")) check_names(*settings);
+  if (const auto settings = JsonObject::read(directory, "config.json")) check_names(*settings);
   return {.width = width, .load = [](const Kernels&) { return Normalize(); }};
 }
 
 FoundModule find_dense(const files::ModelDirectory& directory, std::int64_t width) {
-  const Settings settings = Settings::read_required(directory, "config.json");
+  const JsonObject settings = JsonObject::read_required(directory, "config.json");
   check_names(settings);
   check_width(settings, "in_features", width);
   const std::int64_t out = required_count(settings, "out_features");
-  const std::string name =
+  const std::string_view name =
       settings.text("activation_function").value_or("torch.nn.modules.activation.Tanh");
   const std::optional<Activation> activation = activation_from_class(name);
   if (!activation) {
@@ -150,7 +150,7 @@ FoundModule find_dense(const files::ModelDirectory& directory, std::int64_t widt
 }
 
 FoundModule find_layer_norm(const files::ModelDirectory& directory, std::int64_t width) {
-  check_width(Settings::read_required(directory, "config.json"), "dimension", width);
+  check_width(JsonObject::read_required(directory, "config.json"), "dimension", width);
   const auto checkpoint = std::make_shared<const Checkpoint>(directory, "");
   for (const char* name : {"norm.weight", "norm.bias"}) checkpoint->expect(name, {width});
   const auto load = [checkpoint](const Kernels&) {

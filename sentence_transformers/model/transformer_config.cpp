@@ -6,7 +6,7 @@
 #include <string>
 
 #include "sentence_transformers/model/known_members.h"
-#include "sentence_transformers/model/settings.h"
+#include "sentence_transformers/tokenizer/json_object.h"
 #include "tovana/files/architectures.h"
 
 namespace tovana::sentence_transformers {
@@ -15,8 +15,8 @@ namespace {
 /// MPNet's positions begin behind the padding's index, 1.
 constexpr std::int64_t kMPNetFirstPosition = 2;
 
-Architecture architecture_of(const Settings& config) {
-  const std::string type = config.text("model_type").value_or("");
+Architecture architecture_of(const JsonObject& config) {
+  const std::string_view type = config.text("model_type").value_or("");
   if (!files::is_known_architecture(type)) {
     config.refuse("\"model_type\" is " + files::in_quotes(type) +
                   "; supported: " + files::known_architectures());
@@ -24,8 +24,8 @@ Architecture architecture_of(const Settings& config) {
   return type == "mpnet" ? Architecture::mpnet : Architecture::bert;
 }
 
-Activation hidden_activation(const Settings& config) {
-  const std::string name = config.text("hidden_act").value_or("gelu");
+Activation hidden_activation(const JsonObject& config) {
+  const std::string_view name = config.text("hidden_act").value_or("gelu");
   const std::optional<Activation> activation = activation_from_hidden_act(name);
   if (!activation) {
     config.refuse("\"hidden_act\" is " + files::in_quotes(name) +
@@ -35,13 +35,13 @@ Activation hidden_activation(const Settings& config) {
 }
 
 /// sentence_bert_config.json, or what older models call it.
-std::optional<Settings> read_sentence_settings(const files::ModelDirectory& directory) {
+std::optional<JsonObject> read_sentence_settings(const files::ModelDirectory& directory) {
   for (const char* name : {"sentence_bert_config.json", "sentence_roberta_config.json",
                            "sentence_distilbert_config.json", "sentence_camembert_config.json",
                            "sentence_albert_config.json", "sentence_xlm-roberta_config.json",
                            "sentence_xlnet_config.json"}) {
-    std::optional<Settings> settings = Settings::read(directory, name);
-    if (!settings || settings->members().empty()) continue;
+    std::optional<JsonObject> settings = JsonObject::read(directory, name);
+    if (!settings || settings->members().size() == 0) continue;
     check_members(*settings, kSentenceBertMembers);
     return settings;
   }
@@ -50,13 +50,13 @@ std::optional<Settings> read_sentence_settings(const files::ModelDirectory& dire
 
 /// What sentence_bert_config.json puts above the tokenizer's own files. Under the old name it
 /// replaces what stands under the new one, all of it.
-std::optional<Settings> processor_settings(const std::optional<Settings>& sentence) {
+std::optional<JsonObject> processor_settings(const std::optional<JsonObject>& sentence) {
   if (!sentence) return std::nullopt;
-  std::optional<Settings> settings = sentence->inner(kOldProcessorSettings);
-  return settings ? settings : sentence->inner(kProcessorSettings);
+  std::optional<JsonObject> settings = sentence->object(kOldProcessorSettings);
+  return settings ? settings : sentence->object(kProcessorSettings);
 }
 
-TokenizerOptions tokenizer_options(const std::optional<Settings>& sentence) {
+TokenizerOptions tokenizer_options(const std::optional<JsonObject>& sentence) {
   TokenizerOptions options;
   if (sentence) options.lowercase_first = sentence->flag("do_lower_case").value_or(false);
   if (const auto settings = processor_settings(sentence)) {
@@ -70,34 +70,33 @@ TokenizerOptions tokenizer_options(const std::optional<Settings>& sentence) {
 /// A template of a chat wraps every text in what it says, unless the model's settings say by which
 /// ways texts come in.
 void refuse_chat_template(const files::ModelDirectory& directory,
-                          const std::optional<Settings>& sentence) {
-  if (sentence && sentence->find("modality_config") != nullptr) return;
+                          const std::optional<JsonObject>& sentence) {
+  if (sentence && sentence->find("modality_config")) return;
   const std::string fault = "a template of a chat, which is not supported; remove it";
   for (const char* name : {"chat_template.jinja", "additional_chat_templates/default.jinja"}) {
     if (directory.open(name, files::ModelDirectory::kLargestConfig)) {
       throw files::ModelFilesError(directory.path_of(name) + ": " + fault);
     }
   }
-  const auto tokenizer = Settings::read(directory, "tokenizer_config.json");
-  if (tokenizer && tokenizer->find("chat_template") != nullptr) {
+  const auto tokenizer = JsonObject::read(directory, "tokenizer_config.json");
+  if (tokenizer && tokenizer->find("chat_template")) {
     tokenizer->refuse("\"chat_template\" is " + fault);
   }
 }
 
-bool generates_text(const Settings& config) {
-  if (config.members().contains("is_causal")) return false;  // Any but false is refused.
-  const nlohmann::json* const architectures = config.find("architectures");
-  if (architectures == nullptr || !architectures->is_array() || architectures->empty())
-    return false;
-  const nlohmann::json& first = architectures->front();
-  return first.is_string() && first.get_ref<const std::string&>().ends_with("ForCausalLM");
+bool generates_text(const JsonObject& config) {
+  if (config.contains("is_causal")) return false;  // Any but false is refused.
+  const auto architectures = config.find("architectures");
+  std::string_view first;
+  return architectures && architectures->is_array() &&
+         architectures->at(0).get(first) == simdjson::SUCCESS && first.ends_with("ForCausalLM");
 }
 
 /// The length that each text is read with, if that is set apart from the model's. Which of the two
 /// counts where the former is the longer one is not known: that is refused.
-std::int64_t length_of_call(const std::optional<Settings>& sentence, std::int64_t length) {
-  const auto processing = sentence ? sentence->inner("processing_kwargs") : std::nullopt;
-  const auto text = processing ? processing->inner("text") : std::nullopt;
+std::int64_t length_of_call(const std::optional<JsonObject>& sentence, std::int64_t length) {
+  const auto processing = sentence ? sentence->object("processing_kwargs") : std::nullopt;
+  const auto text = processing ? processing->object("text") : std::nullopt;
   if (!text) return length;
   const std::int64_t own = text->limit("max_length").value_or(length);
   if (own > length) {
@@ -111,17 +110,17 @@ std::int64_t length_of_call(const std::optional<Settings>& sentence, std::int64_
 /// model's, then the tokenizer's. None reaches beyond the table of positions, whatever it says: the
 /// texts that would are those on which the models' own library fails.
 std::optional<std::int64_t> own_length(const files::ModelDirectory& directory,
-                                       const std::optional<Settings>& sentence) {
+                                       const std::optional<JsonObject>& sentence) {
   constexpr const char* kOfTokenizer = "model_max_length";
   const auto above = processor_settings(sentence);
-  if (above && above->members().contains(kOfTokenizer)) return above->limit(kOfTokenizer);
+  if (above && above->contains(kOfTokenizer)) return above->limit(kOfTokenizer);
   if (const auto own = sentence ? sentence->limit("max_seq_length") : std::nullopt) return own;
-  const auto tokenizer = Settings::read(directory, "tokenizer_config.json");
+  const auto tokenizer = JsonObject::read(directory, "tokenizer_config.json");
   return tokenizer ? tokenizer->limit(kOfTokenizer) : std::nullopt;
 }
 
 std::size_t max_length_of(const files::ModelDirectory& directory,
-                          const std::optional<Settings>& sentence, std::int64_t longest) {
+                          const std::optional<JsonObject>& sentence, std::int64_t longest) {
   const std::int64_t length = std::min(own_length(directory, sentence).value_or(longest), longest);
   return static_cast<std::size_t>(length_of_call(sentence, length));
 }
@@ -129,7 +128,7 @@ std::size_t max_length_of(const files::ModelDirectory& directory,
 }  // namespace
 
 TransformerConfig read_transformer_config(const files::ModelDirectory& directory, bool is_module) {
-  const Settings config = Settings::read_required(directory, "config.json");
+  const JsonObject config = JsonObject::read_required(directory, "config.json");
   const Architecture architecture = architecture_of(config);
   const bool is_bert = architecture == Architecture::bert;
 

@@ -42,10 +42,10 @@ constexpr NamedTokens kMPNetTokens = {{{"bos_token", "<s>"},
                                        {"cls_token", "<s>"},
                                        {"mask_token", "<mask>", true}}};
 
-std::string_view checked(const JsonFile& file, std::string_view content, std::string_view key) {
+std::string_view checked(const JsonObject& file, std::string_view content, std::string_view key) {
   if (content.size() > AddedTokens::kLongestContent) {
-    file.fail(key, "is a token of " + std::to_string(content.size()) + " bytes: the limit is " +
-                       std::to_string(AddedTokens::kLongestContent));
+    file.refuse(key, "is a token of " + std::to_string(content.size()) + " bytes: the limit is " +
+                         std::to_string(AddedTokens::kLongestContent));
   }
   return content;
 }
@@ -58,13 +58,13 @@ AddedToken plain_token(std::string_view content, bool lstrip = false) {
   return token;
 }
 
-AddedToken added_token(const JsonFile& file, const JsonFile::Object& object, bool special = false) {
+AddedToken added_token(const JsonObject& object, bool special = false) {
   AddedToken token;
-  const auto content = file.find_string(object, "content");
-  if (!content) file.fail("content", "is missing from an added token");
-  token.content = checked(file, *content, "content");
+  const auto content = object.text("content");
+  if (!content) object.refuse("content", "is missing from an added token");
+  token.content = checked(object, *content, "content");
   const auto flag = [&](std::string_view key, bool otherwise) {
-    return file.find_bool(object, key).value_or(otherwise);
+    return object.flag(key).value_or(otherwise);
   };
   token.special = flag("special", special);
   token.single_word = flag("single_word", false);
@@ -74,42 +74,42 @@ AddedToken added_token(const JsonFile& file, const JsonFile::Object& object, boo
   return token;
 }
 
-AddedToken special_token(const JsonFile& file, const JsonFile::Value& value, std::string_view key,
-                         bool lstrip = false) {
-  if (value.is_string()) return plain_token(checked(file, file.string(value, key), key), lstrip);
-  AddedToken token = added_token(file, file.object(value, key), true);
+AddedToken special_token(const JsonObject& file, const JsonObject::Value& value,
+                         std::string_view key, bool lstrip = false) {
+  if (value.is_string()) return plain_token(checked(file, file.text_of(value, key), key), lstrip);
+  AddedToken token = added_token(file.object_of(value, key), true);
   token.special = true;
   return token;
 }
 
-std::optional<AddedToken> find_token(const JsonFile& file, const NamedToken& named) {
-  const auto value = file.find(file.root(), named.name);
+std::optional<AddedToken> find_token(const JsonObject& file, const NamedToken& named) {
+  const auto value = file.find(named.name);
   if (!value) return std::nullopt;
   return special_token(file, *value, named.name, named.lstrip);
 }
 
-std::vector<std::pair<std::int32_t, AddedToken>> tokens_of(const JsonFile& tokenizer) {
+std::vector<std::pair<std::int32_t, AddedToken>> tokens_of(const JsonObject& tokenizer) {
   std::vector<std::pair<std::int32_t, AddedToken>> tokens;
-  const auto array = tokenizer.find_array(tokenizer.root(), "added_tokens");
+  const auto array = tokenizer.array("added_tokens");
   if (!array) return tokens;
   std::map<std::int32_t, bool> seen;
   for (const auto& value : *array) {
-    const JsonFile::Object object = tokenizer.object(value, "added_tokens");
-    const auto id = tokenizer.find_id(object, "id");
-    if (!id) tokenizer.fail("id", "is missing from an added token");
+    const JsonObject object = tokenizer.object_of(value, "added_tokens");
+    const auto id = object.id("id");
+    if (!id) object.refuse("id", "is missing from an added token");
     if (!seen.emplace(*id, true).second) {
-      tokenizer.fail("added_tokens", "has the id " + std::to_string(*id) + " twice");
+      tokenizer.refuse("added_tokens", "has the id " + std::to_string(*id) + " twice");
     }
-    tokens.emplace_back(*id, added_token(tokenizer, object));
+    tokens.emplace_back(*id, added_token(object));
   }
   return tokens;
 }
 
-std::int32_t id_of_key(const JsonFile& config, std::string_view key) {
+std::int32_t id_of_key(const JsonObject& config, std::string_view key) {
   std::int32_t id = -1;
   const auto [end, error] = std::from_chars(key.data(), key.data() + key.size(), id);
   if (error != std::errc() || end != key.data() + key.size() || id < 0 || id > kLargestTokenId) {
-    config.fail(key, "in \"added_tokens_decoder\" is not a token id");
+    config.refuse(key, "in \"added_tokens_decoder\" is not a token id");
   }
   return id;
 }
@@ -146,22 +146,22 @@ void SpecialTokens::_refuse_null(std::string_view name, bool use_map) const {
       (_kind != TokenizerKind::as_it_is && name == "pad_token") ||
       (_kind == TokenizerKind::bert && (name == "cls_token" || name == "sep_token"));
   if (!is_needed) return;
-  const bool in_map = use_map && _sources.special_map->contains(_sources.special_map->root(), name);
-  const std::optional<JsonFile>& file = in_map ? _sources.special_map : _sources.config;
-  if (file && file->contains(file->root(), name) && !file->find(file->root(), name)) {
-    file->fail(name, "is null, and texts are not encoded without it");
+  const bool in_map = use_map && _sources.special_map->contains(name);
+  const std::optional<JsonObject>& file = in_map ? _sources.special_map : _sources.config;
+  if (file && file->contains(name) && !file->find(name)) {
+    file->refuse(name, "is null, and texts are not encoded without it");
   }
 }
 
-void SpecialTokens::_read_extra(const JsonFile& file, std::string_view key) {
-  const auto value = file.find(file.root(), key);
+void SpecialTokens::_read_extra(const JsonObject& file, std::string_view key) {
+  const auto value = file.find(key);
   if (!value) return;
   if (value->is_object()) {
-    for (const auto& member : file.object(*value, key)) {
+    for (const auto& member : file.object_of(*value, key).members()) {
       _in_order.push_back(special_token(file, member.value, key));
     }
   } else {
-    const auto tokens = file.find_array(file.root(), key);
+    const auto tokens = file.array(key);
     for (const auto& token : *tokens) _in_order.push_back(special_token(file, token, key));
   }
 }
@@ -175,25 +175,23 @@ const std::string* SpecialTokens::find(std::string_view name) const {
 std::map<std::int32_t, AddedToken> SpecialTokens::_listed_tokens() const {
   std::map<std::int32_t, AddedToken> listed;
   if (_sources.lists_added_tokens()) {
-    const auto decoder =
-        _sources.config->find_object(_sources.config->root(), "added_tokens_decoder");
-    for (const auto& member : *decoder) {
+    const auto decoder = _sources.config->object("added_tokens_decoder");
+    for (const auto& member : decoder->members()) {
       const std::int32_t id = id_of_key(*_sources.config, member.key);
-      const AddedToken token = added_token(
-          *_sources.config, _sources.config->object(member.value, "added_tokens_decoder"));
+      const AddedToken token = added_token(decoder->object_of(member.value, member.key));
       if (!listed.emplace(id, token).second) {
-        _sources.config->fail("added_tokens_decoder",
-                              "has the id " + std::to_string(id) + " twice");
+        _sources.config->refuse("added_tokens_decoder",
+                                "has the id " + std::to_string(id) + " twice");
       }
     }
     return listed;
   }
   if (_sources.added) {
-    for (const auto& member : _sources.added->root()) {
+    for (const auto& member : _sources.added->members()) {
       AddedToken token = plain_token(checked(*_sources.added, member.key, "a token"));
       token.special = _is_special(token.content);
       token.normalized = !token.special;
-      listed.insert_or_assign(_sources.added->id(member.value, member.key), token);
+      listed.insert_or_assign(_sources.added->id_of(member.value, member.key), token);
     }
   }
   if (!_sources.tokenizer) return listed;

@@ -26,7 +26,7 @@ class SpecialTokens {
   std::vector<AddedToken> read_added() const;
 
  private:
-  void _read_extra(const JsonFile& file, std::string_view key);
+  void _read_extra(const JsonObject& file, std::string_view key);
   void _refuse_null(std::string_view name, bool use_map) const;
   bool _is_special(const std::string& content) const { return _contents.contains(content); }
   std::map<std::int32_t, AddedToken> _listed_tokens() const;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "sentence_transformers/tokenizer/json_file.h"
+#include "sentence_transformers/tokenizer/json_object.h"
 #include "sentence_transformers/tokenizer/tokenizer_settings.h"
 
 /// The components that tokenizer.json describes. Everything throws ModelFilesError, naming the
@@ -8,9 +8,9 @@
 namespace tovana::sentence_transformers {
 
 /// The model, which has to be WordPiece.
-JsonFile::Object word_piece_of(const JsonFile& tokenizer_json);
+JsonObject word_piece_of(const JsonObject& tokenizer_json);
 
 /// Normalizer, model without its vocabulary, post-processor: into `settings`, as they are.
-void read_components(const JsonFile& tokenizer_json, TokenizerSettings& settings);
+void read_components(const JsonObject& tokenizer_json, TokenizerSettings& settings);
 
 }  // namespace tovana::sentence_transformers

@@ -13,26 +13,26 @@ namespace tovana::sentence_transformers {
 namespace {
 
 /// Where tokenizer.json truncates or pads.
-std::optional<std::string_view> direction_of(const std::optional<JsonFile>& tokenizer,
+std::optional<std::string_view> direction_of(const std::optional<JsonObject>& tokenizer,
                                              std::string_view key) {
-  const auto settings = tokenizer ? tokenizer->find_object(tokenizer->root(), key) : std::nullopt;
-  return settings ? tokenizer->find_string(*settings, "direction") : std::nullopt;
+  const auto settings = tokenizer ? tokenizer->object(key) : std::nullopt;
+  return settings ? settings->text("direction") : std::nullopt;
 }
 
 /// Without a mask, a text's vector would hang on how far its neighbours fill it up.
-void refuse_without_mask(const JsonFile& config) {
+void refuse_without_mask(const JsonObject& config) {
   constexpr std::string_view kInputs = "model_input_names";
-  const auto names = config.find_array(config.root(), kInputs);
+  const auto names = config.array(kInputs);
   if (names && std::ranges::none_of(*names, [&](const auto& name) {
-        return config.string(name, kInputs) == "attention_mask";
+        return config.text_of(name, kInputs) == "attention_mask";
       })) {
-    config.fail(kInputs, "lacks \"attention_mask\", without which texts are not encoded");
+    config.refuse(kInputs, "lacks \"attention_mask\", without which texts are not encoded");
   }
 }
 
 /// What would change the ids, or the vectors, and is not implemented. Other members that are read
 /// nowhere here change neither: the models' own library passes over them as well.
-void refuse_unsupported_settings(const JsonFile& config) {
+void refuse_unsupported_settings(const JsonObject& config) {
   constexpr std::pair<std::string_view, std::string_view> kOnly[] = {
       {"fast_tokenizer_files", "[\"tokenizer.json\"]"},
       {"model_specific_special_tokens", "{}"},
@@ -40,10 +40,10 @@ void refuse_unsupported_settings(const JsonFile& config) {
       {"split_special_tokens", "false"},
   };
   for (const auto& [name, only] : kOnly) {
-    const auto value = config.find(config.root(), name);
+    const auto value = config.find(name);
     if (value && simdjson::minify(*value) != only) {
-      config.fail(name,
-                  "is something else than " + std::string(only) + ", which alone is supported");
+      config.refuse(name,
+                    "is something else than " + std::string(only) + ", which alone is supported");
     }
   }
   refuse_without_mask(config);
@@ -52,40 +52,39 @@ void refuse_unsupported_settings(const JsonFile& config) {
 void refuse_unsupported_settings(const TokenizerSources& sources) {
   if (sources.config) refuse_unsupported_settings(*sources.config);
   if (!sources.tokenizer) return;
-  const JsonFile& tokenizer = *sources.tokenizer;
+  const JsonObject& tokenizer = *sources.tokenizer;
   word_piece_of(tokenizer);
-  if (tokenizer.find_string(tokenizer.root(), "version").value_or("1.0") != "1.0") {
-    tokenizer.fail("version", "is not \"1.0\", which alone is known");
+  if (tokenizer.text("version").value_or("1.0") != "1.0") {
+    tokenizer.refuse("version", "is not \"1.0\", which alone is known");
   }
-  const bool has_side =
-      sources.config && sources.config->find(sources.config->root(), "padding_side").has_value();
+  const bool has_side = sources.config && sources.config->find("padding_side").has_value();
   if (!has_side && direction_of(sources.tokenizer, "padding").value_or("Right") != "Right") {
-    tokenizer.fail("padding", "is not on the right, where alone it is supported");
+    tokenizer.refuse("padding", "is not on the right, where alone it is supported");
   }
 }
 
 /// Whether a text that is too long loses its beginning.
 bool read_keeps_end(const TokenizerSources& sources) {
   constexpr std::string_view kSide = "truncation_side";
-  const std::optional<JsonFile>& config = sources.config;
-  if (const auto side = config ? config->find_string(config->root(), kSide) : std::nullopt) {
+  const std::optional<JsonObject>& config = sources.config;
+  if (const auto side = config ? config->text(kSide) : std::nullopt) {
     if (side != "left" && side != "right") {
-      config->fail(kSide, "is neither \"left\" nor \"right\"");
+      config->refuse(kSide, "is neither \"left\" nor \"right\"");
     }
     return side == "left";
   }
   const auto direction = direction_of(sources.tokenizer, "truncation");
   if (direction && direction != "Left" && direction != "Right") {
-    sources.tokenizer->fail("truncation", "is neither on the \"Left\" nor on the \"Right\"");
+    sources.tokenizer->refuse("truncation", "is neither on the \"Left\" nor on the \"Right\"");
   }
   return direction == "Left";
 }
 
 /// A tokenizer of a known class, which has all of the tokens.
-void build_anew(const std::optional<JsonFile>& config, const SpecialTokens& tokens,
+void build_anew(const std::optional<JsonObject>& config, const SpecialTokens& tokens,
                 const TokenizerOptions& options, TokenizerSettings& settings) {
   const auto flag = [&config](std::string_view key, std::optional<bool> asked, bool otherwise) {
-    const auto said = config ? config->find_bool(config->root(), key) : std::nullopt;
+    const auto said = config ? config->flag(key) : std::nullopt;
     return asked.value_or(said.value_or(otherwise));
   };
   NormalizerOptions& normalizer = settings.normalizer;
@@ -108,12 +107,12 @@ void take_as_it_is(const TokenizerSources& sources, const SpecialTokens& tokens,
                                  ": missing, and the tokenizer's class needs it; " +
                                  std::string(kSupportedTokenizers));
   }
-  const JsonFile& tokenizer = *sources.tokenizer;
+  const JsonObject& tokenizer = *sources.tokenizer;
   read_components(tokenizer, settings);
   if (const std::string* const pad = tokens.find("pad_token")) {
     settings.pad_token = *pad;
-  } else if (const auto padding = tokenizer.find_object(tokenizer.root(), "padding")) {
-    settings.pad_token = tokenizer.find_string(*padding, "pad_token").value_or("");
+  } else if (const auto padding = tokenizer.object("padding")) {
+    settings.pad_token = padding->text("pad_token").value_or("");
   }
   if (settings.pad_token.empty()) {
     throw files::ModelFilesError(sources.tokenizer_path +

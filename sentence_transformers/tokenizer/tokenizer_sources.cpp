@@ -7,7 +7,7 @@
 namespace tovana::sentence_transformers {
 namespace {
 
-TokenizerKind kind_of_class(const JsonFile& file, std::string_view name) {
+TokenizerKind kind_of_class(const JsonObject& file, std::string_view name) {
   constexpr std::string_view kFast = "Fast";
   std::string_view plain = name;
   if (plain.ends_with(kFast)) plain.remove_suffix(kFast.size());
@@ -15,8 +15,8 @@ TokenizerKind kind_of_class(const JsonFile& file, std::string_view name) {
   if (plain == "MPNetTokenizer") return TokenizerKind::mpnet;
   if (plain == "PreTrainedTokenizer" || plain == "TokenizersBackend")
     return TokenizerKind::as_it_is;
-  file.fail("tokenizer_class", "is " + files::in_quotes(name) + ", which is not supported; " +
-                                   std::string(kSupportedTokenizers));
+  file.refuse("tokenizer_class", "is " + files::in_quotes(name) + ", which is not supported; " +
+                                     std::string(kSupportedTokenizers));
 }
 
 }  // namespace
@@ -26,7 +26,7 @@ TokenizerSources::TokenizerSources(TokenizerFiles files)
       tokenizer_path(files.path_of("tokenizer.json")),
       vocab_txt_path(files.path_of("vocab.txt")) {
   const auto parse = [&files](std::optional<std::string>& text, std::string_view name) {
-    return text ? std::optional<JsonFile>(std::in_place, files.path_of(name), std::move(*text))
+    return text ? std::optional<JsonObject>(std::in_place, files.path_of(name), std::move(*text))
                 : std::nullopt;
   };
   tokenizer = parse(files.tokenizer_json, "tokenizer.json");
@@ -37,8 +37,8 @@ TokenizerSources::TokenizerSources(TokenizerFiles files)
 }
 
 TokenizerKind TokenizerSources::kind() const {
-  const auto from = [](const std::optional<JsonFile>& file, std::string_view key) {
-    return file ? file->find_string(file->root(), key) : std::nullopt;
+  const auto from = [](const std::optional<JsonObject>& file, std::string_view key) {
+    return file ? file->text(key) : std::nullopt;
   };
   for (const auto* const file : {&config, &model_config}) {
     if (const auto name = from(*file, "tokenizer_class")) return kind_of_class(**file, *name);
@@ -50,7 +50,7 @@ TokenizerKind TokenizerSources::kind() const {
 }
 
 bool TokenizerSources::lists_added_tokens() const {
-  return config && config->find(config->root(), "added_tokens_decoder").has_value();
+  return config && config->find("added_tokens_decoder").has_value();
 }
 
 }  // namespace tovana::sentence_transformers

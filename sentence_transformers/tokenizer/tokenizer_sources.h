@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "sentence_transformers/tokenizer/json_file.h"
+#include "sentence_transformers/tokenizer/json_object.h"
 #include "sentence_transformers/tokenizer/tokenizer_files.h"
 
 namespace tovana::sentence_transformers {
@@ -29,11 +29,11 @@ struct TokenizerSources {
   /// Whether tokenizer_config.json lists the added tokens, and so the older files do not count.
   bool lists_added_tokens() const;
 
-  std::optional<JsonFile> tokenizer;     ///< tokenizer.json
-  std::optional<JsonFile> config;        ///< tokenizer_config.json
-  std::optional<JsonFile> special_map;   ///< special_tokens_map.json
-  std::optional<JsonFile> added;         ///< added_tokens.json
-  std::optional<JsonFile> model_config;  ///< config.json
+  std::optional<JsonObject> tokenizer;     ///< tokenizer.json
+  std::optional<JsonObject> config;        ///< tokenizer_config.json
+  std::optional<JsonObject> special_map;   ///< special_tokens_map.json
+  std::optional<JsonObject> added;         ///< added_tokens.json
+  std::optional<JsonObject> model_config;  ///< config.json
   std::optional<std::string> vocab_txt;
   std::string tokenizer_path;
   std::string vocab_txt_path;

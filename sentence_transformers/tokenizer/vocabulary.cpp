@@ -15,17 +15,17 @@ namespace {
 
 using Vocabulary = std::vector<ByteTrie::Entry>;
 
-Vocabulary read_json(const JsonFile& file) {
+Vocabulary read_json(const JsonObject& file) {
   Vocabulary entries;
-  const auto vocabulary = file.find_object(word_piece_of(file), "vocab");
-  if (!vocabulary) file.fail("vocab", "is missing");
+  const auto vocabulary = word_piece_of(file).object("vocab");
+  if (!vocabulary) file.refuse("vocab", "is missing");
   std::vector<bool> seen;
-  for (const auto& member : *vocabulary) {
-    const std::int32_t id = file.id(member.value, member.key);
+  for (const auto& member : vocabulary->members()) {
+    const std::int32_t id = vocabulary->id_of(member.value, member.key);
     const auto index = static_cast<std::size_t>(id);
     if (index >= seen.size()) seen.resize(std::max(index + 1, seen.size() * 2));
     if (seen[index]) {
-      file.fail("vocab", "has the id " + std::to_string(id) + " twice");
+      file.refuse("vocab", "has the id " + std::to_string(id) + " twice");
     }
     seen[index] = true;
     entries.push_back({member.key, id});

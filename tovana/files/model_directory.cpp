@@ -84,6 +84,12 @@ std::string in_quotes(std::string_view text) {
   return is_cut ? shown + "..." : shown;
 }
 
+std::string shown_json(std::string_view json) {
+  const std::string text =
+      parse_json(json).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
+  return text.size() > kLongestQuote ? text.substr(0, kLongestQuote) + "..." : text;
+}
+
 nlohmann::json parse_json(std::string_view text) {
   // The parser would skip a byte-order mark and take a NUL for the end of the text.
   if (text.substr(0, 3) == "\xEF\xBB\xBF") throw ValueError("begins with a byte-order mark");

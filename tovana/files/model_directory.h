@@ -24,6 +24,9 @@ bool is_contained_name(std::string_view name) noexcept;
 /// characters and whatever is not ASCII as JSON escapes, and cut to a readable length.
 std::string in_quotes(std::string_view text);
 
+/// The same for a JSON text, as it is but for what is escaped or cut.
+std::string shown_json(std::string_view json);
+
 /// A whole JSON text. Throws ValueError saying what is wrong: not JSON to the letter (a byte-order
 /// mark, a NUL and anything behind the value included), or nested more than 64 deep. Numbers that
 /// are too large for their type are as `with_numbers_in_range` has them.
