@@ -77,11 +77,10 @@ void FoundModel::_find_modules(const files::ModelDirectory& directory,
       case ModuleKind::layer_norm:
         modules.push_back(find_layer_norm(folder, dimension));
         break;
-      case ModuleKind::dropout:
-        continue;  // Works in training alone.
-      case ModuleKind::transformer:
+      case ModuleKind::dropout:      // Works in training alone.
+      case ModuleKind::transformer:  // Only at the beginning: `read_module_list` has made sure.
       case ModuleKind::pooling:
-        continue;  // Only at the beginning: `read_module_list` has made sure.
+        continue;
     }
     dimension = modules.back().width;
   }

@@ -5,6 +5,8 @@
 #include <limits>
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
 #include "tovana/exceptions/exceptions.h"
 #include "tovana/files/json_numbers.h"
 
@@ -37,11 +39,14 @@ Value parse(simdjson::dom::parser& parser, const std::string& path, std::string 
     text = files::with_numbers_in_range(text);
     error = parse_once(parser, text).get(document);
   }
-  if (error != simdjson::SUCCESS) {
-    throw files::ModelFilesError(path +
-                                 ": not JSON that can be read: " + simdjson::error_message(error));
+  if (error == simdjson::SUCCESS) return document;
+  try {
+    static_cast<void>(files::parse_json(text));  // Slower, but it says where the fault is.
+  } catch (const ValueError& fault) {
+    throw files::ModelFilesError(path + ": " + fault.what());
   }
-  return document;
+  throw files::ModelFilesError(path +
+                               ": not JSON that can be read: " + simdjson::error_message(error));
 }
 
 }  // namespace

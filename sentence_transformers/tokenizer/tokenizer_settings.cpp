@@ -69,13 +69,14 @@ bool read_keeps_end(const TokenizerSources& sources) {
   const std::optional<JsonObject>& config = sources.config;
   if (const auto side = config ? config->text(kSide) : std::nullopt) {
     if (side != "left" && side != "right") {
-      config->refuse(kSide, "is neither \"left\" nor \"right\"");
+      config.value().refuse(kSide, "is neither \"left\" nor \"right\"");
     }
     return side == "left";
   }
   const auto direction = direction_of(sources.tokenizer, "truncation");
   if (direction && direction != "Left" && direction != "Right") {
-    sources.tokenizer->refuse("truncation", "is neither on the \"Left\" nor on the \"Right\"");
+    sources.tokenizer.value().refuse("truncation",
+                                     "is neither on the \"Left\" nor on the \"Right\"");
   }
   return direction == "Left";
 }

@@ -153,7 +153,8 @@ TEST(Tokenizer, RefusesFilesThatItCannotFollow) {
   };
   const std::string deep = std::string(100, '[') + std::string(100, ']');
   const std::pair<std::string, const char*> cases[] = {
-      {R"({"special_map": {"a": )" + deep + "}}", "special_tokens_map.json: not JSON"},
+      {R"({"special_map": {"a": )" + deep + "}}",
+       "special_tokens_map.json: JSON nested more than 64 deep"},
       {in_model(R"("vocab": {"new": -1})"), "\"new\".*0 to 16777216"},
       {in_model(R"("vocab": {"new": 5})"), "vocab.*5 twice"},
       {configured(R"("tokenizer_class": "XLMRobertaTokenizerFast")"),
