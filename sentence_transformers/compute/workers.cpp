@@ -156,8 +156,8 @@ class Workers {
 
   Offers::iterator _offer(std::shared_ptr<Job> job, std::size_t helpers) TOVANA_EXCLUDES(_lock) {
     const LockGuard guard(_lock);
-    ++_computing;
     _offers.push_back({std::move(job), helpers});
+    ++_computing;
     for (std::size_t idle = _idle; idle < helpers && _helpers < _processors - 1; ++idle) {
       if (!_start_helper()) break;
       ++_helpers;

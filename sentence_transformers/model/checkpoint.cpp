@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
+#include <atomic>
 #include <optional>
 #include <utility>
 
+#include "sentence_transformers/compute/finite.h"
 #include "sentence_transformers/compute/float_block.h"
 #include "sentence_transformers/compute/workers.h"
 #include "tovana/exceptions/exceptions.h"
@@ -26,17 +27,6 @@ std::string current_name(std::string_view name, std::string_view prefix) {
     }
   }
   return std::string(name);
-}
-
-/// Whether no number is infinite or NaN: all but those have an exponent that is not all ones.
-bool is_finite(std::span<const float> numbers) noexcept {
-  constexpr std::uint32_t kExponent = 0x7F800000;
-  std::uint32_t found = 0;
-  for (const float number : numbers) {
-    found |=
-        static_cast<std::uint32_t>((std::bit_cast<std::uint32_t>(number) & kExponent) == kExponent);
-  }
-  return found == 0;
 }
 
 constexpr std::size_t kRowsAtOnce = 32;
@@ -63,15 +53,20 @@ class TableCopy final : public SteppedWork {
   void run(std::size_t, std::size_t part) override {
     const std::size_t first = part * kPart;
     const std::size_t count = std::min(kPart, _out.size() - first);
-    _tensor.file->read_float32(*_tensor.entry, first, _out.subspan(first, count));
+    const std::span<float> read = _out.subspan(first, count);
+    _tensor.file->read_float32(*_tensor.entry, first, read);
+    if (!sentence_transformers::is_finite(read)) _is_finite = false;
   }
   void finish(std::size_t) override {}
+
+  bool is_finite() const noexcept { return _is_finite; }
 
  private:
   static constexpr std::size_t kPart = std::size_t{1} << 20U;
 
   const StoredTensor& _tensor;
   const std::span<float> _out;
+  std::atomic<bool> _is_finite = true;
 };
 
 }  // namespace
@@ -130,7 +125,7 @@ Matrix Checkpoint::tensor(const std::string& name) const {
   Matrix matrix(extents.rows, extents.columns);
   const std::span<float> numbers(matrix.mutable_data(), matrix.size());
   tensor.file->read_float32(*tensor.entry, 0, numbers);
-  _check_finite(name, numbers);
+  if (!is_finite(numbers)) _refuse_not_finite(name);
   return matrix;
 }
 
@@ -147,7 +142,7 @@ void Checkpoint::for_rows(const std::string& name, const RowsBody& body) const {
     } else {
       tensor.file->read_float32(*tensor.entry, first * columns, {copy.data(), count * columns});
     }
-    _check_finite(name, numbers);
+    if (!is_finite(numbers)) _refuse_not_finite(name);
     body(first, count, numbers.data());
   }
   tensor.file->discard(*tensor.entry);
@@ -163,12 +158,12 @@ Table Checkpoint::table(const std::string& name, std::size_t threads) const {
   Table table = {.matrix = Matrix(rows, columns), .memory = nullptr};
   TableCopy copy(tensor, {table.matrix.mutable_data(), table.matrix.size()});
   run_steps(copy, 1, copy.parts(), threads);
+  if (!copy.is_finite()) _refuse_not_finite(name);
   tensor.file->discard(*tensor.entry);
   return table;
 }
 
-void Checkpoint::_check_finite(const std::string& name, std::span<const float> numbers) const {
-  if (is_finite(numbers)) return;
+void Checkpoint::_refuse_not_finite(const std::string& name) const {
   refuse("the tensor " + files::in_quotes(name) +
          " holds an infinity or NaN, of which no vector comes: the model is damaged");
 }

@@ -63,7 +63,7 @@ class Checkpoint {
 
   /// A tensor of which few rows will be read. In a mapped file it is used where it lies, and its
   /// numbers are not looked at, for that would bring all of it into memory; otherwise it is copied,
-  /// on that many threads.
+  /// on that many threads, and throws what `tensor` does.
   Table table(const std::string& name, std::size_t threads) const;
 
   /// Throws RuntimeError if a file has changed since it was opened: to be asked when all is read.
@@ -74,7 +74,7 @@ class Checkpoint {
 
  private:
   const StoredTensor& _find(const std::string& name) const;
-  void _check_finite(const std::string& name, std::span<const float> numbers) const;
+  [[noreturn]] void _refuse_not_finite(const std::string& name) const;
 
   Weights _weights;
   std::map<std::string, const StoredTensor*, std::less<>> _tensors;

@@ -6,7 +6,9 @@
 #include <string>
 #include <utility>
 
+#include "sentence_transformers/compute/finite.h"
 #include "sentence_transformers/model/token_batch.h"
+#include "tovana/exceptions/exceptions.h"
 
 namespace tovana::sentence_transformers {
 namespace {
@@ -143,6 +145,10 @@ void SentenceTransformer::_finish(const Call& call, const TokenBatch& batch, con
   _pooling(states, batch, call.prompt == nullptr ? 0 : call.prompt->skipped_tokens,
            vectors.numbers.data());
   for (const SentenceModule& module : _modules) apply_module(module, _kernels, vectors);
+  if (!is_finite(vectors.numbers)) {
+    throw RuntimeError(
+        "the model gives an infinity or NaN in place of a vector: its weights are damaged");
+  }
   for (std::size_t i = 0; i < vectors.texts; ++i) {
     float* const out = call.vectors + texts[i] * _dimension;
     if (call.options.normalize) {

@@ -59,7 +59,8 @@ class SentenceTransformer {
   /// Encodes well-formed UTF-8 texts into rows of `vectors`, `[texts.size() x dimension]`, in their
   /// order. A text beyond the model's length counts as far as that reaches. Memory beside the result
   /// is bounded by a number of tokens, whatever the number of texts. Throws ValueError, naming those
-  /// there are, for a prompt that the model does not have.
+  /// there are, for a prompt that the model does not have; RuntimeError when what comes out is not
+  /// finite.
   void encode(std::span<const std::string_view> texts, const EncodeParameters& options,
               float* vectors) const;
 

@@ -1,7 +1,6 @@
 // Every fault is a ModelFilesError that names the file and what is wrong in it.
 
 #include <algorithm>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -133,11 +132,23 @@ TEST(ModelFaults, OfTheTensors) {
        {"{'bert.pooler.dense.bias': {'dtype': 'U8', 'shape': [0], 'data_offsets': [0, 0]}}",
         "the tensor 'pooler.dense.bias' is there under another name"}});
 
-  const ModelCopy damaged;
-  std::fstream file(damaged.path() / "model.safetensors", std::ios::in | std::ios::out);
-  file.seekp(-134656, std::ios::end).write("\0\0\x80\xFF", 4);  // Begins with minus infinity.
-  file.close();
-  expect_fault(damaged, "\"embeddings.LayerNorm.bias\" holds an infinity or NaN", true);
+  for (const std::string tensor : {"LayerNorm.bias", "word_embeddings.weight"}) {
+    const ModelCopy damaged;
+    const auto file = damaged.path() / "model.safetensors";
+    auto [header, data] = read_safetensors(file);
+    const std::size_t begin = header["embeddings." + tensor]["data_offsets"][0];
+    write_file(file, safetensors_file(header.dump(), data.replace(begin, 4, "\0\0\x80\xFF", 4)));
+    expect_fault(damaged, "\"embeddings." + tensor + "\" holds an infinity or NaN", true);
+    // Mapped, a table's numbers are first looked at when a text has them.
+    const files::ModelDirectory mapped(damaged.path(), damaged.path().parent_path());
+    const std::vector<std::string_view> texts = {"[PAD]"};
+    std::vector<float> vector(32);
+    EXPECT_THAT(failure_of([&] {
+                  SentenceTransformer::load(mapped, NativeRuntime(best_kernels()))
+                      ->encode(texts, {}, vector.data());
+                }),
+                testing::HasSubstr("an infinity or NaN"));
+  }
 }
 
 TEST(ModelFaults, OfEachTensorThatIsMissing) {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "tovana/base/mutex.h"
 #include "tovana/engines/embedding/backends/local/model_library.h"
 #include "tovana/engines/hub/fetch_model.h"
 
@@ -14,6 +15,15 @@ hub::CachedModel find_model(const std::string& model_name, bool local_files_only
   return hub::find_or_fetch_model(hub::parse_model_name(model_name), cache,
                                   {.local_files_only = local_files_only});
 }
+
+/// Held while the library is opened, and across forks: the system's loader does not survive a fork
+/// in the middle of that, and a child would crash in half a library.
+constinit Mutex opening;
+
+[[maybe_unused]] const bool opening_is_held_across_forks = [] {
+  hold_across_forks<opening>();
+  return true;
+}();
 
 class ProcessModelRuntime final : public ModelRuntime {
  public:
@@ -39,14 +49,12 @@ class ProcessModelRuntime final : public ModelRuntime {
   }
 
  private:
-  /// The library, opened if it was not. Threads that open it at the same moment get the same
-  /// objects from the system, so it does not matter whose handle stays.
-  ModelLibrary& _open_library() {
-    ModelLibrary* found = _library;
-    if (found != nullptr) return *found;
-    std::unique_ptr<ModelLibrary> opened = ModelLibrary::open(model_library_path());
-    if (_library.compare_exchange_strong(found, opened.get())) return *opened.release();
-    return *found;
+  /// The library, opened if it was not.
+  ModelLibrary& _open_library() TOVANA_EXCLUDES(opening) {
+    if (ModelLibrary* const found = _library; found != nullptr) return *found;
+    const LockGuard lock(opening);
+    if (_library == nullptr) _library = ModelLibrary::open(model_library_path()).release();
+    return *_library;
   }
 
   std::atomic<ModelLibrary*> _library = nullptr;  ///< Set once, never deleted.
@@ -58,5 +66,12 @@ ModelRuntime& model_runtime() {
   static ModelRuntime& runtime = *new ProcessModelRuntime;
   return runtime;
 }
+
+namespace {
+
+/// Made when the program is loaded, when nothing forks yet.
+[[maybe_unused]] const ModelRuntime& made_at_load = model_runtime();
+
+}  // namespace
 
 }  // namespace tovana::embedding
