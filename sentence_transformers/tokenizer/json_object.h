@@ -43,7 +43,7 @@ class JsonObject {
                                                            const std::string& what);
 
   /// As the file has them, the ones that do not count included.
-  const simdjson::dom::object& members() const noexcept { return _members; }
+  simdjson::dom::object members() const noexcept { return _members; }
   /// The ones that count, in the order of their names, null or not.
   std::map<std::string_view, Value> members_by_name() const;
   /// Whether there is such a member, null or not.
