@@ -196,12 +196,14 @@ std::vector<std::string_view> parts_of(std::string_view text, std::string_view s
   return parts;
 }
 
-std::string base64(std::string_view bytes) {
+/// Adds bytes as base64 has them, with its padding and without.
+void add_base64(std::string_view bytes, std::vector<std::string>& secrets) {
   std::string encoded(4 * ((bytes.size() + 2) / 3), '\0');
   EVP_EncodeBlock(reinterpret_cast<unsigned char*>(encoded.data()),
                   reinterpret_cast<const unsigned char*>(bytes.data()),
                   static_cast<int>(bytes.size()));
-  return encoded;
+  secrets.push_back(encoded);
+  if (encoded.ends_with('=')) secrets.push_back(encoded.substr(0, encoded.find('=')));
 }
 
 /// Adds user and password whole, also as basic authentication sends them, and in all their pieces,
@@ -217,7 +219,7 @@ void add_userinfo(std::string_view url, std::vector<std::string>& secrets) {
   } else {
     sent += ':';
   }
-  secrets.push_back(base64(sent));
+  add_base64(sent, secrets);
   for (const std::string_view part : parts_of(userinfo, ":@/?#\\")) {
     secrets.push_back(percent_decoded(part));
   }
@@ -229,7 +231,7 @@ void add_header_value(std::string_view value, std::vector<std::string>& secrets)
   const std::string_view key = value.substr(value.find(' ') + 1);
   for (const std::string_view whole : {value, key}) {
     secrets.emplace_back(whole);
-    secrets.push_back(base64(whole));  // as a server may write what it was sent
+    add_base64(whole, secrets);  // as a server may write what it was sent
   }
   for (const std::string_view word : parts_of(key, " ")) secrets.emplace_back(word);
 }

@@ -105,15 +105,15 @@ const Fault kFaults[] = {
     {"a drip longer than the timeout, in head and body",
      [](Connection& c) {
        const std::string lines = "A: 1\r\nB: 2\r\nC: 3\r\nD: 4\r\nE: 5\r\nF: 6\r\nG: 7\r\n";
-       c.send_slowly(response(200, kGood, lines), 4, 0.02);
+       c.send_slowly(response(200, kGood, lines), 4, 0.05);
      },
-     1, "none", 0.3},
+     1, "none", 1.2},
     {"a request taken in more slowly than the timeout",
      [](Connection& c) {
-       c.body(0.004);
+       c.body(0.009);
        c.respond(200, kGood);
      },
-     1, "none", 0.4, 12'000'000},
+     1, "none", 1.2, 12'000'000},
     {"closes without a byte", [](Connection& c) { c.close(); }, 3, "without a response"},
     {"resets without a byte", [](Connection& c) { c.reset(); }, 3, "the connection broke"},
     {"Content-Length too long", sends_and_closes(kOk + "Content-Length: 99\r\n\r\n" + kGood), 3,

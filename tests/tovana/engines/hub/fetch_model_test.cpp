@@ -22,6 +22,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "tests/support/failure_text.h"
@@ -42,6 +43,7 @@ namespace {
 namespace fs = std::filesystem;
 
 std::atomic<int> LINK_ERROR = 0;  ///< What links fail with; 0: they do not.
+std::atomic<int> LOCK_ERROR = 0;  ///< The same for locks.
 std::atomic<std::uint64_t> ROOM = std::uint64_t{1} << 40U;  ///< In an empty folder of a repository.
 
 }  // namespace
@@ -50,6 +52,11 @@ std::atomic<std::uint64_t> ROOM = std::uint64_t{1} << 40U;  ///< In an empty fol
 extern "C" int symlink(const char* target, const char* path) noexcept {
   errno = LINK_ERROR;
   return errno == 0 ? ::symlinkat(target, AT_FDCWD, path) : -1;
+}
+
+extern "C" int flock(int file, int operation) noexcept {
+  errno = LOCK_ERROR;
+  return errno == 0 ? static_cast<int>(::syscall(SYS_flock, file, operation)) : -1;
 }
 
 extern "C" int statvfs(const char* path, struct statvfs* space) noexcept {
@@ -584,6 +591,7 @@ TEST(FetchModelTest, FetchesWhatTheModelsFilesNameAlsoWithoutLinks) {
     Fetching fetching;
     fetching.settings.has_links = are_wanted;
     LINK_ERROR = are_wanted ? EPERM : 0;
+    LOCK_ERROR = are_wanted ? ENOLCK : 0;
     auto& files = fetching.hub.files;
     files.erase(kWeights);
     files["model.safetensors.index.json"] = {
@@ -617,7 +625,7 @@ TEST(FetchModelTest, FetchesWhatTheModelsFilesNameAlsoWithoutLinks) {
     EXPECT_EQ(fetching.clock.now(), 1000);                  // neither was asked for again
     EXPECT_TRUE(fs::is_empty(fetching.model() / "blobs"));  // moved
     EXPECT_EQ(fetching.fetch(), "fetched");
-    LINK_ERROR = 0;
+    LINK_ERROR = LOCK_ERROR = 0;
   }
 }
 
