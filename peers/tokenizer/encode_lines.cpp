@@ -1,5 +1,4 @@
 #include <cstddef>
-#include <cstdio>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -16,19 +15,19 @@
 int main(int argc, char** argv) {
   using namespace tovana::sentence_transformers;
   if (argc != 4) {
-    std::fputs("usage: encode_lines MODEL_DIRECTORY MAX_LENGTH LOWERCASE_FIRST\n", stderr);
+    std::cerr << "usage: encode_lines MODEL_DIRECTORY MAX_LENGTH LOWERCASE_FIRST\n";
     return 64;
   }
   try {
-    const Tokenizer tokenizer =
-        Tokenizer::load(files::ModelDirectory(argv[1]), {.lowercase_first = argv[3][0] == '1'});
+    const Tokenizer tokenizer = Tokenizer::load(tovana::files::ModelDirectory(argv[1]),
+                                                {.lowercase_first = argv[3][0] == '1'});
     const std::size_t max_length = std::stoul(argv[2]);
     for (std::string line; std::getline(std::cin, line);) {
       const std::string text = nlohmann::json::parse(line).get<std::string>();
       std::cout << nlohmann::json(tokenizer.encode(text, max_length)) << '\n';
     }
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "encode_lines: %s\n", error.what());
+    std::cerr << "encode_lines: " << error.what() << '\n';
     return 1;
   }
   return 0;

@@ -90,8 +90,9 @@ std::optional<std::vector<JsonObject>> JsonObject::read_array(
   }
   std::vector<JsonObject> objects;
   for (const Value& value : array) {
-    const std::string place = path + ": " + what + " " + std::to_string(objects.size());
-    objects.push_back(JsonObject(place, parser, value));
+    std::string place = path;
+    place.append(": ").append(what).append(" ").append(std::to_string(objects.size()));
+    objects.push_back(JsonObject(std::move(place), parser, value));
   }
   return objects;
 }
@@ -118,7 +119,7 @@ std::optional<Value> JsonObject::find(std::string_view name) const {
 std::optional<std::int64_t> JsonObject::count(std::string_view name, std::int64_t least) const {
   const std::string expected = range(least, kMost);
   const auto number = _find<std::int64_t>(name, expected);
-  if (number && (*number < least || *number > kMost)) _refuse_value(*find(name), name, expected);
+  if (number && (*number < least || *number > kMost)) _refuse_member(name, expected);
   return number;
 }
 
@@ -126,7 +127,7 @@ std::optional<std::int64_t> JsonObject::limit(std::string_view name) const {
   const std::optional<double> value = number(name);
   if (!value) return std::nullopt;
   if (!(*value >= 1) || *value != std::floor(*value)) {
-    _refuse_value(*find(name), name, "a whole number, at least 1");
+    _refuse_member(name, "a whole number, at least 1");
   }
   return static_cast<std::int64_t>(std::min(*value, static_cast<double>(kMost)));
 }
@@ -193,6 +194,11 @@ Type JsonObject::_value_of(const Value& value, std::string_view name,
   Type result{};
   if (value.get(result) != simdjson::SUCCESS) _refuse_value(value, name, expected);
   return result;
+}
+
+void JsonObject::_refuse_member(std::string_view name, std::string_view expected) const {
+  if (const auto value = find(name)) _refuse_value(*value, name, expected);
+  refuse(name, "should be " + std::string(expected));
 }
 
 void JsonObject::_refuse_value(const Value& value, std::string_view name,

@@ -82,6 +82,7 @@ class JsonObject {
   std::optional<Type> _find(std::string_view name, std::string_view expected) const;
   template <class Type>
   Type _value_of(const Value& value, std::string_view name, std::string_view expected) const;
+  [[noreturn]] void _refuse_member(std::string_view name, std::string_view expected) const;
   [[noreturn]] void _refuse_value(const Value& value, std::string_view name,
                                   std::string_view expected) const;
 

@@ -67,16 +67,19 @@ void refuse_unsupported_settings(const TokenizerSources& sources) {
 bool read_keeps_end(const TokenizerSources& sources) {
   constexpr std::string_view kSide = "truncation_side";
   const std::optional<JsonObject>& config = sources.config;
-  if (const auto side = config ? config->text(kSide) : std::nullopt) {
-    if (side != "left" && side != "right") {
-      config.value().refuse(kSide, "is neither \"left\" nor \"right\"");
+  if (config) {
+    if (const auto side = config->text(kSide)) {
+      if (side != "left" && side != "right") {
+        config->refuse(kSide, "is neither \"left\" nor \"right\"");
+      }
+      return side == "left";
     }
-    return side == "left";
   }
-  const auto direction = direction_of(sources.tokenizer, "truncation");
+  const std::optional<JsonObject>& tokenizer = sources.tokenizer;
+  if (!tokenizer) return false;
+  const auto direction = direction_of(tokenizer, "truncation");
   if (direction && direction != "Left" && direction != "Right") {
-    sources.tokenizer.value().refuse("truncation",
-                                     "is neither on the \"Left\" nor on the \"Right\"");
+    tokenizer->refuse("truncation", "is neither on the \"Left\" nor on the \"Right\"");
   }
   return direction == "Left";
 }
