@@ -24,8 +24,8 @@ abi::Text text(const std::string& value) { return {.data = value.data(), .size =
 /// "kind: message" of a failure, which is freed; "" without one.
 std::string described(abi::Error* error) {
   if (error == nullptr) return "";
-  const std::string result = std::string(error->kind.data, error->kind.size) + ": " +
-                             std::string(error->message.data, error->message.size);
+  std::string result = std::string(error->kind.data, error->kind.size) + ": " +
+                       std::string(error->message.data, error->message.size);
   table().free_error(error);
   return result;
 }
@@ -43,7 +43,7 @@ TEST(Plugin, EncodesThroughTheTable) {
   const std::vector<nlohmann::json> references = read_references(path + "/reference.jsonl");
   const std::string sentence = references[3].at("text");
   const std::vector<abi::Text> texts = {text(sentence), {.data = nullptr, .size = 0}};
-  std::vector<float> vectors(2 * 24);
+  std::vector<float> vectors(std::size_t{2} * 24);
   std::vector<std::uint32_t> counts(2);
   abi::EncodeCall call = {.texts = texts.data(),
                           .count = 2,

@@ -185,9 +185,10 @@ TEST(Tokenizer, LosesTheBeginningOrTheEndOfALongText) {
   const Ids beginning = {2, 5, 3};
   const Ids end = {2, 11, 3};
   const std::string sides = R"({"config": {"padding_side": "right", "truncation_side": )";
-  for (const auto& [change, kept] : {std::pair(sides + R"("left"}})", end),
-                                     {sides + R"("right"}, )" + left + "}", beginning},
-                                     {sides + "null}, " + left + "}", end}}) {
+  for (const auto& [change, kept] :
+       {std::pair(sides + R"("left"}})", end),
+        {(sides + R"("right"}, )").append(left).append("}"), beginning},
+        {(sides + "null}, ").append(left).append("}"), end}}) {
     EXPECT_EQ(tokenizer_after(change).encode("a b foo", 3), kept) << change;
   }
 

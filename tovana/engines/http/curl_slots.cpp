@@ -149,13 +149,13 @@ struct CurlSlots::Pool {
 
 CurlSlots::CurlSlots(Clock& clock) : _clock(clock) {
   initialize_libcurl();
-  _pools.emplace();
+  _pools = std::make_unique<PerProcess<Pool>>();
 }
 
 CurlSlots::~CurlSlots() = default;
 
 CurlSlots::Lease::Lease(CurlSlots& slots)
-    : _clock(slots._clock), _pool(slots._pools.value().get()), _slot(_pool.take(_clock.now())) {}
+    : _clock(slots._clock), _pool(slots._pools->get()), _slot(_pool.take(_clock.now())) {}
 
 CurlSlots::Lease::~Lease() {
   curl_easy_reset(_slot->easy);  // forgets the request, its key included; keeps the connections

@@ -3,7 +3,6 @@
 #include <array>
 #include <cstddef>
 #include <memory>
-#include <optional>
 #include <utility>
 
 #include <curl/curl.h>
@@ -72,7 +71,7 @@ class CurlSlots {
 
  private:
   Clock& _clock;
-  std::optional<PerProcess<Pool>> _pools;  ///< None until libcurl is initialised.
+  std::unique_ptr<PerProcess<Pool>> _pools;  ///< None until libcurl is initialised.
 };
 
 }  // namespace tovana::http

@@ -237,7 +237,7 @@ HubAnswer HubClient::get_file(const std::string& commit, const std::string& name
   http::Headers headers = {{"Accept-Encoding", "identity"}};
   if (offset > 0) headers.emplace("Range", "bytes=" + std::to_string(offset) + "-");
   return _get(
-      url, std::move(headers),
+      url, headers,
       {.idle_s = _settings.download_timeout_s, .total_s = std::numeric_limits<double>::infinity()},
       sink);
 }

@@ -125,7 +125,7 @@ void SqliteDatabase::_check_not_cut_short() {
       _first_row("SELECT page_count * page_size FROM pragma_page_count, pragma_page_size");
   // The pages that a write-ahead log holds need not be in the file.
   if (size_of(_connection.get(), SQLITE_FCNTL_JOURNAL_POINTER) > 0) return;
-  const auto expected = std::get<std::int64_t>(row.value().front());
+  const std::int64_t expected = row ? std::get<std::int64_t>(row->front()) : 0;
   const std::int64_t size = size_of(_connection.get(), SQLITE_FCNTL_FILE_POINTER);
   if (size >= expected) return;
   throw DatabaseError(Cause::not_a_database,
