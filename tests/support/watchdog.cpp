@@ -32,9 +32,9 @@ class Watchdog final : public ::testing::EmptyTestEventListener {
       std::unique_lock lock(watch.mutex);
       watch.changed.wait_for(lock, ended, kLongestTest, [] { return false; });
       if (ended.stop_requested()) return;
-      std::fprintf(stderr, "%s:%d: %s.%s hangs; its threads wait for what they tell%s\n",
-                   test.file(), test.line(), test.test_suite_name(), test.name(),
-                   Waiting::all().c_str());
+      static_cast<void>(std::fprintf(
+          stderr, "%s:%d: %s.%s hangs; its threads wait for what they tell%s\n", test.file(),
+          test.line(), test.test_suite_name(), test.name(), Waiting::all().c_str()));
       _exit(1);
     });
   }

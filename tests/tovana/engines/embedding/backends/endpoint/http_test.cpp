@@ -41,12 +41,12 @@ class HTTPBackendTest : public ::testing::Test, public http::Transport {
   void reply(std::string body) { responses.emplace_back(200, std::move(body)); }
   void fail(int status) { responses.emplace_back(status, ""); }
 
-  APIEmbeddingBackend api(std::optional<std::string> key = std::nullopt,
-                          std::string url = "http://127.0.0.1/embed/") {
+  APIEmbeddingBackend api(const std::optional<std::string>& key = std::nullopt,
+                          const std::string& url = "http://127.0.0.1/embed/") {
     return APIEmbeddingBackend(
         {.api_url = url, .api_key = key, .timeout = timeout, .transport = this, .wait = wait});
   }
-  OpenAIEmbeddingBackend openai(std::string base_url = "https://host/v1") {
+  OpenAIEmbeddingBackend openai(const std::string& base_url = "https://host/v1") {
     return OpenAIEmbeddingBackend(
         {.base_url = base_url, .api_key = "k", .timeout = timeout, .transport = this});
   }
