@@ -361,7 +361,10 @@ TEST(SystemClockTest, WaitsWithoutEndInLongSlices) {
     told = true;
     changed.notify_all();
   });
-  for (; !told; ++waits) system_clock().wait_until(changed, mutex, HUGE_VAL);
+  while (!told) {
+    ++waits;
+    system_clock().wait_until(changed, mutex, HUGE_VAL);
+  }
   EXPECT_LT(waits, 10);
 }
 

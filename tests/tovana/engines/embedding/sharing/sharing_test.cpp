@@ -13,7 +13,7 @@ namespace tovana::embedding {
 namespace {
 
 TEST(EngineConfigTest, TranslatesTheSettings) {
-  const auto translate = [](Config config, Environment keys) {
+  const auto translate = [](const Config& config, const Environment& keys) {
     return engine_config(config, &keys);
   };
   const Environment keys = {{"BRUNE_LLM_EMBEDDING_API_KEY", " "}, {"BRUNE_LLM_API_KEY", "k2"}};
@@ -76,7 +76,7 @@ struct FailingToClose final : EmbeddingEngine {
 
 TEST(SharedEnginesTest, FailuresLeaveNoEngineBehind) {
   bool can_make = false;
-  SharedEngines factory([&](EngineConfiguration) -> std::shared_ptr<EmbeddingEngine> {
+  SharedEngines factory([&](const EngineConfiguration&) -> std::shared_ptr<EmbeddingEngine> {
     if (!can_make) throw RuntimeError("cannot make");
     return std::make_shared<FailingToClose>(factory);
   });

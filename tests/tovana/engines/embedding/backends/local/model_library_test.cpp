@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <dlfcn.h>
@@ -76,7 +77,7 @@ TEST(ModelLibraryTest, SaysWhyAFileCannotBeLoadedAndTriesItAgain) {
   const TempFolder folder;
   const fs::path text = folder.path() / "text.so";
   write_file(text, "no library");
-  const std::pair<fs::path, std::string> cases[] = {
+  const std::vector<std::pair<fs::path, std::string>> cases = {
       {plugin("no_symbol"), "no symbol tovana_model_library"},
       {plugin("no_table"), "cannot work on this machine"},
       {plugin("old_version"), "boundary version 1 "},
@@ -85,9 +86,10 @@ TEST(ModelLibraryTest, SaysWhyAFileCannotBeLoadedAndTriesItAgain) {
       {folder.path(), "cannot read file data"},
       {text, "file too short"},
   };
-  for (const auto& [path, reason] : cases) {
-    EXPECT_THAT(failure_of([&] { ModelLibrary::open(path); }),
-                AllOf(HasSubstr("ModelLibraryError: "), HasSubstr(path), HasSubstr(reason)));
+  for (const auto& each : cases) {
+    EXPECT_THAT(
+        failure_of([&] { ModelLibrary::open(each.first); }),
+        AllOf(HasSubstr("ModelLibraryError: "), HasSubstr(each.first), HasSubstr(each.second)));
   }
   fs::remove(text);
   fs::copy(plugin("good"), text);
@@ -111,16 +113,18 @@ TEST(ModelLibraryTest, TurnsFailuresIntoErrorsAndGivesEverythingBack) {
   EXPECT_THAT(all.vectors.values, ElementsAre(7, 4, 1, 8, 4, 1));
   EXPECT_THAT(all.token_counts, ElementsAre(2, 3));
   library->check_model("/models/model", "/models");
-  for (const auto& [wish, failure] :
-       {std::pair{"fail ValueError", "ModelFilesError: does not work"},
-        {"fail c10::Error", "RuntimeError: c10::Error: does not work"},
-        {"fail std::bad_alloc", "std::bad_alloc: std::bad_alloc"},
-        {"throw", "with an exception, which it never should: std::logic_error: oops"},
-        {"throw int", "with an exception, which it never should: of an unknown type"}}) {
-    EXPECT_THAT(failure_of([&] { load(*library, wish); }), HasSubstr(failure));
+  const std::vector<std::pair<std::string, std::string>> wishes = {
+      {"fail ValueError", "ModelFilesError: does not work"},
+      {"fail c10::Error", "RuntimeError: c10::Error: does not work"},
+      {"fail std::bad_alloc", "std::bad_alloc: std::bad_alloc"},
+      {"throw", "with an exception, which it never should: std::logic_error: oops"},
+      {"throw int", "with an exception, which it never should: of an unknown type"}};
+  for (const auto& each : wishes) {
+    const std::string& wish = each.first;
+    EXPECT_THAT(failure_of([&] { load(*library, wish); }), HasSubstr(each.second));
     EXPECT_THAT(failure_of([&] { library->check_model(fs::path("/m") / wish, "/m"); }),
-                HasSubstr(failure));
-    EXPECT_THAT(failure_of([&] { encode(*model, wish); }), HasSubstr(failure));
+                HasSubstr(each.second));
+    EXPECT_THAT(failure_of([&] { encode(*model, wish); }), HasSubstr(each.second));
   }
   EXPECT_THAT(failure_of([&] { load(*library, "nothing"); }), HasSubstr("neither a usable model"));
 
@@ -203,11 +207,11 @@ TEST(NoWaitTest, NothingThatPromisesNotToWaitWaitsForALibraryThatOpens) {
     await_hang([model] { encode(*load(*ModelLibrary::open(plugin("good")), model), "hang"); });
   }
   struct Host {
-    ~Host() { std::fputs("its statics, ", stderr); }
+    ~Host() { static_cast<void>(std::fputs("its statics, ", stderr)); }
   };
   static const Host host;
-  std::atexit([] { std::fputs("its handlers, ", stderr); });
-  std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
+  static_cast<void>(std::atexit([] { static_cast<void>(std::fputs("its handlers, ", stderr)); }));
+  static_cast<void>(std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ));
   if (!on_main_thread) std::thread([] { std::exit(7); }).join();
   std::exit(7);
 }
