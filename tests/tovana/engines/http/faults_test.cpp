@@ -84,7 +84,7 @@ Script sends_and_closes(const std::string& bytes) {
   };
 }
 
-Script endless(std::string start, std::string repeated) {
+Script endless(const std::string& start, const std::string& repeated) {
   return [=](Connection& connection) {
     connection.send(start);
     for (int i = 0; i < 20'000; ++i) connection.send(repeated);
@@ -218,7 +218,9 @@ TEST(HttpFaults, TheWayToTheServer) {
   const std::string no_name = "http://" + std::string(70, 'a') + ".direct.example/";
   EXPECT_THAT(call(transport, no_name),
               AllOf(HasSubstr("after 3 attempts"), HasSubstr("could not be resolved")));
-  const std::string proxy = std::getenv("http_proxy");
+  const char* const variable = std::getenv("http_proxy");
+  ASSERT_NE(variable, nullptr);
+  const std::string proxy = variable;
   EXPECT_THAT(call(transport, "http://remote.example/"),
               HasSubstr("port " + proxy.substr(proxy.rfind(':') + 1)));
 }
@@ -458,7 +460,7 @@ TEST(CurlTransport, ClosesIdleConnectionsOfAllSlotsWithTheNextCall) {
   closes = true;
   burst();
   // A slot has its connection, closed by the server, and two of libcurl's own.
-  EXPECT_EQ(open_descriptors(), none + 3 * 3);
+  EXPECT_EQ(open_descriptors(), none + std::size_t{3} * 3);
   EXPECT_EQ(call(transport, other.url()), "none");
   EXPECT_EQ(open_descriptors(), none + 3 + 1);
 
@@ -517,9 +519,9 @@ TEST(CurlTransport, AForkedChildLeavesItsParentsConnectionsAlone) {
 std::function<int()>* last_of_exit = nullptr;
 
 [[gnu::constructor(101)]] void register_before_all_others() {
-  std::atexit([] {
+  static_cast<void>(std::atexit([] {
     if (last_of_exit != nullptr) ::_exit((*last_of_exit)());
-  });
+  }));
 }
 
 TEST(CurlTransport, GoesOnWhileTheProcessExits) {
