@@ -107,8 +107,11 @@ std::string modules(const std::string& list) {
   std::string text;
   for (std::string name, path; words >> name >> path;) {
     text.append(text.empty() ? "[" : ",")
-        .append(R"({"type":"sentence_transformers.models.)" + name + R"(","path":")" + path +
-                "\"}");
+        .append(R"({"type":"sentence_transformers.models.)")
+        .append(name)
+        .append(R"(","path":")")
+        .append(path)
+        .append("\"}");
   }
   return text + "]";
 }
@@ -202,7 +205,7 @@ class Fetching {
   }
   /// Leaves a part of a content, as old as that (see `set_age`).
   fs::path leave(const std::string& content, int age, const std::string& id = kWeightsId) const {
-    const fs::path path = model() / "blobs" / (id + ".00000001.incomplete");
+    fs::path path = model() / "blobs" / (id + ".00000001.incomplete");
     write_file(path, content);
     set_age(path, age);
     return path;
@@ -402,6 +405,7 @@ const Fault kFaults[] = {
     {hub("", 401, ""), "^refused: http://[*]{3}@.* refuses the token", 2},
     {hub("Bearer", 401, ""), "^fetched"},
     {names_a_tag, "^fetched"},
+    // NOLINTNEXTLINE(bugprone-string-constructor): it is to be large
     {hub("", 200, "", std::string(8'400'000, ' ')), "^bad_answer.* more than 8 MiB", 1},
     {hub("/revision/", 200, "", R"({"sha":"../../etc"})"), "^bad_answer.*else than a model's", 1},
     // What passes, and what does not.
