@@ -244,14 +244,9 @@ TEST(HttpFaults, AProxyThatRefusesATunnelMayGiveItLater) {
 }
 
 TEST(HttpFaults, NoMessageTellsTheSecretsOfAProxy) {
-  // A process of its own for each, with a proxy of its own, since the variable is the process's.
+  // A process of its own for each, since the variable is the process's.
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  std::atomic<const std::string_view*> reply = nullptr;
-  HttpServer proxy([&reply](Connection& connection) {
-    connection.send(*reply.load());
-    connection.close();
-  });
-  const std::string at_proxy = "://us3r:psec@127.0.0.1:" + std::to_string(proxy.port());
+  const std::string at_proxy = "://us3r:psec@127.0.0.1:";
   const std::string no_name = "http://us3r:psec@" + std::string(70, 'a');
   struct Case {
     std::string proxy;
@@ -272,15 +267,22 @@ TEST(HttpFaults, NoMessageTellsTheSecretsOfAProxy) {
       {"socks4a" + at_proxy, "proxy variables", "\0\x5B\0\0\0\0\0\0"sv},
   };
   for (const Case& given : cases) {
-    const auto meet_proxy = [&] {
-      reply = &given.reply;
-      ::setenv("http_proxy", given.proxy.c_str(), 1);
+    const auto converse = [&given] {
+      const HttpServer proxy([&given](Connection& connection) {
+        connection.send(given.reply);
+        connection.close();
+      });
+      const std::string port = given.reply.empty() ? "" : std::to_string(proxy.port());
+      ::setenv("http_proxy", (given.proxy + port).c_str(), 1);
       CurlTransport transport;
       ReplySink sink(0);
       const Outcome outcome = transport.send({.url = "http://remote.example/"}, sink);
       EXPECT_EQ(outcome.ending, given.ending);
       EXPECT_THAT(outcome.problem, AllOf(HasSubstr(given.said), Not(HasSubstr("psec")),
                                          Not(HasSubstr("ret@")), Not(HasSubstr("us3r"))));
+    };
+    const auto meet_proxy = [&] {
+      converse();  // the proxy's threads have ended before the process does
       ::_exit(HasFailure() ? 1 : 0);
     };
     EXPECT_EXIT(meet_proxy(), ::testing::ExitedWithCode(0), "") << given.proxy;
