@@ -9,7 +9,7 @@
 #include "failure.h"
 #include "option_values.h"
 #include "tovana/base/logging.h"
-#include "tovana/config/config.h"
+#include "tovana/config/config_file.h"
 #include "tovana/engines/embedding/backends/endpoint/http.h"
 #include "tovana/engines/embedding/settings.h"
 #include "tovana/engines/embedding/sharing/engine_config.h"

@@ -1,12 +1,9 @@
 #pragma once
 
-#include <filesystem>
 #include <optional>
 #include <string>
 
-#include "tovana/base/environment.h"
-
-/// The daemon's settings, as far as this component reads them, and the file that they are kept in.
+/// The daemon's settings, as far as this component reads them.
 namespace tovana {
 
 struct Config {
@@ -23,23 +20,5 @@ struct Config {
   Daemon daemon;
   Generation generation;
 };
-
-/// The settings in a TOML file:
-///
-///     [daemon]
-///     embedding_backend = "openai"
-///     [generation]
-///     base_url = "http://localhost:8080/v1"
-///     embedding_model = "nomic-embed-text"
-///
-/// What is missing keeps its default; sections and keys of other components are passed over. Throws
-/// RuntimeError when the file cannot be read, and ValueError, with the file, the line and what to
-/// write instead, when it is not TOML or a value is not a text.
-Config load_config(const std::filesystem::path& file);
-
-/// Where the user's settings are kept: `$XDG_CONFIG_HOME/tovana/settings.toml`, by default under
-/// `~/.config`. Null when neither variable says where that is. The file need not exist. A null
-/// `environment` is the process's own.
-std::optional<std::filesystem::path> user_config_file(const Environment* environment = nullptr);
 
 }  // namespace tovana

@@ -1,4 +1,4 @@
-#include "tovana/config/config.h"
+#include "tovana/config/config_file.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

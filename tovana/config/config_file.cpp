@@ -1,11 +1,10 @@
-#include "tovana/config/config.h"
+#include "tovana/config/config_file.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 
-// Compiled in: who links this does not need the library.
 #define TOML_HEADER_ONLY 1
 #include <toml++/toml.h>
 
