@@ -1,15 +1,14 @@
 #include "interrupts.h"
 
 #include <cerrno>
-#include <ctime>
 #include <thread>
 #include <utility>
 
-#include <sys/eventfd.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "failure.h"
-#include "tovana/base/clock.h"
+#include "tovana/base/platform.h"
 
 namespace tovana::tool {
 namespace {
@@ -21,29 +20,21 @@ bool is_ignored(int signal_number) {
   return sigaction(signal_number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-/// Waits for one of the signals until the deadline, a point of the system clock.
-void wait_for_another(const sigset_t& signals, double deadline) {
-  for (;;) {
-    const double left = deadline - system_clock().now();
-    if (left <= 0) return;
-    const auto seconds = static_cast<std::time_t>(left);
-    const timespec timeout = {seconds,
-                              static_cast<long>((left - static_cast<double>(seconds)) * 1e9)};
-    if (sigtimedwait(&signals, nullptr, &timeout) >= 0) return;
-    if (errno != EINTR) return;
+std::array<int, 2> make_pipe() {
+  std::array<int, 2> ends = {-1, -1};
+  if (pipe(ends.data()) != 0) {
+    throw Failure(ExitStatus::call_failed,
+                  "cannot begin: " + system_reason(errno) +
+                      "; let the process open more files, as with ulimit -n");
   }
+  for (const int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
+  return ends;
 }
 
 }  // namespace
 
 Interrupts::Interrupts(std::function<void()> discard_unfinished)
-    : _discard_unfinished(std::move(discard_unfinished)),
-      _descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (_descriptor < 0) {
-    throw Failure(ExitStatus::call_failed,
-                  "cannot begin: " + system_reason(errno) +
-                      "; let the process open more files, as with ulimit -n");
-  }
+    : _discard_unfinished(std::move(discard_unfinished)), _pipe(make_pipe()) {
   sigset_t signals;
   sigemptyset(&signals);
   for (const int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
@@ -70,9 +61,9 @@ void Interrupts::wait_for_signals(const sigset_t& signals) {
   while (sigwait(&signals, &received) != 0) {
   }
   _requested = true;
-  eventfd_write(_descriptor, 1);
+  static_cast<void>(!write(_pipe[1], "", 1));  // a pipe has room for one byte
   on_request({});
-  wait_for_another(signals, system_clock().now() + kGraceS);
+  take_signal(signals, kGraceS);
   _discard_unfinished();
   // Nothing is flushed: the thread that holds a stream's lock may be the one that does not end.
   _exit(static_cast<int>(ExitStatus::interrupted));

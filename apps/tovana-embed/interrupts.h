@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <functional>
@@ -34,13 +35,13 @@ class Interrupts {
   /// Any thread may ask.
   bool requested() const noexcept { return _requested; }
   /// Readable, for poll, from the first signal on. Never read from it.
-  int descriptor() const noexcept { return _descriptor; }
+  int descriptor() const noexcept { return _pipe[0]; }
 
  private:
   [[noreturn]] void wait_for_signals(const sigset_t& signals);
 
   std::function<void()> _discard_unfinished;
-  int _descriptor;
+  std::array<int, 2> _pipe;  ///< What is read, and what is written.
   std::atomic<bool> _requested = false;
   mutable Mutex _lock;
   mutable std::function<void()> _action TOVANA_GUARDED_BY(_lock);

@@ -5,7 +5,7 @@
 #include <charconv>
 #include <cstdlib>
 
-#include "sentence_transformers/compute/processors.h"
+#include "tovana/base/platform.h"
 
 namespace tovana::sentence_transformers {
 namespace {

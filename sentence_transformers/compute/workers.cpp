@@ -13,10 +13,10 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-#include "sentence_transformers/compute/processors.h"
 #include "tovana/base/background_thread.h"
 #include "tovana/base/mutex.h"
 #include "tovana/base/per_process.h"
+#include "tovana/base/platform.h"
 
 namespace tovana::sentence_transformers {
 namespace {

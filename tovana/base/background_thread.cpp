@@ -4,7 +4,7 @@
 #include <thread>
 #include <utility>
 
-#include <sys/prctl.h>
+#include "tovana/base/platform.h"
 
 namespace tovana {
 namespace {
@@ -30,8 +30,7 @@ class SignalsBlocked {
 void start_background_thread(const char* name, std::function<void()> body) {
   const SignalsBlocked signals_blocked;
   std::thread([name, body = std::move(body)] {
-    // Cuts a long name, where pthread_setname_np would set none.
-    prctl(PR_SET_NAME, name);
+    name_this_thread(name);
     body();
   }).detach();
 }

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include <sys/mman.h>
+#include "tovana/base/platform.h"
 
 namespace tovana {
 namespace {
@@ -18,7 +18,7 @@ void prefer_huge_pages(void* block, std::size_t size) noexcept {
   const std::size_t ahead =
       (kHugePage - reinterpret_cast<std::uintptr_t>(block) % kHugePage) % kHugePage;
   const std::size_t whole = (size - ahead) / kHugePage * kHugePage;
-  static_cast<void>(madvise(static_cast<char*>(block) + ahead, whole, MADV_HUGEPAGE));
+  advise_huge_pages(static_cast<char*>(block) + ahead, whole);
 }
 
 }  // namespace tovana

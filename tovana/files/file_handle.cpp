@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "tovana/base/platform.h"
 #include "tovana/exceptions/exceptions.h"
 #include "tovana/files/model_files_error.h"
 
@@ -28,7 +29,7 @@ FileHandle::FileHandle(int descriptor, std::string path) : FileHandle(std::move(
   const struct stat status = status_of(_descriptor, _path);
   if (!S_ISREG(status.st_mode)) throw ModelFilesError(_path + ": not a regular file");
   _size = static_cast<std::uint64_t>(status.st_size);
-  _modified = status.st_mtim;
+  _modified = modification_time(status);
 }
 
 FileHandle& FileHandle::operator=(FileHandle&& other) noexcept {
@@ -68,7 +69,8 @@ void FileHandle::check_unchanged() const {
     throw RuntimeError(_path + ": changed while it was read, from " + std::to_string(_size) +
                        " to " + std::to_string(status.st_size) + " bytes: try again");
   }
-  if (status.st_mtim.tv_sec != _modified.tv_sec || status.st_mtim.tv_nsec != _modified.tv_nsec) {
+  const timespec modified = modification_time(status);
+  if (modified.tv_sec != _modified.tv_sec || modified.tv_nsec != _modified.tv_nsec) {
     throw RuntimeError(_path + ": changed while it was read: try again");
   }
 }

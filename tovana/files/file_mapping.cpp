@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "tovana/base/platform.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::files {
@@ -18,8 +19,8 @@ std::span<std::byte> map(const FileHandle& file) {
   if (mapped == MAP_FAILED) {
     throw RuntimeError(file.path() + ": cannot be mapped: " + std::strerror(errno));
   }
-  // A look at one byte would bring in the 2 MB around it, also of what has been given back. A hint.
-  static_cast<void>(madvise(mapped, file.size(), MADV_NOHUGEPAGE));
+  // A look at one byte would bring in the 2 MB around it, also of what has been given back.
+  advise_small_pages(mapped, file.size());
   return {static_cast<std::byte*>(mapped), file.size()};
 }
 

@@ -13,7 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "sentence_transformers/compute/processors.h"
+#include "tovana/base/platform.h"
 
 namespace tovana::sentence_transformers {
 namespace {

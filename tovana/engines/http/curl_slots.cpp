@@ -7,11 +7,11 @@
 #include <vector>
 
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "tovana/base/libcrypto.h"
 #include "tovana/base/mutex.h"
+#include "tovana/base/platform.h"
 #include "tovana/base/process_once.h"
 #include "tovana/engines/http/sigpipe_guard.h"
 #include "tovana/exceptions/exceptions.h"
@@ -38,7 +38,7 @@ void initialize_libcurl() {
 }
 
 curl_socket_t open_socket(void* slot, curlsocktype /*purpose*/, curl_sockaddr* address) {
-  const int opened = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  const int opened = open_private_socket(address->family, address->socktype, address->protocol);
   auto& sockets = static_cast<CurlSlot*>(slot)->sockets;
   const auto free_place = std::ranges::find(sockets, CURL_SOCKET_BAD);
   if (opened != CURL_SOCKET_BAD && free_place != sockets.end()) *free_place = opened;
@@ -54,7 +54,7 @@ int close_socket(void* slot, curl_socket_t closed) {
 /// have come do not mean that: TLS sends tickets for later unasked.
 void append_polls(const CurlSlot& slot, std::vector<pollfd>& polls) {
   for (const curl_socket_t socket : slot.sockets) {
-    if (socket != CURL_SOCKET_BAD) polls.push_back({socket, POLLRDHUP, 0});
+    if (socket != CURL_SOCKET_BAD) polls.push_back({socket, peer_closed_event(), 0});
   }
 }
 

@@ -2,6 +2,8 @@
 
 #include <csignal>
 
+#include "tovana/base/platform.h"
+
 namespace tovana::http {
 
 /// Keeps SIGPIPE, whose default action ends the process, from this thread for the length of a
@@ -19,10 +21,7 @@ class SigpipeGuard {
   }
 
   ~SigpipeGuard() {
-    if (!_was_pending) {
-      const timespec at_once{};
-      sigtimedwait(&_sigpipe, nullptr, &at_once);  // takes away the one raised in the scope, if any
-    }
+    if (!_was_pending) take_signal(_sigpipe, 0);  // the one raised in the scope, if any
     pthread_sigmask(SIG_SETMASK, &_previous_mask, nullptr);
   }
 

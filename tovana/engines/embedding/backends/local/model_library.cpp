@@ -11,9 +11,9 @@
 #include <utility>
 
 #include <dlfcn.h>
-#include <link.h>
 #include <sys/stat.h>
 
+#include "tovana/base/platform.h"
 #include "tovana/base/text.h"
 #include "tovana/files/model_files_error.h"
 
@@ -109,18 +109,9 @@ class LibraryModel final : public LocalModel {
 /// Of the directories that the file may be in, those that are known.
 std::vector<fs::path> directories_beside() {
   std::vector<fs::path> directories;
-  Dl_info symbol;
-  link_map* object = nullptr;
-  // The name is the one that the component was loaded by: relative, it meant another directory
-  // then; empty, the component is part of the executable.
-  if (dladdr1(reinterpret_cast<const void*>(&model_library_path), &symbol,
-              reinterpret_cast<void**>(&object), RTLD_DL_LINKMAP) != 0) {
-    const fs::path name = object->l_name;
-    if (name.is_absolute()) directories.push_back(name.parent_path());
+  for (const fs::path& file : {file_of_this_component(), executable_file()}) {
+    if (!file.empty()) directories.push_back(file.parent_path());
   }
-  std::error_code unknown;
-  const fs::path executable = fs::read_symlink("/proc/self/exe", unknown);
-  if (!unknown) directories.push_back(executable.parent_path());
   return directories;
 }
 
