@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <limits>
 #include <new>
 #include <string_view>
@@ -106,12 +107,24 @@ class LibraryModel final : public LocalModel {
   const std::size_t _dimension;
 };
 
-/// Of the directories that the file may be in, those that are known.
-std::vector<fs::path> directories_beside() {
-  std::vector<fs::path> directories;
+/// The directories that the file may be in, the first ones first.
+std::vector<fs::path> directories_to_search() {
+  std::vector<fs::path> beside;
   for (const fs::path& file : {file_of_this_component(), executable_file()}) {
-    if (!file.empty()) directories.push_back(file.parent_path());
+    if (!file.empty()) beside.push_back(file.parent_path());
   }
+  std::vector<fs::path> directories = beside;
+  // The installed place, from where a library or a program of the same installation lies, so that
+  // it can be moved as a whole.
+  const fs::path installed = "tovana";
+  for (const fs::path& directory : beside) {
+    directories.push_back(directory / installed);
+    directories.push_back(directory / TOVANA_LIBDIR_FROM_BINDIR / installed);
+  }
+  // From anywhere else, for a host that has the component linked in: where its linker was told that
+  // the libraries are, and where they were made to be.
+  std::ranges::move(runpath_of_this_component(), std::back_inserter(directories));
+  directories.push_back(TOVANA_INSTALL_LIBDIR / installed);
   return directories;
 }
 
@@ -167,8 +180,8 @@ fs::path model_library_path(const Environment* environment) {
     if (!check_file(path)) throw ModelLibraryError(subject + ": there is no such file");
     return path;
   }
-  for (const fs::path& directory : directories_beside()) {
-    fs::path path = directory / abi::kFileName;
+  for (const fs::path& directory : directories_to_search()) {
+    fs::path path = (directory / abi::kFileName).lexically_normal();
     if (check_file(path)) return path;
   }
   throw ModelLibraryNotInstalled();

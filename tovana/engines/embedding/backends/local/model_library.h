@@ -36,8 +36,10 @@ class ModelLibraryError final : public RuntimeError {
 };
 
 /// Where the model library's file is: at the path in `MODEL_LIBRARY_ENV`, else beside the library
-/// that holds this component, else beside the executable. Never looked for in the working
-/// directory, nor along LD_LIBRARY_PATH.
+/// that holds this component, else beside the executable, else where it is installed: in `tovana/`
+/// of the library folder, which is looked for from those two, along the RUNPATH of the file that
+/// holds this component, and at the path that the build was told. Never in the working directory,
+/// nor along LD_LIBRARY_PATH.
 ///
 /// Throws ModelLibraryNotInstalled when the variable is not set and there is no such file;
 /// EnvironmentVariableError for a relative path in it; ModelLibraryError when the path in it leads
