@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/tovana/engines/embedding/backends/local/fake_model_runtime.h"
+#include "tovana/base/condition_variable.h"
 #include "tovana/base/logging.h"
 #include "tovana/engines/embedding/engine/engine.h"
 #include "tovana/engines/embedding/engine/engine_surroundings.h"

@@ -15,6 +15,7 @@
 
 #include "progress_line.h"
 #include "tovana/base/clock.h"
+#include "tovana/base/condition_variable.h"
 #include "tovana/base/mutex.h"
 #include "tovana/base/text.h"
 #include "tovana/engines/hub/fetch_progress.h"

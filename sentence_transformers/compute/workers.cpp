@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "tovana/base/background_thread.h"
+#include "tovana/base/condition_variable.h"
 #include "tovana/base/mutex.h"
 #include "tovana/base/per_process.h"
 #include "tovana/base/platform.h"

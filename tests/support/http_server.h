@@ -12,6 +12,7 @@
 
 #include <openssl/ssl.h>
 
+#include "tovana/base/condition_variable.h"
 #include "tovana/base/mutex.h"
 
 namespace tovana::testing {

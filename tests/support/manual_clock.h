@@ -3,6 +3,7 @@
 #include <list>
 
 #include "tovana/base/clock.h"
+#include "tovana/base/condition_variable.h"
 #include "tovana/base/mutex.h"
 
 namespace tovana::testing {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 
+#include "tovana/base/condition_variable.h"
+
 namespace tovana {
 namespace {
 

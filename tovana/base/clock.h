@@ -1,13 +1,17 @@
 #pragma once
 
-#include "tovana/base/mutex.h"
+#include "tovana/base/export.h"
+#include "tovana/base/lock_reference.h"
+#include "tovana/base/thread_annotations.h"
 
 /// Time as a parameter: whatever waits or measures takes a `Clock`, and a test hands it one that it
 /// moves by hand.
 namespace tovana {
 
+class ConditionVariable;  // condition_variable.h
+
 /// A monotonic clock and the waits on it. Any thread may call any operation.
-class Clock {
+class TOVANA_API Clock {
  public:
   virtual ~Clock() = default;
 
@@ -29,6 +33,6 @@ class Clock {
 };
 
 /// The machine's monotonic clock. One for the process, never destroyed.
-Clock& system_clock();
+TOVANA_API Clock& system_clock();
 
 }  // namespace tovana

@@ -7,6 +7,7 @@
 
 #include <spdlog/pattern_formatter.h>
 
+#include "tovana/base/hold_across_forks.h"
 #include "tovana/base/mutex.h"
 #include "tovana/base/text.h"
 #include "tovana/exceptions/exceptions.h"

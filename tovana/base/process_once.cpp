@@ -1,5 +1,6 @@
 #include "tovana/base/process_once.h"
 
+#include "tovana/base/hold_across_forks.h"
 #include "tovana/base/mutex.h"
 
 namespace tovana {

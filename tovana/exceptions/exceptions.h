@@ -4,6 +4,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "tovana/base/export.h"
+
 /// The error kinds of the daemon. Every error is thrown; none is returned.
 ///
 /// `Error` says what kind of error it is; it is a mixin and no `std::exception` itself. Each
@@ -12,7 +14,7 @@
 /// one without an ambiguous base.
 namespace tovana {
 
-class Error {
+class TOVANA_API Error {
  public:
   virtual ~Error() = default;
 
@@ -28,7 +30,7 @@ class Error {
 };
 
 /// An operation failed for a reason outside the arguments it was given.
-class RuntimeError : public Error, public std::runtime_error {
+class TOVANA_API RuntimeError : public Error, public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
   const char* kind() const noexcept override { return "RuntimeError"; }
@@ -36,7 +38,7 @@ class RuntimeError : public Error, public std::runtime_error {
 };
 
 /// An argument or a configuration value has a form that the operation cannot work with.
-class ValueError : public Error, public std::invalid_argument {
+class TOVANA_API ValueError : public Error, public std::invalid_argument {
  public:
   using std::invalid_argument::invalid_argument;
   const char* kind() const noexcept override { return "ValueError"; }
@@ -44,7 +46,7 @@ class ValueError : public Error, public std::invalid_argument {
 };
 
 /// The request cannot be served now; the same request may succeed later.
-class TryAgainLaterError : public Error, public std::runtime_error {
+class TOVANA_API TryAgainLaterError : public Error, public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
   const char* kind() const noexcept override { return "TryAgainLaterError"; }
@@ -53,9 +55,9 @@ class TryAgainLaterError : public Error, public std::runtime_error {
 
 /// The name of an error's kind: `kind()` for ours, the demangled type for any other
 /// ("std::bad_alloc").
-std::string error_kind(const std::exception& error);
+TOVANA_API std::string error_kind(const std::exception& error);
 
 /// A failure in one line: the kind's name, ": ", and the message.
-std::string failure_text(const std::exception& error);
+TOVANA_API std::string failure_text(const std::exception& error);
 
 }  // namespace tovana

@@ -20,7 +20,7 @@ inline constexpr std::int64_t DEFAULT_EMBED_MAX_ATTEMPTS = 3;
 inline constexpr double DEFAULT_EMBED_BACKOFF = 0.5;
 
 /// HTTP statuses of an endpoint that are tried again: it is overloaded, or it failed.
-inline const http::StatusSet _EMBED_RETRY_STATUSES = {429, {500, 599}};
+inline constexpr http::StatusSet _EMBED_RETRY_STATUSES = {429, {500, 599}};
 
 /// Seconds that the engine's waiting calls wait for the model before they say it is not ready.
 inline constexpr double DEFAULT_WAIT_S = 60.0;

@@ -1,8 +1,8 @@
 #include "tovana/engines/http/retry_policy.h"
 
 #include <algorithm>
-#include <cstddef>
 
+#include "tovana/base/condition_variable.h"
 #include "tovana/base/mutex.h"
 
 namespace tovana::http {
@@ -22,19 +22,6 @@ WaitEnding wait_unless_stopped(double seconds, const StopTest& should_stop, Cloc
     const LockGuard lock(mutex);
     clock.wait_until(never_notified, mutex, slice_end);
   }
-}
-
-StatusSet::StatusSet(std::initializer_list<Range> ranges) {
-  for (const Range& range : ranges) {
-    for (int status = range.first; status <= range.last; ++status) {
-      _statuses.set(static_cast<std::size_t>(status));
-    }
-  }
-}
-
-bool StatusSet::contains(int status) const noexcept {
-  const auto index = static_cast<std::size_t>(status);
-  return index < _statuses.size() && _statuses[index];
 }
 
 }  // namespace tovana::http

@@ -1,14 +1,17 @@
 #pragma once
 
-#include <bitset>
+#include <array>
 #include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 
 #include "tovana/base/clock.h"
+#include "tovana/base/export.h"
 
 /// When a call is tried again, how long it waits in between, and what ends it early.
 namespace tovana::http {
@@ -25,27 +28,45 @@ using Wait = std::function<WaitEnding(double seconds, const StopTest& should_sto
 
 /// The default `Wait`: asks the stop test at once and then every 50 ms, and returns when it says
 /// stop or the seconds have passed. Seconds that are not above 0 have passed already.
-WaitEnding wait_unless_stopped(double seconds, const StopTest& should_stop, Clock& clock);
+TOVANA_API WaitEnding wait_unless_stopped(double seconds, const StopTest& should_stop,
+                                          Clock& clock);
 
 /// A set of HTTP statuses, given as single ones and inclusive ranges: `StatusSet{429, {500, 599}}`.
 class StatusSet {
  public:
   struct Range {
     // NOLINTNEXTLINE(google-explicit-constructor): a status stands for the range of only itself
-    Range(int only) : first(only), last(only) {}
-    Range(int first_status, int last_status) : first(first_status), last(last_status) {}
+    constexpr Range(int only) : first(only), last(only) {}
+    constexpr Range(int first_status, int last_status) : first(first_status), last(last_status) {}
     int first;
     int last;
   };
 
   StatusSet() = default;
   /// Throws std::out_of_range for a status outside 0 to 999.
-  StatusSet(std::initializer_list<Range> ranges);
+  constexpr StatusSet(std::initializer_list<Range> ranges) {
+    for (const Range& range : ranges) {
+      for (int status = range.first; status <= range.last; ++status) {
+        if (!_is_known(status)) throw std::out_of_range("an HTTP status is 0 to 999");
+        _bits[_index(status) / 64] |= _mask(status);
+      }
+    }
+  }
 
-  bool contains(int status) const noexcept;
+  constexpr bool contains(int status) const noexcept {
+    return _is_known(status) && (_bits[_index(status) / 64] & _mask(status)) != 0;
+  }
 
  private:
-  std::bitset<1000> _statuses;
+  static constexpr bool _is_known(int status) noexcept { return status >= 0 && status < 1000; }
+  static constexpr std::size_t _index(int status) noexcept {
+    return static_cast<std::size_t>(status);
+  }
+  static constexpr std::uint64_t _mask(int status) noexcept {
+    return std::uint64_t{1} << (_index(status) % 64);
+  }
+
+  std::array<std::uint64_t, 16> _bits = {};  ///< One a status.
 };
 
 /// The fields of a `RetryPolicy`. Named apart so that a policy is written with the fields that

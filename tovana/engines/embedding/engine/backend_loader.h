@@ -8,6 +8,7 @@
 #include <string>
 
 #include "tovana/base/clock.h"
+#include "tovana/base/condition_variable.h"
 #include "tovana/base/mutex.h"
 #include "tovana/engines/embedding/backends/backend.h"
 #include "tovana/engines/embedding/backends/local/model_runtime.h"

@@ -13,6 +13,7 @@
 #include "tests/support/manual_clock.h"
 #include "tests/support/waiting.h"
 #include "tests/tovana/engines/embedding/backends/local/fake_model_runtime.h"
+#include "tovana/base/condition_variable.h"
 #include "tovana/base/mutex.h"
 #include "tovana/engines/embedding/engine/engine.h"
 #include "tovana/engines/embedding/engine/engine_surroundings.h"

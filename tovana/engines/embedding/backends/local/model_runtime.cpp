@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "tovana/base/hold_across_forks.h"
 #include "tovana/base/mutex.h"
 #include "tovana/engines/embedding/backends/local/model_library.h"
 #include "tovana/engines/hub/fetch_model.h"
