@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "tovana/base/export.h"
 #include "tovana/exceptions/exceptions.h"
 
 /// What fetching a model fails with. The messages are one line each: which model, from where, what
@@ -9,7 +10,7 @@
 namespace tovana::hub {
 
 /// The hub cannot be reached, refuses, has no such model, or sent something else than it announced.
-class ModelFetchError : public RuntimeError {
+class TOVANA_API ModelFetchError : public RuntimeError {
  public:
   /// What decides whether trying again may help, and what to do if it does not.
   enum class Cause {
@@ -30,7 +31,7 @@ class ModelFetchError : public RuntimeError {
 };
 
 /// The cache cannot be written to: no right to, or no room.
-class CacheNotWritableError : public RuntimeError {
+class TOVANA_API CacheNotWritableError : public RuntimeError {
  public:
   using RuntimeError::RuntimeError;
   const char* kind() const noexcept override { return "CacheNotWritableError"; }

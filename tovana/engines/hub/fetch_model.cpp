@@ -25,6 +25,7 @@
 #include "tovana/engines/hub/hub_client.h"
 #include "tovana/engines/hub/needed_files.h"
 #include "tovana/engines/hub/partial_blob.h"
+#include "tovana/engines/hub/report_fetch_progress.h"
 #include "tovana/files/model_directory.h"
 
 namespace tovana::hub {

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "tovana/base/mutex.h"
+#include "tovana/engines/hub/report_fetch_progress.h"
 
 namespace tovana::hub {
 namespace {

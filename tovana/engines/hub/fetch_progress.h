@@ -5,6 +5,8 @@
 #include <functional>
 #include <string_view>
 
+#include "tovana/base/export.h"
+
 /// Telling somebody how far a fetch is. A fetch happens deep inside of whatever wanted the model,
 /// so this is process-wide, as the log sink is.
 namespace tovana::hub {
@@ -45,9 +47,6 @@ using FetchObserver = std::function<void(const FetchProgress&)>;
 
 /// Replaces the observer; an empty one is none. A fetch that is under way may still call the old
 /// one.
-void set_fetch_observer(FetchObserver observer);
-
-/// For whoever fetches: hands a moment to the observer, if there is one.
-void report_fetch_progress(const FetchProgress& progress) noexcept;
+TOVANA_API void set_fetch_observer(FetchObserver observer);
 
 }  // namespace tovana::hub
