@@ -11,6 +11,7 @@
 #include "tovana/base/logging.h"
 #include "tovana/config/config_file.h"
 #include "tovana/engines/embedding/backends/endpoint/http.h"
+#include "tovana/engines/embedding/engine/configuration_values.h"
 #include "tovana/engines/embedding/settings.h"
 #include "tovana/engines/embedding/sharing/engine_config.h"
 #include "tovana/engines/http/url.h"

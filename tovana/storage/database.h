@@ -9,6 +9,8 @@
 #include <variant>
 #include <vector>
 
+#include "tovana/base/export.h"
+
 /// A database as far as this component asks for one: a query, and the first row of its result.
 namespace tovana::storage {
 
@@ -20,7 +22,7 @@ using PositionalRow = std::vector<DatabaseValue>;
 using NamedRow = std::map<std::string, DatabaseValue, std::less<>>;
 using DatabaseRow = std::variant<PositionalRow, NamedRow>;
 
-class Database {
+class TOVANA_API Database {
  public:
   virtual ~Database() = default;
 

@@ -6,6 +6,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "tovana/base/export.h"
+
 namespace tovana::storage {
 
 /// An in-memory index of vectors for exact search by cosine similarity: every search looks at every
@@ -15,7 +17,7 @@ namespace tovana::storage {
 /// anything to a query that is zero.
 ///
 /// Threads: none of its own, no lock; one owner uses it, or its users take turns.
-class EmbeddingIndex {
+class TOVANA_API EmbeddingIndex {
  public:
   struct Neighbour {
     std::int64_t id;

@@ -6,7 +6,8 @@
 /// model's fetch. The reader of the daemon's database is a library of its own
 /// (tovana/storage/sqlite).
 
-#include "tovana/base/logging.h"
+#include "tovana/base/clock.h"
+#include "tovana/base/log_sink.h"
 #include "tovana/engines/embedding/backends/backend.h"
 #include "tovana/engines/embedding/backends/endpoint/http.h"
 #include "tovana/engines/embedding/backends/local/local.h"

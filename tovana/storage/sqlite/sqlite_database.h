@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "tovana/base/export.h"
 #include "tovana/exceptions/exceptions.h"
 #include "tovana/storage/database.h"
 
@@ -13,7 +14,7 @@ struct sqlite3;
 namespace tovana::storage {
 
 /// A database could not be read. The message names the file, the cause, and what to do.
-class DatabaseError final : public RuntimeError {
+class TOVANA_API DatabaseError final : public RuntimeError {
  public:
   enum class Cause {
     no_such_file,
@@ -32,7 +33,7 @@ class DatabaseError final : public RuntimeError {
 };
 
 /// Another process has held the database's lock for longer than the wait.
-class DatabaseLockedError final : public TryAgainLaterError {
+class TOVANA_API DatabaseLockedError final : public TryAgainLaterError {
  public:
   using TryAgainLaterError::TryAgainLaterError;
   const char* kind() const noexcept override { return "DatabaseLockedError"; }
@@ -40,7 +41,7 @@ class DatabaseLockedError final : public TryAgainLaterError {
 
 /// An SQLite file, opened to be read and never created or changed. Its rows are positional. For one
 /// thread at a time.
-class SqliteDatabase final : public Database {
+class TOVANA_API SqliteDatabase final : public Database {
  public:
   static constexpr double kDefaultLockWaitS = 5;
 

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tovana/base/export.h"
+
 namespace tovana::embedding {
 
 /// The embedding of one text: `dimension` 64-bit floats.
@@ -13,7 +15,7 @@ using Vector = std::vector<double>;
 /// either kind.
 ///
 /// Threads: every operation may be called from any number of threads at once.
-class EmbeddingBackend {
+class TOVANA_API EmbeddingBackend {
  public:
   virtual ~EmbeddingBackend() = default;
   EmbeddingBackend(const EmbeddingBackend&) = delete;

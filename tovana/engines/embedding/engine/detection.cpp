@@ -7,9 +7,10 @@
 
 #include "tovana/base/logging.h"
 #include "tovana/engines/embedding/backends/endpoint/http.h"
-#include "tovana/engines/embedding/backends/local/local.h"
+#include "tovana/engines/embedding/backends/local/local_surroundings.h"
 #include "tovana/engines/embedding/backends/local/model_library.h"
 #include "tovana/engines/embedding/backends/tfidf/tfidf.h"
+#include "tovana/engines/embedding/engine/configuration_values.h"
 #include "tovana/engines/embedding/settings.h"
 #include "tovana/exceptions/exceptions.h"
 

@@ -1,11 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "tovana/base/export.h"
 #include "tovana/engines/embedding/backends/backend.h"
 #include "tovana/engines/embedding/engine/configuration.h"
 #include "tovana/engines/embedding/engine/fallback.h"
@@ -57,12 +60,17 @@ struct EmbedOptions {
 /// Lifetime: the engine may be destroyed while it loads, which ends like `close`, but not during a
 /// call of its own. The process may exit at any moment, from any thread, without waiting for the
 /// load; its handlers and destructors run as ever (but see LocalEmbeddingBackend).
-class EmbeddingEngine {
+class TOVANA_API EmbeddingEngine {
  public:
   /// Loads nothing. With a `backend` the engine is ready with it at once, as its maker left it.
   explicit EmbeddingEngine(EngineConfiguration config = {},
                            std::shared_ptr<EmbeddingBackend> backend = nullptr,
                            EngineOptions options = {});
+  /// The same, of a configuration in place: `EmbeddingEngine engine({{"backend", "tfidf"}})`.
+  explicit EmbeddingEngine(std::initializer_list<EngineConfiguration::value_type> config,
+                           std::shared_ptr<EmbeddingBackend> backend = nullptr,
+                           EngineOptions options = {})
+      : EmbeddingEngine(EngineConfiguration(config), std::move(backend), options) {}
   virtual ~EmbeddingEngine();
   EmbeddingEngine(const EmbeddingEngine&) = delete;
   EmbeddingEngine& operator=(const EmbeddingEngine&) = delete;

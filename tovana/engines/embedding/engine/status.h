@@ -10,6 +10,7 @@
 #include <variant>
 #include <vector>
 
+#include "tovana/base/export.h"
 #include "tovana/exceptions/exceptions.h"
 
 /// What an engine says of itself: in a record, in a sentence, in a map, and in the error of a call
@@ -26,7 +27,7 @@ namespace tovana::embedding {
 /// | "ready" | the backend can embed |
 /// | "unavailable" | the last attempt to load failed; another follows in `retry_in_s` seconds |
 /// | "closed" | the engine was closed before any backend was ready; nothing will be loaded |
-struct EmbeddingStatus {
+struct TOVANA_API EmbeddingStatus {
   const std::string state;
 
   /// The name of the engine's backend, which it has exactly when it is ready.
@@ -56,7 +57,7 @@ struct EmbeddingStatus {
 };
 
 /// The embedding model is not ready: it is loading, could not be loaded, or was shut down.
-class EmbeddingNotReadyError final : public TryAgainLaterError {
+class TOVANA_API EmbeddingNotReadyError final : public TryAgainLaterError {
  public:
   /// What to tell whoever asked, beside the message.
   static constexpr std::string_view hint =
@@ -83,6 +84,6 @@ class EmbeddingNotReadyError final : public TryAgainLaterError {
 
 /// Seconds to wait before the next attempt after so many failed ones in a row: `RETRY_BASE_S`,
 /// doubled with each further failure up to `RETRY_MAX_S`.
-double retry_delay(std::int64_t failures) noexcept;
+TOVANA_API double retry_delay(std::int64_t failures) noexcept;
 
 }  // namespace tovana::embedding

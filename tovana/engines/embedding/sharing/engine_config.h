@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tovana/base/environment.h"
+#include "tovana/base/export.h"
 #include "tovana/config/config.h"
 #include "tovana/engines/embedding/engine/configuration.h"
 
@@ -21,11 +22,12 @@ namespace tovana::embedding {
 /// (`endpoint_key`), which is read for "openai" alone. A null `environment` is the process's own,
 /// read now. Neither blocks nor keeps anything; any thread may call it while nobody changes the
 /// process's environment.
-EngineConfiguration engine_config(const Config& config, const Environment* environment = nullptr);
+TOVANA_API EngineConfiguration engine_config(const Config& config,
+                                             const Environment* environment = nullptr);
 
 /// The API key for the embedding endpoint: the value, unchanged, of the first variable of
 /// `EMBEDDING_KEY_ENVS` that is set and not empty; none when neither is. A null `environment` is the
 /// process's own, read now.
-std::optional<std::string> endpoint_key(const Environment* environment = nullptr);
+TOVANA_API std::optional<std::string> endpoint_key(const Environment* environment = nullptr);
 
 }  // namespace tovana::embedding

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "tovana/base/export.h"
 #include "tovana/base/mutex.h"
 #include "tovana/engines/embedding/engine/configuration.h"
 #include "tovana/engines/embedding/engine/engine.h"
@@ -20,7 +21,7 @@ namespace tovana::embedding {
 ///
 /// Threads: any operation on any thread at any time. The lock is held while an engine is made,
 /// never while one is closed.
-class SharedEngines {
+class TOVANA_API SharedEngines {
  public:
   using Make = std::function<std::shared_ptr<EmbeddingEngine>(EngineConfiguration config)>;
 
@@ -63,6 +64,6 @@ class SharedEngines {
 
 /// The process's factory. Never destroyed, and neither are engines that are still held when the
 /// process ends: threads may be using them.
-extern SharedEngines& SHARED_ENGINES;
+extern TOVANA_API SharedEngines& SHARED_ENGINES;
 
 }  // namespace tovana::embedding

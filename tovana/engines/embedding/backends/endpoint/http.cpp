@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tovana/base/logging.h"
+#include "tovana/engines/embedding/backends/endpoint/dialects.h"
 #include "tovana/engines/http/credentials.h"
 #include "tovana/engines/http/post_json.h"
 #include "tovana/engines/http/url.h"

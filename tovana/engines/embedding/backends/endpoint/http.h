@@ -7,15 +7,22 @@
 #include <string>
 #include <vector>
 
+#include "tovana/base/export.h"
 #include "tovana/engines/embedding/backends/backend.h"
-#include "tovana/engines/embedding/backends/endpoint/dialects.h"
 #include "tovana/engines/embedding/backends/endpoint/embedding_stopped.h"
 #include "tovana/engines/embedding/settings.h"
-#include "tovana/engines/http/post_json.h"
 #include "tovana/engines/http/retry_policy.h"
-#include "tovana/engines/http/transport.h"
+
+namespace tovana::http {
+class JsonReply;
+class JsonValue;
+struct PostOptions;
+class Transport;
+}  // namespace tovana::http
 
 namespace tovana::embedding {
+
+struct _Dialect;  // dialects.h
 
 /// What bounds one embedding call, by name only.
 struct EmbedLimits {
@@ -40,7 +47,7 @@ struct EmbedLimits {
 /// and user, password and query values of the URL, appear in no message and no log line.
 ///
 /// Threads: any operation may be called from any number of threads at once.
-class _HTTPEmbeddingBackend : public EmbeddingBackend {
+class TOVANA_API _HTTPEmbeddingBackend : public EmbeddingBackend {
  public:
   /// The dialect's kind, ":", the model name.
   const std::string& name() const noexcept override { return _name; }
@@ -92,9 +99,9 @@ class _HTTPEmbeddingBackend : public EmbeddingBackend {
   const http::RetryPolicy _policy;
 };
 
-/// A generic embedding API, posted to at `api_url` itself. dialects.h says what it is sent and
-/// answers. Keeps the dimension it is constructed with whatever the endpoint returns.
-class APIEmbeddingBackend final : public _HTTPEmbeddingBackend {
+/// A generic embedding API, posted to at `api_url` itself: `{"texts": […]}`, answered by
+/// `{"embeddings": [[…], …]}` in the order of the texts. Keeps the dimension it is constructed with whatever the endpoint returns.
+class TOVANA_API APIEmbeddingBackend final : public _HTTPEmbeddingBackend {
  public:
   /// By name only.
   struct Options {
@@ -119,8 +126,9 @@ class APIEmbeddingBackend final : public _HTTPEmbeddingBackend {
 };
 
 /// An OpenAI-compatible endpoint (OpenAI itself and the many that speak as it does), posted to at
-/// `base_url` without its trailing slashes, followed by "/embeddings". Learns its dimension.
-class OpenAIEmbeddingBackend final : public _HTTPEmbeddingBackend {
+/// `base_url` without its trailing slashes, followed by "/embeddings": `{"input": […], "model": …}`,
+/// answered by `{"data": [{"index": 0, "embedding": […]}, …]}`. Learns its dimension.
+class TOVANA_API OpenAIEmbeddingBackend final : public _HTTPEmbeddingBackend {
  public:
   /// By name only, and as those of `APIEmbeddingBackend`.
   struct Options {

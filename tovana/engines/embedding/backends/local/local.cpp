@@ -6,6 +6,7 @@
 
 #include "tovana/base/logging.h"
 #include "tovana/base/text.h"
+#include "tovana/engines/embedding/backends/local/local_surroundings.h"
 
 namespace tovana::embedding {
 namespace {
@@ -44,14 +45,20 @@ std::vector<Vector> rows(const FloatMatrix& matrix) {
 }  // namespace
 
 LocalEmbeddingBackend::LocalEmbeddingBackend(std::string model_name,
+                                             std::optional<std::int64_t> dimension)
+    : LocalEmbeddingBackend(std::move(model_name), dimension, Surroundings{}) {}
+
+LocalEmbeddingBackend::LocalEmbeddingBackend(std::string model_name,
                                              std::optional<std::int64_t> dimension,
-                                             Surroundings surroundings)
+                                             const Surroundings& surroundings)
     : _model_name(std::move(model_name)),
       _name("local:" + _model_name),
       _dimension(dimension.value_or(0) != 0 ? *dimension : _default_dimension(_model_name)),
       _runtime(surroundings.runtime != nullptr ? surroundings.runtime : &model_runtime()),
       _threads(surroundings.threads != nullptr ? surroundings.threads : &TORCH_THREADS),
       _environment(surroundings.environment) {}
+
+LocalEmbeddingBackend::~LocalEmbeddingBackend() = default;
 
 std::vector<Vector> LocalEmbeddingBackend::embed(const std::vector<std::string>& texts) {
   const LocalModel& model = _load_model();

@@ -8,13 +8,19 @@
 #include <vector>
 
 #include "tovana/base/environment.h"
+#include "tovana/base/export.h"
 #include "tovana/base/mutex.h"
 #include "tovana/engines/embedding/backends/backend.h"
-#include "tovana/engines/embedding/backends/local/model_runtime.h"
-#include "tovana/engines/embedding/backends/local/torch_threads.h"
+#include "tovana/engines/embedding/backends/local/model_library_errors.h"
 #include "tovana/engines/embedding/settings.h"
+#include "tovana/engines/hub/fetch_errors.h"
+#include "tovana/files/model_files_error.h"
 
 namespace tovana::embedding {
+
+class LocalModel;  // model_runtime.h
+class ModelRuntime;
+class TorchThreads;
 
 /// Embeds with a sentence-transformers model run in this process: the best vectors, for which the
 /// model library has to be installed and the model's files to be in the local cache. The default
@@ -31,23 +37,18 @@ namespace tovana::embedding {
 /// Exit: the process may exit at any moment of a load or a call, from any thread. Nothing is waited
 /// for, and the host's handlers and destructors run, unless the model library is one that guards
 /// the exit: the one on libtorch does, and says what that costs.
-class LocalEmbeddingBackend final : public EmbeddingBackend {
+class TOVANA_API LocalEmbeddingBackend final : public EmbeddingBackend {
  public:
-  /// What a backend stands on, for tests to replace. Each has to outlive it; null is the process's
-  /// own.
-  struct Surroundings {
-    ModelRuntime* runtime = nullptr;
-    TorchThreads* threads = nullptr;
-    const Environment* environment = nullptr;  ///< Where the thread bound is read.
-  };
+  /// What a backend stands on, for tests to replace (local_surroundings.h).
+  struct Surroundings;
 
   /// A `model_name` as the model hub has it, or a directory (see `hub`). A `dimension` that is null
   /// or 0 becomes `_default_dimension`. Loads nothing and checks nothing.
   explicit LocalEmbeddingBackend(std::string model_name = DEFAULT_LOCAL_MODEL,
-                                 std::optional<std::int64_t> dimension = std::nullopt)
-      : LocalEmbeddingBackend(std::move(model_name), dimension, Surroundings{}) {}
+                                 std::optional<std::int64_t> dimension = std::nullopt);
   LocalEmbeddingBackend(std::string model_name, std::optional<std::int64_t> dimension,
-                        Surroundings surroundings);
+                        const Surroundings& surroundings);
+  ~LocalEmbeddingBackend() override;
 
   /// "local:" and the model's name.
   const std::string& name() const noexcept override { return _name; }

@@ -8,8 +8,8 @@
 
 #include "tovana/base/environment.h"
 #include "tovana/engines/embedding/backends/local/model_library_abi.h"
+#include "tovana/engines/embedding/backends/local/model_library_errors.h"
 #include "tovana/engines/embedding/backends/local/model_runtime.h"
-#include "tovana/exceptions/exceptions.h"
 
 /// The model library: a shared object beside this component, which runs the models and is opened
 /// only when a local model is wanted.
@@ -18,22 +18,6 @@ namespace tovana::embedding {
 /// The path of the model library's file, when it is not to be looked for beside the component. An
 /// absolute one; empty counts as not set.
 inline constexpr const char* MODEL_LIBRARY_ENV = "TOVANA_MODEL_LIBRARY";
-
-/// There is no model library on this machine. One that is there and cannot be loaded is another
-/// failure, and so is a path in the variable that leads nowhere.
-class ModelLibraryNotInstalled final : public RuntimeError {
- public:
-  ModelLibraryNotInstalled() : RuntimeError("sentence-transformers is not installed") {}
-  const char* kind() const noexcept override { return "ModelLibraryNotInstalled"; }
-};
-
-/// The model library is there and cannot be used, or the variable that names it leads nowhere. The
-/// message names the file and the cause.
-class ModelLibraryError final : public RuntimeError {
- public:
-  using RuntimeError::RuntimeError;
-  const char* kind() const noexcept override { return "ModelLibraryError"; }
-};
 
 /// Where the model library's file is: at the path in `MODEL_LIBRARY_ENV`, else beside the library
 /// that holds this component, else beside the executable, else where it is installed: in `tovana/`

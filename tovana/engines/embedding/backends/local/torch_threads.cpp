@@ -4,8 +4,10 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "tovana/base/text.h"
+#include "tovana/engines/embedding/backends/local/model_runtime.h"
 #include "tovana/engines/embedding/settings.h"
 
 namespace tovana::embedding {
@@ -48,6 +50,9 @@ std::optional<std::int64_t> parse_whole(std::string_view text) {
 }
 
 }  // namespace
+
+constinit TorchThreads TORCH_THREADS;
+static_assert(std::is_trivially_destructible_v<TorchThreads>);
 
 std::int64_t embed_threads(const Environment* environment) {
   const std::optional<std::string> value = environment_variable(EMBED_THREADS_ENV, environment);

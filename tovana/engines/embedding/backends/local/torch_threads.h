@@ -6,10 +6,13 @@
 #include <utility>
 
 #include "tovana/base/environment.h"
+#include "tovana/base/export.h"
 #include "tovana/base/mutex.h"
-#include "tovana/engines/embedding/backends/local/model_runtime.h"
 
 namespace tovana::embedding {
+
+class ModelRuntime;  // model_runtime.h
+class TorchRuntime;
 
 /// The bound on the intra-op threads of one local embedding call: the value of
 /// `EMBED_THREADS_ENV`, 0 if that is below 0, `DEFAULT_EMBED_THREADS` when the variable is absent
@@ -21,7 +24,7 @@ namespace tovana::embedding {
 /// page may carry a no-break space; digits of other scripts are none, as in any C++ number.
 ///
 /// A null `environment` is the process's own, read at each call.
-std::int64_t embed_threads(const Environment* environment = nullptr);
+TOVANA_API std::int64_t embed_threads(const Environment* environment = nullptr);
 
 /// Bounds the threads that the model library computes on, for a stretch of work on one thread.
 ///
@@ -35,7 +38,7 @@ std::int64_t embed_threads(const Environment* environment = nullptr);
 /// size.
 ///
 /// Threads: several may be in bounds at the same time and do not disturb one another.
-class TorchThreads {
+class TOVANA_API TorchThreads {
  public:
   /// Null: the process's own runtime.
   explicit constexpr TorchThreads(ModelRuntime* runtime = nullptr) : _runtime(runtime) {}
@@ -64,7 +67,7 @@ class TorchThreads {
   std::int64_t _default_of(TorchRuntime& torch) TOVANA_EXCLUDES(_lock);
 
  private:
-  class Bound {
+  class TOVANA_API Bound {
    public:
     Bound(TorchThreads& threads, std::int64_t limit);
     /// Gives back what a failed body left; there its error counts, not one of this.
@@ -86,7 +89,6 @@ class TorchThreads {
 
 /// The one instance of the process; every local embedding call goes through it. Has no destructor,
 /// so it serves threads that still run while the process exits.
-inline constinit TorchThreads TORCH_THREADS;
-static_assert(std::is_trivially_destructible_v<TorchThreads>);
+extern TOVANA_API constinit TorchThreads TORCH_THREADS;
 
 }  // namespace tovana::embedding

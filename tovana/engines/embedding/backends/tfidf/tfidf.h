@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tovana/base/export.h"
 #include "tovana/engines/embedding/backends/backend.h"
 #include "tovana/engines/embedding/settings.h"
 
@@ -34,7 +35,7 @@ namespace tovana::embedding {
 /// Threads: no state changes after construction; any operation may run on any number of threads.
 /// Memory beyond texts and vectors: about 100 bytes for each distinct term of the batch and 8 for
 /// each distinct term of each text, and up to eight times the longest stretch without white space.
-class TFIDFEmbeddingBackend final : public EmbeddingBackend {
+class TOVANA_API TFIDFEmbeddingBackend final : public EmbeddingBackend {
  public:
   explicit TFIDFEmbeddingBackend(std::int64_t dimension = DEFAULT_TFIDF_DIMENSION)
       : _dimension(dimension) {}

@@ -12,6 +12,8 @@
 #include "tests/support/failure_text.h"
 #include "tests/support/log_recorder.h"
 #include "tovana/base/clock.h"
+#include "tovana/engines/http/json.h"
+#include "tovana/engines/http/transport.h"
 
 namespace tovana::embedding {
 namespace {

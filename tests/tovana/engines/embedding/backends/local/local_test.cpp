@@ -1,5 +1,3 @@
-#include "tovana/engines/embedding/backends/local/local.h"
-
 #include <barrier>
 #include <cstdlib>
 #include <latch>
@@ -15,6 +13,7 @@
 #include "tests/support/log_recorder.h"
 #include "tests/support/waiting.h"
 #include "tests/tovana/engines/embedding/backends/local/fake_model_runtime.h"
+#include "tovana/engines/embedding/backends/local/local_surroundings.h"
 #include "tovana/engines/embedding/backends/local/torch_threads.h"
 #include "tovana/exceptions/exceptions.h"
 

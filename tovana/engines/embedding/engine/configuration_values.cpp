@@ -1,4 +1,4 @@
-#include "tovana/engines/embedding/engine/configuration.h"
+#include "tovana/engines/embedding/engine/configuration_values.h"
 
 #include "tovana/exceptions/exceptions.h"
 
