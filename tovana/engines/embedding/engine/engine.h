@@ -55,7 +55,7 @@ struct EmbedOptions {
 /// Threads: any operation on any number of threads at once, none of which waits for another's
 /// embedding. No lock of the engine is held while a backend is chosen, loaded or embeds, nor while
 /// logging, so backends and stop tests may call it. A log sink may not: a backend logs under its own
-/// lock (tovana/base/logging.h).
+/// lock (tovana/base/log_sink.h).
 ///
 /// Lifetime: the engine may be destroyed while it loads, which ends like `close`, but not during a
 /// call of its own. The process may exit at any moment, from any thread, without waiting for the
