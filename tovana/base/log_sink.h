@@ -38,8 +38,15 @@ struct TOVANA_API LogRecord {
 
 /// Receives records, on the thread that logged, several threads at a time. What it throws is
 /// dropped. The log holds no lock meanwhile: a sink may log, which calls it again, and set another
-/// sink. The work that logged goes on when the sink returns and may hold locks of its own, so a sink
-/// neither embeds nor asks an engine anything, and waits for no thread that may.
+/// sink. It may ask an engine for its `status()`.
+///
+/// The work that logged goes on when the sink returns, and may hold what others wait for: the lock
+/// of the local model that it loads, and the lock on the cache's file that it fetches, which other
+/// processes see. A sink that embeds or loads may therefore wait for itself for ever; so does one
+/// that waits for a thread which may be doing either. A slow sink slows down the work.
+///
+/// Threads of this component's go on while the process exits and may log then: a sink uses nothing
+/// that the host destroys at exit.
 using LogSink = std::function<void(const LogRecord&)>;
 
 /// The default sink: writes a line to stderr with the time, the level, the logger, the message and

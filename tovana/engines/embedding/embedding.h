@@ -1,10 +1,24 @@
 #pragma once
 
-/// The embedding component's face, in one include: the engine and the factory that shares it, the
-/// daemon's settings turned into its configuration, the backends, and the index that vectors are
-/// searched in. `set_log_sink` routes its logs, `hub::set_fetch_observer` tells the progress of a
-/// model's fetch. The reader of the daemon's database is a library of its own
-/// (tovana/storage/sqlite).
+/// The embedding component's face: all that a program needs, in one include that reaches the
+/// standard library and nobody else's headers.
+///
+/// | for | there is |
+/// |---|---|
+/// | vectors of texts | `EmbeddingEngine`; `SHARED_ENGINES`, which shares one a configuration |
+/// | the daemon's settings | `Config`, `engine_config` |
+/// | deadlines | `system_clock().now()`, in seconds |
+/// | logs | `set_log_sink`, `set_log_level` |
+/// | the progress of a model's fetch | `hub::set_fetch_observer` |
+/// | a backend without an engine, or one of the program's own | the backends' classes, `EmbeddingBackend` |
+/// | vectors searched in memory | `EmbeddingIndex` |
+///
+/// Everything is thrown, nothing returned as an error code; every error of ours is a `tovana::Error`
+/// and a `std::exception`. Texts are UTF-8, vectors 64-bit floats, times seconds.
+///
+/// Of their own are the reader of the daemon's database (tovana/storage/sqlite, a library beside
+/// this one) and, for an endpoint reached over something else than libcurl,
+/// tovana/engines/http/transport.h.
 
 #include "tovana/base/clock.h"
 #include "tovana/base/log_sink.h"

@@ -41,8 +41,10 @@ struct FetchProgress {
   bool is_over = false;  ///< The fetch has ended, in whichever way; no file is named.
 };
 
-/// Receives the moments of every fetch: several threads at a time, some thousand times a second
-/// where the network is fast, without a lock held. What it throws is dropped.
+/// Receives the moments of every fetch, on the threads that fetch: several at a time, some thousand
+/// times a second where the network is fast. What it throws is dropped. It is bound by what binds a
+/// `LogSink` (tovana/base/log_sink.h): the fetch goes on when it returns and holds locks, so it
+/// neither embeds nor waits for who does, and it uses nothing that the host destroys at exit.
 using FetchObserver = std::function<void(const FetchProgress&)>;
 
 /// Replaces the observer; an empty one is none. A fetch that is under way may still call the old

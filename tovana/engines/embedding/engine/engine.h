@@ -26,7 +26,8 @@ struct EngineSurroundings;
 struct EngineOptions {
   /// Seconds that the waiting calls wait for the model before they say it is not ready.
   double wait_s = DEFAULT_WAIT_S;
-  /// For tests (engine_surroundings.h); read while the engine is made. Null: the process's own.
+  /// For tests, which replace clock, model runtime and threads (engine_surroundings.h); read while
+  /// the engine is made. Null: the process's own.
   const EngineSurroundings* surroundings = nullptr;
 };
 
@@ -40,8 +41,10 @@ struct EmbedOptions {
   /// model does not. Runs on the calling thread; what it throws reaches the caller.
   http::StopTest should_stop = nullptr;
 
-  /// The point of the engine's clock, in seconds, past which the call does not wait for the model;
-  /// an endpoint's call ends by it altogether. Null: bounded by `wait_s` and the backend's timeout.
+  /// The point of the monotonic clock, in seconds, past which the call does not wait for the model:
+  /// five seconds from now is `system_clock().now() + 5` (tovana/base/clock.h). An endpoint's call
+  /// ends by it altogether; what computes in this process does not look at it. Null: bounded by
+  /// `wait_s` and the backend's timeout.
   std::optional<double> deadline = std::nullopt;
 };
 
@@ -53,9 +56,9 @@ struct EmbedOptions {
 /// before. See `EmbeddingStatus` for the states.
 ///
 /// Threads: any operation on any number of threads at once, none of which waits for another's
-/// embedding. No lock of the engine is held while a backend is chosen, loaded or embeds, nor while
-/// logging, so backends and stop tests may call it. A log sink may not: a backend logs under its own
-/// lock (tovana/base/log_sink.h).
+/// embedding. The engine holds no lock while a backend is chosen, loaded or embeds, nor while
+/// logging, so backends and stop tests may call it. A log sink may ask for the status and no more,
+/// since backends hold locks of their own when they log (tovana/base/log_sink.h).
 ///
 /// Lifetime: the engine may be destroyed while it loads, which ends like `close`, but not during a
 /// call of its own. The process may exit at any moment, from any thread, without waiting for the
@@ -103,8 +106,14 @@ class TOVANA_API EmbeddingEngine {
 
   /// One vector a text, in order: `[texts.size() x dimension]`. No texts give no vectors, whatever
   /// the engine does, and start nothing. Blocks for the model as the options say, then for as long
-  /// as the backend takes. Throws EmbeddingNotReadyError when the model is not ready in time,
-  /// EmbeddingStopped when the stop test said so, and what the backend throws.
+  /// as the backend takes. Throws
+  /// - EmbeddingNotReadyError when the model is not ready in time, the last attempt to load it
+  ///   failed, or the engine is closed;
+  /// - EmbeddingStopped when the stop test said so;
+  /// - what the backend throws: RuntimeError for an endpoint's call that failed or ran out of its
+  ///   deadline and for a model that failed, std::bad_alloc and std::length_error where memory does
+  ///   not suffice;
+  /// - std::system_error when the load cannot be started, and what the stop test throws.
   std::vector<Vector> embed(const std::vector<std::string>& texts,
                             const EmbedOptions& options = {});
 
@@ -123,7 +132,9 @@ class TOVANA_API EmbeddingEngine {
   bool check_backend_migration(storage::Database& db);
 
   /// Stops trying to load, and wakes whoever waits for the model. An engine that is ready stays
-  /// ready. Does not wait: an attempt that is under way runs to its end, and comes to nothing.
+  /// ready. Does not wait: an attempt that is under way runs to its end, and comes to nothing. A
+  /// shared engine is closed for every holder, so its holders leave that to the factory
+  /// (`SharedEngines::release`).
   virtual void close();
 
  private:

@@ -17,7 +17,8 @@ namespace tovana::embedding {
 
 /// Hands out one engine for each configuration, shared by all who ask with an equal one, so that
 /// they share its model. Every `acquire` is one hold and is matched by one `release`; the last one
-/// closes the engine. Holders do not close it themselves.
+/// closes the engine. Holders do not close it themselves: it would be closed for all of them, and
+/// for whoever asks until the last has let go of it.
 ///
 /// Threads: any operation on any thread at any time. The lock is held while an engine is made,
 /// never while one is closed.

@@ -1,3 +1,4 @@
+#include <cstddef>
 #include <cstdlib>
 #include <memory>
 #include <set>
@@ -44,10 +45,14 @@ TEST(SharedEnginesTest, EqualConfigurationsShareAnEngineUntilItsLastHold) {
   const auto other = factory.acquire({{"backend", "tfidf"}, {"dimension", 384}});
   EXPECT_EQ(
       std::set({engine, other, factory.acquire({{"dimension", "384"}}),
-                factory.acquire({{"dimension", 384}}), factory.acquire({{"api_key", nullptr}}),
-                factory.acquire({{"api_key", "None"}})})
+                factory.acquire({{"dimension", 384}}),
+                factory.acquire({{"dimension", std::size_t{384}}}),
+                factory.acquire({{"api_key", nullptr}}), factory.acquire({{"api_key", "None"}})})
           .size(),
       6U);
+
+  EXPECT_EQ(failure_of([] { EngineValue(std::size_t{1} << 63U); }),
+            "ValueError: no configuration holds a whole number beyond 64 bits");
 
   factory.release(engine);
   EXPECT_EQ(engine->status().state, "idle");

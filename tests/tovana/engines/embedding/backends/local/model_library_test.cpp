@@ -173,7 +173,7 @@ void await_hang(const std::function<void()>& start) {
   ready->backend();
   await_hang([] { dlopen(plugin("hanging_constructor").c_str(), RTLD_NOW); });
 
-  static auto& local = *new EmbeddingEngine(EngineConfiguration{{"backend", "local"}});
+  static auto& local = *new EmbeddingEngine({{"backend", "local"}});
   for (void (*const operation)() : std::initializer_list<void (*)()>{
            [] { ready->embed({"a"}, {.wait = false}); },
            [] { ready->wait_ready(0); },
