@@ -3,9 +3,9 @@
 #include <filesystem>
 #include <string>
 
+#include "tovana/engines/hub/fetch_errors.h"
 #include "tovana/engines/hub/hub_settings.h"
 #include "tovana/engines/hub/model_name.h"
-#include "tovana/exceptions/exceptions.h"
 
 /// Models on this machine: folders of somebody's own, and the hub's cache, which other programs
 /// write as well. Nothing here makes a request or writes a byte, so a cache that is read-only, or
@@ -23,13 +23,6 @@ struct CachedModel {
   /// The repository and its commit; empty for a folder that is not found by a repository's name.
   std::string repo_id;
   std::string commit;
-};
-
-/// The cache does not hold the model, or not all of it: the one failure that fetching can mend.
-class ModelNotCachedError : public RuntimeError {
- public:
-  using RuntimeError::RuntimeError;
-  const char* kind() const noexcept override { return "ModelNotCachedError"; }
 };
 
 /// Finds a model by looking at the disk only.

@@ -5,9 +5,16 @@
 #include "tovana/base/export.h"
 #include "tovana/exceptions/exceptions.h"
 
-/// What fetching a model fails with. The messages are one line each: which model, from where, what
+/// What finding or fetching a model fails with. The messages are one line each: which model, from where, what
 /// happened, what to do; never with a token in them.
 namespace tovana::hub {
+
+/// The cache does not hold the model, or not all of it: the one failure that fetching can mend.
+class TOVANA_API ModelNotCachedError : public RuntimeError {
+ public:
+  using RuntimeError::RuntimeError;
+  const char* kind() const noexcept override { return "ModelNotCachedError"; }
+};
 
 /// The hub cannot be reached, refuses, has no such model, or sent something else than it announced.
 class TOVANA_API ModelFetchError : public RuntimeError {

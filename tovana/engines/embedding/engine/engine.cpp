@@ -16,6 +16,10 @@ EmbeddingEngine::EmbeddingEngine(EngineConfiguration config,
           std::move(config), std::move(backend),
           options.surroundings != nullptr ? *options.surroundings : EngineSurroundings{})) {}
 
+EmbeddingEngine::EmbeddingEngine(std::initializer_list<EngineConfiguration::value_type> config,
+                                 std::shared_ptr<EmbeddingBackend> backend, EngineOptions options)
+    : EmbeddingEngine(EngineConfiguration(config), std::move(backend), options) {}
+
 EmbeddingEngine::~EmbeddingEngine() { _loader->close(); }
 
 EmbeddingStatus EmbeddingEngine::status() const { return _loader->status(); }

@@ -5,7 +5,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tovana/base/export.h"
@@ -72,8 +71,7 @@ class TOVANA_API EmbeddingEngine {
   /// The same, of a configuration in place: `EmbeddingEngine engine({{"backend", "tfidf"}})`.
   explicit EmbeddingEngine(std::initializer_list<EngineConfiguration::value_type> config,
                            std::shared_ptr<EmbeddingBackend> backend = nullptr,
-                           EngineOptions options = {})
-      : EmbeddingEngine(EngineConfiguration(config), std::move(backend), options) {}
+                           EngineOptions options = {});
   virtual ~EmbeddingEngine();
   EmbeddingEngine(const EmbeddingEngine&) = delete;
   EmbeddingEngine& operator=(const EmbeddingEngine&) = delete;

@@ -64,10 +64,14 @@ class TOVANA_API LocalEmbeddingBackend final : public EmbeddingBackend {
   /// Loads the model unless it is loaded. Blocks for as long as that takes, which can be minutes
   /// where it has to be fetched. After a failure nothing is kept, and the next call starts anew.
   /// Throws
-  /// - ModelLibraryNotInstalled when there is no model library;
-  /// - RuntimeError when the model library cannot be loaded, or the model is not to be had;
-  /// - ModelFilesError when its files are damaged, incomplete or of a kind that does not load;
-  /// - ValueError when the model's name is malformed.
+  /// - ModelLibraryNotInstalled when there is no model library, ModelLibraryError when it cannot be
+  ///   loaded;
+  /// - hub::ModelNotCachedError and hub::ModelFetchError when the model is not to be had,
+  ///   hub::CacheNotWritableError when there is no place for it, other RuntimeErrors when the model
+  ///   library fails;
+  /// - files::ModelFilesError when its files are damaged, incomplete or of a kind that does not load;
+  /// - ValueError when the model's name is malformed, EnvironmentVariableError, which is one, when a
+  ///   variable that is read has such a value.
   void warm_up() override { _load_model(); }
 
   /// The model, loaded if it was not; lives as long as the backend. Throws as `warm_up`.
