@@ -5,8 +5,8 @@
 #include "tovana/base/export.h"
 #include "tovana/exceptions/exceptions.h"
 
-/// What finding or fetching a model fails with. The messages are one line each: which model, from where, what
-/// happened, what to do; never with a token in them.
+/// What finding or fetching a model fails with. The messages are one line each: which model, from
+/// where, what happened, what to do; never with a token in them.
 namespace tovana::hub {
 
 /// The cache does not hold the model, or not all of it: the one failure that fetching can mend.
