@@ -81,15 +81,15 @@ std::string seconds_text(double seconds) {
 }  // namespace
 
 CurlExchange::CurlExchange(CurlSlot& slot, const Request& request, ResponseSink& sink,
-                           const std::string& ca_file)
+                           const CaPlace& ca)
     : _slot(slot), _request(request), _sink(sink), _headers(nullptr, &curl_slist_free_all) {
-  _configure(ca_file);
+  _configure(ca);
   check(curl_multi_add_handle(_slot.multi, _slot.easy));
 }
 
 CurlExchange::~CurlExchange() { curl_multi_remove_handle(_slot.multi, _slot.easy); }
 
-void CurlExchange::_configure(const std::string& ca_file) {
+void CurlExchange::_configure(const CaPlace& ca) {
   CURL* const easy = _slot.easy;
   set(easy, CURLOPT_URL, _request.url.c_str());
   _slot.watch_sockets();
@@ -118,9 +118,13 @@ void CurlExchange::_configure(const std::string& ca_file) {
   set(easy, CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
   _slot.tls = {};
   _slot.tls.watch(easy);
-  if (!ca_file.empty()) {
-    set(easy, CURLOPT_CAINFO, ca_file.c_str());
-    set(easy, CURLOPT_CAPATH, nullptr);
+  if (!ca.path.empty()) {
+    const char* const file = ca.is_directory ? nullptr : ca.path.c_str();
+    const char* const directory = ca.is_directory ? ca.path.c_str() : nullptr;
+    for (const CURLoption option : {CURLOPT_CAINFO, CURLOPT_PROXY_CAINFO}) set(easy, option, file);
+    for (const CURLoption option : {CURLOPT_CAPATH, CURLOPT_PROXY_CAPATH}) {
+      set(easy, option, directory);
+    }
   }
   const std::optional<UrlOrigin> origin = url_origin(_request.url);
   if (origin && origin->is_loopback()) set(easy, CURLOPT_PROXY, "");

@@ -9,6 +9,7 @@
 
 #include <curl/curl.h>
 
+#include "tovana/engines/http/ca_certificates.h"
 #include "tovana/engines/http/curl_slots.h"
 #include "tovana/engines/http/transport.h"
 
@@ -17,9 +18,9 @@ namespace tovana::http {
 /// One request on one slot, run on the calling thread.
 class CurlExchange {
  public:
-  /// Both `request` and `sink` have to outlive it. `ca_file` as in `CurlTransport::Options`.
-  CurlExchange(CurlSlot& slot, const Request& request, ResponseSink& sink,
-               const std::string& ca_file);
+  /// Both `request` and `sink` have to outlive it. libcurl's own
+  /// certificates are trusted when the path of `ca` is empty.
+  CurlExchange(CurlSlot& slot, const Request& request, ResponseSink& sink, const CaPlace& ca);
   ~CurlExchange();
   CurlExchange(const CurlExchange&) = delete;
   CurlExchange& operator=(const CurlExchange&) = delete;
@@ -33,7 +34,7 @@ class CurlExchange {
   using Progress = std::array<curl_off_t, 6>;
   using HeaderList = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
 
-  void _configure(const std::string& ca_file);
+  void _configure(const CaPlace& ca);
   void _configure_headers();
   CURLcode _drive();
   Progress _progress() const;

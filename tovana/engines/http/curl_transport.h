@@ -1,9 +1,11 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "tovana/base/clock.h"
+#include "tovana/engines/http/ca_certificates.h"
 #include "tovana/engines/http/transport.h"
 
 namespace tovana::http {
@@ -23,8 +25,11 @@ class CurlSlots;
 class CurlTransport final : public Transport {
  public:
   struct Options {
-    /// A PEM file with the only certificates to trust; empty for the machine's store.
+    /// A PEM file with the only certificates to trust; empty for the machine's, which are looked
+    /// for when the transport is made and, when there were none, before each request over https.
     std::string ca_file = {};
+    /// Where; by default `system_ca_places()`.
+    std::optional<CaPlaces> ca_places = {};
     /// What the age of idle connections is measured on. It has to outlive the transport.
     Clock* clock = &system_clock();
   };
@@ -38,8 +43,11 @@ class CurlTransport final : public Transport {
   Outcome send(const Request& request, ResponseSink& sink) override;
 
  private:
-  Options _options;
+  std::optional<CaPlace> _certificates_for(const std::string& url) const;
+
   std::unique_ptr<CurlSlots> _slots;
+  CaPlaces _ca_places;
+  std::optional<CaPlace> _certificates;  ///< None: there were none.
 };
 
 }  // namespace tovana::http

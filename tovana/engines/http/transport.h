@@ -111,7 +111,7 @@ class TOVANA_API Transport {
   Transport() = default;
 };
 
-/// The process's own transport: verified TLS from the machine's certificate store, connections kept
+/// The process's own transport: verified TLS from the machine's certificates, connections kept
 /// alive and reused, the proxy variables of the environment honoured for all hosts but loopback.
 /// Never destroyed, so that other threads may be in a call when the process exits.
 TOVANA_API Transport& default_transport();

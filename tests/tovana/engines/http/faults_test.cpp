@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -22,6 +23,7 @@
 #include "tests/support/http_server.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/manual_clock.h"
+#include "tests/support/temp_folder.h"
 #include "tovana/engines/http/curl_transport.h"
 #include "tovana/engines/http/post_json.h"
 #include "tovana/engines/http/reply_sink.h"
@@ -345,6 +347,58 @@ TEST(HttpFaults, Tls) {
     EXPECT_NE(call(transport, url + "/reset", {}, std::string(8'000'000, 'a')), "none");
     EXPECT_EQ(call(transport, url), "none");
   }
+}
+
+TEST(HttpFaults, CaCertificates) {
+  const TempFolder folder;
+  const std::string root = folder.path().string();
+  const std::string missing = root + "/missing";
+  const std::string authority = authority_file();
+  std::filesystem::create_directories(folder.path() / "hashed");
+  std::filesystem::create_symlink(authority, folder.path() / "hashed" / "3387b84d.0");
+  write_file(folder.path() / "other" / "ca-bundle.crt", "");
+  const std::string hashed = root + "/hashed";
+  const std::string other = root + "/other";
+  struct Case {
+    CaPlace built_in;
+    Environment environment;
+    std::vector<CaPlace> others;
+    std::string said = "none";
+  };
+  const Case cases[] = {
+      // libcurl's own are trusted alone.
+      {{authority}, {{"SSL_CERT_FILE", authority}}, {}, "the server's certificate is not valid"},
+      {{hashed, true}, {{"SSL_CERT_FILE", authority}}, {}, "the server's certificate is not valid"},
+      {{}, {{"SSL_CERT_FILE", authority}}, {}, "the server's certificate is not valid"},
+      // Of the others, the first.
+      {{missing}, {{"SSL_CERT_FILE", authority}, {"SSL_CERT_DIR", other}}, {{missing}}},
+      {{other, true}, {{"SSL_CERT_FILE", missing}, {"SSL_CERT_DIR", other + "::" + hashed}}, {}},
+      {{missing}, {{"SSL_CERT_FILE", ""}}, {{missing}, {other, true}, {authority}}},
+      {{missing}, {}, {{missing}, {hashed, true}}},
+      {{missing},
+       {{"SSL_CERT_FILE", "/a\n"}},
+       {{other, true}},
+       "SSL_CERT_FILE (looked at " + missing + ", /a\\n, " + other + ")"},
+  };
+  const auto places_of = [](const Case& given) {
+    CaPlaces places{.built_in = given.built_in, .others = named_ca_places(&given.environment)};
+    places.others.insert(places.others.end(), given.others.begin(), given.others.end());
+    return places;
+  };
+  HttpServer server([](Connection& c) { c.respond(200, kGood); }, server_context());
+  const std::string url = "https://127.0.0.1:" + std::to_string(server.port());
+  for (const Case& given : cases) {
+    SCOPED_TRACE(&given - cases);
+    CurlTransport transport({.ca_places = places_of(given)});
+    EXPECT_THAT(call(transport, url), HasSubstr(given.said));
+  }
+
+  CurlTransport transport({.ca_places = CaPlaces{.built_in = {missing}, .others = {}}});
+  HttpServer plain([](Connection& c) { c.respond(200, kGood); });
+  EXPECT_EQ(call(transport, plain.url()), "none");
+  EXPECT_THAT(call(transport, url), HasSubstr("no CA certificates were found"));
+  std::filesystem::create_symlink(authority, missing);
+  EXPECT_THAT(call(transport, url), HasSubstr("not valid")) << "installed since";
 }
 
 /// Keeps what it is given and asks whether to go on.
