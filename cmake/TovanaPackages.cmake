@@ -15,10 +15,10 @@ endif()
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tovana-embedding)
 set(CPACK_PACKAGE_VENDOR "${TOVANA_PACKAGE_MAINTAINER}")
-set(CPACK_PACKAGE_DIRECTORY "${PROJECT_BINARY_DIR}/packages" CACHE PATH "Where CPack leaves the packages")
+# CPack puts every summary but its own default before each package's description, which has one.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${CMAKE_PROJECT_NAME} built using CMake")
 set(CPACK_PACKAGING_INSTALL_PREFIX "${CMAKE_INSTALL_PREFIX}")
 set(CPACK_COMPONENTS_ALL tool model_library development)
-set(CPACK_STRIP_FILES ON)
 set(CPACK_THREADS 0)  # for xz
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -36,7 +36,6 @@ set(version "${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME tovana-embed)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_TOOL_PACKAGE_MULTIARCH foreign)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS ca-certificates)
 set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS "libtovana-sentence-transformers (= ${version})")
@@ -54,7 +53,6 @@ whether stored vectors have to be made again.")
 
 set(CPACK_DEBIAN_MODEL_LIBRARY_PACKAGE_NAME libtovana-sentence-transformers)
 set(CPACK_DEBIAN_MODEL_LIBRARY_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_MODEL_LIBRARY_PACKAGE_MULTIARCH same)
 set(CPACK_DEBIAN_MODEL_LIBRARY_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_MODEL_LIBRARY_PACKAGE_ENHANCES tovana-embed)
 set(CPACK_DEBIAN_MODEL_LIBRARY_DESCRIPTION "sentence-transformers models for programs that embed by tovana
@@ -84,7 +82,6 @@ depend_on(libspdlog-dev)
 list(JOIN depends ", " CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtovana-embedding-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_MULTIARCH same)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS "libtovana-sentence-transformers (= ${version})")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "text embedding for a source-code search daemon (development files)
 The C++20 library by which a daemon embeds texts: an engine chooses the

@@ -28,6 +28,18 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     execute_process(COMMAND gzip -9nf "${file}" COMMAND_ERROR_IS_FATAL ANY)
   endforeach()
 
+  # What strip does by itself leaves lintian's wishes open.
+  file(GLOB_RECURSE programs "${staged}/bin/*" "${staged}/*.so")
+  file(GLOB_RECURSE archives "${staged}/*.a")
+  foreach(program IN LISTS programs)
+    execute_process(COMMAND strip --strip-unneeded --remove-section=.comment --remove-section=.note
+      "${program}" COMMAND_ERROR_IS_FATAL ANY)
+  endforeach()
+  foreach(archive IN LISTS archives)
+    execute_process(COMMAND strip --strip-debug --remove-section=.comment --remove-section=.note
+      --enable-deterministic-archives -p "${archive}" COMMAND_ERROR_IS_FATAL ANY)
+  endforeach()
+
   file(GLOB_RECURSE files LIST_DIRECTORIES true "${staged}/*")
   foreach(file IN LISTS files)
     if(NOT IS_DIRECTORY "${file}" AND NOT file MATCHES "/bin/[^/]*$")
