@@ -10,6 +10,7 @@
 
 #include "sentence_transformers/torch/torch_encoder.h"
 #include "sentence_transformers/torch/undestroyed_statics.h"
+#include "tovana/base/text.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::sentence_transformers {
@@ -20,10 +21,7 @@ std::string_view TorchRuntime::instruction_set() const noexcept {
   // In lower case; a longer name than that is cut.
   static const auto name = [] {
     std::array<char, 16> letters{};
-    at::get_cpu_capability().copy(letters.data(), letters.size() - 1);
-    for (char& letter : letters) {
-      if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
-    }
+    ascii_lower(at::get_cpu_capability()).copy(letters.data(), letters.size() - 1);
     return letters;
   }();
   return name.data();
