@@ -7,7 +7,7 @@
 
 #include <spdlog/pattern_formatter.h>
 
-#include "tovana/base/hold_across_forks.h"
+#include "tovana/base/held_across_forks.h"
 #include "tovana/base/mutex.h"
 #include "tovana/base/text.h"
 #include "tovana/exceptions/exceptions.h"
@@ -51,6 +51,8 @@ constexpr std::size_t kLongestPrefix = 64;
 /// Held only for moments: nothing is written, and no foreign code runs under it.
 constinit Mutex log_mutex;
 
+const HeldAcrossForks<log_mutex> log_mutex_is_held_across_forks;
+
 /// What all loggers share. Never destroyed: threads log while the process exits. Of spdlog it has
 /// the line's layout alone: spdlog's sinks hold a lock while they write, which a child that is
 /// forked meanwhile would wait for for ever, and its registry is destroyed at exit.
@@ -66,10 +68,7 @@ LogState& log_state() {
 }
 
 /// Made when the program is loaded: before the first fork.
-[[maybe_unused]] const LogState& state_at_load = []() -> LogState& {
-  hold_across_forks<log_mutex>();
-  return log_state();
-}();
+[[maybe_unused]] const LogState& state_at_load = log_state();
 
 }  // namespace
 

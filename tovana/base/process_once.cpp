@@ -1,6 +1,6 @@
 #include "tovana/base/process_once.h"
 
-#include "tovana/base/hold_across_forks.h"
+#include "tovana/base/held_across_forks.h"
 #include "tovana/base/mutex.h"
 
 namespace tovana {
@@ -9,10 +9,7 @@ namespace {
 /// One for all, since a fork has to take it.
 constinit Mutex making;
 
-[[maybe_unused]] const bool making_is_held_across_forks = [] {
-  hold_across_forks<making>();
-  return true;
-}();
+const HeldAcrossForks<making> making_is_held_across_forks;
 
 constinit thread_local bool is_making = false;
 

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "tovana/base/hold_across_forks.h"
+#include "tovana/base/held_across_forks.h"
 #include "tovana/base/mutex.h"
 #include "tovana/engines/embedding/backends/local/model_library.h"
 #include "tovana/engines/hub/fetch_model.h"
@@ -21,10 +21,7 @@ hub::CachedModel find_model(const std::string& model_name, bool local_files_only
 /// in the middle of that, and a child would crash in half a library.
 constinit Mutex opening;
 
-[[maybe_unused]] const bool opening_is_held_across_forks = [] {
-  hold_across_forks<opening>();
-  return true;
-}();
+const HeldAcrossForks<opening> opening_is_held_across_forks;
 
 class ProcessModelRuntime final : public ModelRuntime {
  public:
