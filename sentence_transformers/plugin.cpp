@@ -41,23 +41,17 @@ struct OwnedError {
   std::string message;
 };
 
-abi::Text view_of(std::string_view text) { return {.data = text.data(), .size = text.size()}; }
-
-std::string_view text_of(abi::Text text) {
-  return text.size == 0 ? std::string_view() : std::string_view(text.data, text.size);
-}
-
 abi::Error* make_error(std::string_view kind, std::string_view message) {
   auto error = std::make_unique<OwnedError>();
   error->kind = kind;
   error->message = escape_control_characters(message);
-  error->view = {.kind = view_of(error->kind), .message = view_of(error->message)};
+  error->view = {.kind = abi::text_of(error->kind), .message = abi::text_of(error->message)};
   return &error.release()->view;
 }
 
 /// What is returned when there is no memory for anything else. Never freed.
 abi::Error* out_of_memory() noexcept {
-  static abi::Error error = {.kind = view_of("std::bad_alloc"), .message = view_of("")};
+  static abi::Error error = {.kind = abi::text_of("std::bad_alloc"), .message = abi::text_of("")};
   return &error;
 }
 
@@ -102,7 +96,8 @@ abi::Error* open() {
 
 abi::Description describe() {
   const Runtime& runtime = library_runtime();
-  return {.runtime = view_of(runtime.name()), .kernels = view_of(runtime.instruction_set())};
+  return {.runtime = abi::text_of(runtime.name()),
+          .kernels = abi::text_of(runtime.instruction_set())};
 }
 
 abi::Error* get_num_threads(std::int32_t* count) {
@@ -120,7 +115,7 @@ abi::Error* set_num_threads(std::int32_t count) {
 }
 
 files::ModelDirectory directory_of(abi::Text directory, abi::Text allowed_root) {
-  return {text_of(directory), text_of(allowed_root)};
+  return {abi::view_of(directory), abi::view_of(allowed_root)};
 }
 
 abi::Error* check_model(abi::Text directory, abi::Text allowed_root) {
@@ -147,16 +142,16 @@ std::size_t dimension(const abi::Model* model) { return model->transformer->dime
 std::size_t prompt_count(const abi::Model* model) { return model->transformer->prompts().size(); }
 
 abi::Text prompt_name(const abi::Model* model, std::size_t index) {
-  return view_of(model->transformer->prompts()[index].name);
+  return abi::text_of(model->transformer->prompts()[index].name);
 }
 
 abi::Error* encode(const abi::Model* model, const abi::EncodeCall* call) {
   return guarded([model, call] {
     EncodeParameters options = {.normalize = call->normalize != 0};
-    if (call->prompt_name != nullptr) options.prompt_name = text_of(*call->prompt_name);
+    if (call->prompt_name != nullptr) options.prompt_name = abi::view_of(*call->prompt_name);
     if (call->token_counts != nullptr) options.token_counts = {call->token_counts, call->count};
     std::vector<std::string_view> texts(call->count);
-    std::transform(call->texts, call->texts + call->count, texts.begin(), text_of);
+    std::transform(call->texts, call->texts + call->count, texts.begin(), abi::view_of);
     model->transformer->encode(texts, options, call->vectors);
   });
 }

@@ -39,8 +39,6 @@ struct PassOn<kOperation> {
 constexpr std::string_view kRuntimeError = "RuntimeError";
 constexpr std::string_view kNoMemory = "std::bad_alloc";
 
-abi::Text view_of(std::string_view text) { return {.data = text.data(), .size = text.size()}; }
-
 struct OwnError {
   abi::Error view;  ///< First, so that a pointer to it is one to the whole.
   std::string message;
@@ -49,13 +47,12 @@ struct OwnError {
 abi::Error* make_error(std::string_view message) {
   auto error = std::make_unique<OwnError>();
   error->message = escape_control_characters(message);
-  error->view = {.kind = view_of(kRuntimeError), .message = view_of(error->message)};
+  error->view = {.kind = abi::text_of(kRuntimeError), .message = abi::text_of(error->message)};
   return &error.release()->view;
 }
 
 abi::Error* out_of_memory() noexcept {
-  static constinit abi::Error error = {.kind = {kNoMemory.data(), kNoMemory.size()},
-                                       .message = {nullptr, 0}};
+  static constinit abi::Error error = {.kind = abi::text_of(kNoMemory), .message = {}};
   return &error;
 }
 

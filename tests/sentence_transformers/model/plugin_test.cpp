@@ -1,7 +1,6 @@
 // The boundary, linked into this program instead of opened.
 
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -16,16 +15,15 @@ namespace tovana::sentence_transformers {
 namespace {
 
 namespace abi = model_library_abi;
+using abi::text_of;
 
 const abi::Table& table() { return *tovana_model_library(); }
-
-abi::Text text(const std::string& value) { return {.data = value.data(), .size = value.size()}; }
 
 /// "kind: message" of a failure, which is freed; "" without one.
 std::string described(abi::Error* error) {
   if (error == nullptr) return "";
-  std::string result = std::string(error->kind.data, error->kind.size) + ": " +
-                       std::string(error->message.data, error->message.size);
+  std::string result(view_of(error->kind));
+  result.append(": ").append(view_of(error->message));
   table().free_error(error);
   return result;
 }
@@ -35,14 +33,14 @@ constexpr abi::LoadOptions kFloat32 = {.number_format = abi::NumberFormat::float
 TEST(Plugin, EncodesThroughTheTable) {
   ASSERT_EQ(described(table().open()), "");
   const std::string path = tiny_model("tiny_bert_max_dense").string();
-  ASSERT_EQ(described(table().check_model(text(path), text(path))), "");
+  ASSERT_EQ(described(table().check_model(text_of(path), text_of(path))), "");
   abi::Model* model = nullptr;
-  ASSERT_EQ(described(table().load_model(text(path), text(path), &kFloat32, &model)), "");
+  ASSERT_EQ(described(table().load_model(text_of(path), text_of(path), &kFloat32, &model)), "");
   ASSERT_EQ(table().dimension(model), 24U);
 
   const std::vector<nlohmann::json> references = read_references(path + "/reference.jsonl");
   const std::string sentence = references[3].at("text");
-  const std::vector<abi::Text> texts = {text(sentence), {.data = nullptr, .size = 0}};
+  const std::vector<abi::Text> texts = {text_of(sentence), {.data = nullptr, .size = 0}};
   std::vector<float> vectors(std::size_t{2} * 24);
   std::vector<std::uint32_t> counts(2);
   abi::EncodeCall call = {.texts = texts.data(),
@@ -61,7 +59,7 @@ TEST(Plugin, EncodesThroughTheTable) {
   call = {};
   EXPECT_EQ(described(table().encode(model, &call)), "");
   const std::string unknown = "x\ny";
-  const abi::Text prompt = text(unknown);
+  const abi::Text prompt = text_of(unknown);
   call.prompt_name = &prompt;
   EXPECT_EQ(described(table().encode(model, &call)),
             R"(ValueError: the model has no prompt "x\ny"; it has "document", "query")");
@@ -76,13 +74,13 @@ TEST(Plugin, LetsFailuresThroughAsKindAndOneLine) {
   for (const auto& [folder, fault] : {std::pair(path, "/config.json: \"model_type\" is \"a"),
                                       {path + "\nabsent", "\\nabsent: "}}) {
     const std::string message =
-        described(table().load_model(text(folder), text(folder), &kFloat32, &model));
+        described(table().load_model(text_of(folder), text_of(folder), &kFloat32, &model));
     EXPECT_THAT(message, testing::StartsWith("ValueError: " + path + fault));
     EXPECT_EQ(message.find_first_of("\n\x1b"), std::string::npos);
   }
   const abi::LoadOptions unknown = {.number_format = abi::NumberFormat{99}};
   const std::string sound = tiny_model("tiny_bert_cls").string();
-  EXPECT_EQ(described(table().load_model(text(sound), text(sound), &unknown, &model)),
+  EXPECT_EQ(described(table().load_model(text_of(sound), text_of(sound), &unknown, &model)),
             "RuntimeError: the model library does not know the number format 99");
   EXPECT_EQ(model, nullptr);
   table().free_error(nullptr);

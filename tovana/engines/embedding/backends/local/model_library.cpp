@@ -24,19 +24,13 @@ namespace {
 namespace abi = model_library_abi;
 namespace fs = std::filesystem;
 
-abi::Text text(std::string_view of) { return {of.data(), of.size()}; }
-
-std::string_view view(const abi::Text& text) {
-  return text.size == 0 ? std::string_view() : std::string_view(text.data, text.size);
-}
-
 /// Why an operation on a file failed, from errno.
 std::string system_reason() { return std::generic_category().message(errno); }
 
 [[noreturn]] void throw_failure(const abi::Table& table, abi::Error* error) {
   const std::unique_ptr<abi::Error, void (*)(abi::Error*)> owned(error, table.free_error);
-  const std::string_view kind = view(error->kind);
-  std::string message(view(error->message));
+  const std::string_view kind = abi::view_of(error->kind);
+  std::string message(abi::view_of(error->message));
   if (kind == "std::bad_alloc") throw std::bad_alloc();
   if (kind == "ValueError") throw files::ModelFilesError(message);
   if (kind == "RuntimeError") throw RuntimeError(message);
@@ -77,8 +71,8 @@ class LibraryModel final : public LocalModel {
     }
     std::vector<abi::Text> given;
     given.reserve(texts.size());
-    for (const std::string_view each : texts) given.push_back(text(each));
-    const abi::Text prompt_name = text(options.prompt_name.value_or(""));
+    for (const std::string_view each : texts) given.push_back(abi::text_of(each));
+    const abi::Text prompt_name = abi::text_of(options.prompt_name.value_or(""));
     EncodedTexts encoded = {
         .vectors = {.columns = _dimension, .values = std::vector<float>(texts.size() * _dimension)},
         .token_counts = std::vector<std::uint32_t>(options.count_tokens ? texts.size() : 0)};
@@ -96,7 +90,7 @@ class LibraryModel final : public LocalModel {
   std::vector<std::string> prompt_names() const override {
     std::vector<std::string> names(_table.prompt_count(_model.get()));
     for (std::size_t i = 0; i < names.size(); ++i) {
-      names[i] = view(_table.prompt_name(_model.get(), i));
+      names[i] = abi::view_of(_table.prompt_name(_model.get(), i));
     }
     return names;
   }
@@ -209,7 +203,8 @@ std::unique_ptr<ModelLibrary> ModelLibrary::open(const fs::path& path) {
 
 ModelLibraryDescription ModelLibrary::describe() const noexcept {
   const abi::Description description = _table.describe();
-  return {.runtime = view(description.runtime), .kernels = view(description.kernels)};
+  return {.runtime = abi::view_of(description.runtime),
+          .kernels = abi::view_of(description.kernels)};
 }
 
 std::int64_t ModelLibrary::get_num_threads() {
@@ -226,16 +221,16 @@ void ModelLibrary::set_num_threads(std::int64_t count) {
 }
 
 void ModelLibrary::check_model(const fs::path& directory, const fs::path& allowed_root) const {
-  call(_table, "check_model", _table.check_model, text(directory.native()),
-       text(allowed_root.native()));
+  call(_table, "check_model", _table.check_model, abi::text_of(directory.native()),
+       abi::text_of(allowed_root.native()));
 }
 
 std::unique_ptr<const LocalModel> ModelLibrary::load_model(const fs::path& directory,
                                                            const fs::path& allowed_root,
                                                            const abi::LoadOptions& options) const {
   abi::Model* loaded = nullptr;
-  call(_table, "load_model", _table.load_model, text(directory.native()),
-       text(allowed_root.native()), &options, &loaded);
+  call(_table, "load_model", _table.load_model, abi::text_of(directory.native()),
+       abi::text_of(allowed_root.native()), &options, &loaded);
   LibraryModel::Handle model(loaded, _table.free_model);
   if (model == nullptr || _table.dimension(model.get()) == 0) {
     throw RuntimeError("the model library returned neither a usable model nor an error for " +

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 /// The boundary between this component and a model library, a shared object that it opens at run
 /// time (libtovana_sentence_transformers.so, or another at the path in TOVANA_MODEL_LIBRARY). Both
@@ -32,6 +33,9 @@ struct Text {
   const char* data;
   std::size_t size;
 };
+
+constexpr Text text_of(std::string_view view) { return {.data = view.data(), .size = view.size()}; }
+constexpr std::string_view view_of(Text text) { return {text.data, text.size}; }
 
 /// A failure: made by the model library, read by the component, freed by `Table::free_error`. It
 /// belongs to whoever the operation returned it to and to no other thread.

@@ -1,7 +1,6 @@
 #include "tests/tovana/engines/embedding/backends/local/plugins/plugin.h"
 
 #include <array>
-#include <cstring>
 #include <stdexcept>
 #include <string_view>
 
@@ -33,19 +32,17 @@ void free_error(Error* error) {
 }
 
 Error* act(std::string_view wish) {
-  static constexpr std::string_view kFail = "fail ", kMessage = "does not work";
+  static constexpr std::string_view kFail = "fail ";
   if (wish == "throw") throw std::logic_error("oops");
   if (wish == "throw int") throw 1;
   if (wish == "hang") hang();
   if (!wish.starts_with(kFail)) return nullptr;
   ++alive;
   wish.remove_prefix(kFail.size());  // the test's own text, which outlives the error
-  return new Error{{wish.data(), wish.size()}, {kMessage.data(), kMessage.size()}};
+  return new Error{text_of(wish), text_of("does not work")};
 }
 
-std::string_view view(Text text) { return {text.data, text.size}; }
-
-std::string_view last_part(Text path) { return view(path).substr(view(path).rfind('/') + 1); }
+std::string_view last_part(Text path) { return view_of(path).substr(view_of(path).rfind('/') + 1); }
 
 Error* open() {
 #ifdef FAILING_OPEN
@@ -75,12 +72,12 @@ void free_model(Model* model) {
 
 Error* encode(const Model* /*model*/, const EncodeCall* call) {
   const std::string_view prompt =
-      call->prompt_name != nullptr ? view(*call->prompt_name) : std::string_view();
+      call->prompt_name != nullptr ? view_of(*call->prompt_name) : std::string_view();
   if (Error* const error = act(prompt)) return error;
   float* vector = call->vectors;
   for (std::size_t i = 0; i < call->count; ++i, vector += kPluginDimension) {
     const Text text = call->texts[i];
-    if (Error* const error = act(view(text))) return error;
+    if (Error* const error = act(view_of(text))) return error;
     vector[0] = static_cast<float>(prompt.size() + text.size);
     vector[1] = static_cast<float>(threads);
     vector[2] = static_cast<float>(call->normalize);
@@ -98,7 +95,7 @@ Table table = {
     .size = sizeof(Table),
     .open = open,
     .describe = []() -> Description {
-      return {.runtime = {"fake", 4}, .kernels = {"none", 4}};
+      return {.runtime = text_of("fake"), .kernels = text_of("none")};
     },
     .get_num_threads = [](std::int32_t* count) -> Error* {
       *count = threads;
@@ -113,7 +110,7 @@ Table table = {
     .dimension = [](const Model*) -> std::size_t { return kPluginDimension; },
     .prompt_count = [](const Model*) -> std::size_t { return kPrompts.size(); },
     .prompt_name = [](const Model*, std::size_t index) -> Text {
-      return {kPrompts.at(index), std::strlen(kPrompts.at(index))};
+      return text_of(kPrompts.at(index));
     },
     .encode = encode,
     .free_model = free_model,
