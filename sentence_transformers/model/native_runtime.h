@@ -10,16 +10,11 @@ class NativeRuntime final : public Runtime {
   explicit constexpr NativeRuntime(const Kernels& kernels) noexcept : _kernels(kernels) {}
 
   std::string_view name() const noexcept override { return "native"; }
-  std::string_view instruction_set() const noexcept override { return _kernels.name; }
-  void open() const override {}
   std::size_t get_num_threads() const override;
   void set_num_threads(std::size_t count) const override;
   std::unique_ptr<const Encoder> load_encoder(const Checkpoint& checkpoint,
                                               const TransformerConfig& config) const override;
   const Kernels& kernels() const noexcept override { return _kernels; }
-  std::optional<std::string> message_of(const std::exception&) const override {
-    return std::nullopt;
-  }
 
  private:
   const Kernels& _kernels;

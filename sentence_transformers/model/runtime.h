@@ -27,12 +27,13 @@ class Runtime {
   // The texts live as long as the process.
   /// "native", or the name and version of the library that does it: "libtorch 2.13.0".
   virtual std::string_view name() const noexcept = 0;
-  /// The instruction set of the arithmetic: "avx512".
-  virtual std::string_view instruction_set() const noexcept = 0;
+  /// The instruction set of the arithmetic, "avx512": that of the kernels, unless it has its own.
+  virtual std::string_view instruction_set() const noexcept { return kernels().name; }
 
-  /// Makes the runtime ready; called before anything below, and again after a failure. May block for
-  /// as long as it takes to load other libraries. Throws RuntimeError.
-  virtual void open() const = 0;
+  /// Makes the runtime ready, where that takes anything; called before anything below, and again
+  /// after a failure. May block for as long as it takes to load other libraries. Throws
+  /// RuntimeError.
+  virtual void open() const {}
 
   /// The count of threads that a call computes on, the calling one included: a setting of the
   /// calling thread.
@@ -50,7 +51,9 @@ class Runtime {
   virtual const Kernels& kernels() const noexcept = 0;
 
   /// The message, in one line, of an exception that is of the runtime's own kind; none for another.
-  virtual std::optional<std::string> message_of(const std::exception& error) const = 0;
+  virtual std::optional<std::string> message_of(const std::exception& /*error*/) const {
+    return std::nullopt;
+  }
 
  protected:
   ~Runtime() = default;

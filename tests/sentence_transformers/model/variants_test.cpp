@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -182,9 +181,7 @@ class WhileLoading final : public Runtime {
  public:
   explicit WhileLoading(std::function<void()> event) : _event(std::move(event)) {}
 
-  std::string_view name() const noexcept override { return _native.name(); }
-  std::string_view instruction_set() const noexcept override { return _native.instruction_set(); }
-  void open() const override {}
+  std::string_view name() const noexcept override { return "native, interrupted"; }
   std::size_t get_num_threads() const override { return 1; }
   void set_num_threads(std::size_t) const override {}
   std::unique_ptr<const Encoder> load_encoder(const Checkpoint& checkpoint,
@@ -193,7 +190,6 @@ class WhileLoading final : public Runtime {
     return _native.load_encoder(checkpoint, config);
   }
   const Kernels& kernels() const noexcept override { return _native.kernels(); }
-  std::optional<std::string> message_of(const std::exception&) const override { return {}; }
 
  private:
   const NativeRuntime _native{best_kernels()};
