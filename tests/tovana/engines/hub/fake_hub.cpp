@@ -1,8 +1,6 @@
 #include "tests/tovana/engines/hub/fake_hub.h"
 
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <utility>
 
 #include "tovana/engines/hub/partial_blob.h"
@@ -49,17 +47,6 @@ std::string hash(const FakeHub::File& file, std::size_t digits) {
 FakeHub::FakeHub(std::shared_ptr<SSL_CTX> tls)
     : _store([this](Connection& connection) { answer_store(connection); }),
       _hub([this](Connection& connection) { answer(connection); }, std::move(tls)) {}
-
-void FakeHub::add_folder(const std::filesystem::path& folder) {
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
-    if (!entry.is_regular_file()) continue;
-    std::ifstream stream(entry.path(), std::ios::binary);
-    File file{.content = {std::istreambuf_iterator<char>(stream), {}},
-              .is_large = entry.path().extension() == ".safetensors"};
-    file.id = id_of(file);
-    files[entry.path().lexically_relative(folder).string()] = std::move(file);
-  }
-}
 
 std::string FakeHub::url() const {
   const std::string url = _hub.url();

@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -38,9 +37,6 @@ class FakeHub {
   /// With a context the hub speaks TLS; the other host never does. The members may be changed
   /// before the first request, and after `settle` until the next.
   explicit FakeHub(std::shared_ptr<SSL_CTX> tls = nullptr);
-
-  /// The files of a folder become the repository's; safetensors are large.
-  void add_folder(const std::filesystem::path& folder);
 
   std::string url() const;
   /// Returns once no request is being answered.
