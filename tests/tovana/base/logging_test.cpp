@@ -8,8 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/child_process.h"
-#include "tests/support/failing_new.h"
+#include "tests/support/fork_at_each_allocation.h"
 #include "tests/support/log_recorder.h"
 #include "tovana/exceptions/exceptions.h"
 
@@ -68,23 +67,14 @@ TEST(Logging, SurvivesASinkThatLogsReplacesItselfAndThrows) {
 
 TEST(Logging, WorksInAChildForkedAnywhereInAnotherRecord) {
   ::testing::internal::CaptureStderr();
-  int allocations = 0;
-  for (bool has_forked = true; has_forked; ++allocations) {
-    has_forked = false;
-    const auto fork_and_log = [&] {
-      has_forked = true;
-      const auto log = [] {
-        Logger("test.child").info("child");
-        return 0;
-      };
-      EXPECT_EQ(testing::run_in_child(log), 0) << allocations;
-    };
-    const tovana::testing::FailingNew forking(allocations, fork_and_log);
-    kLog.info("parent: %s", std::string(500, 'x'));
-  }
-  EXPECT_GT(allocations, 4);
+  const auto log_in_child = [] {
+    Logger("test.child").info("child");
+    return 0;
+  };
+  const int records = testing::fork_at_each_allocation(
+      [] { kLog.info("parent: %s", std::string(500, 'x')); }, log_in_child);
   const std::string written = ::testing::internal::GetCapturedStderr();
-  EXPECT_EQ(std::ranges::count(written, '\n'), 2 * allocations - 1);
+  EXPECT_EQ(std::ranges::count(written, '\n'), 2 * records - 1);
 }
 
 }  // namespace

@@ -11,9 +11,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/child_process.h"
-#include "tests/support/failing_new.h"
 #include "tests/support/failure_text.h"
+#include "tests/support/fork_at_each_allocation.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::http {
@@ -65,20 +64,11 @@ TEST(Json, RefusesMoreValuesThanAreWanted) {
 }
 
 TEST(Json, CanBeReadInAChildForkedAnywhereInAnotherParse) {
-  int allocations = 0;
-  for (bool has_forked = true; has_forked; ++allocations) {
-    has_forked = false;
-    const auto fork_and_parse = [&] {
-      has_forked = true;
-      const auto parse_and_exit = []() -> int {
+  fork_at_each_allocation(
+      [] { JsonReply::parse("[]"); },
+      []() -> int {
         std::exit(JsonReply::parse("[1]").root().numbers() == std::vector<double>{1} ? 0 : 1);
-      };
-      EXPECT_EQ(run_in_child(parse_and_exit), 0) << allocations;
-    };
-    const FailingNew forking(allocations, fork_and_parse);
-    JsonReply::parse("[]");
-  }
-  EXPECT_GT(allocations, 4);
+      });
 }
 
 TEST(Json, ReadsNumbersExactly) {
