@@ -17,6 +17,13 @@ die() {
   exit 1
 }
 
+# help_if_asked ARGUMENT…: with --help or -h in front, prints the comment at the script's head, and that is all.
+help_if_asked() {
+  if [[ ${1:-} != --help && ${1:-} != -h ]]; then return; fi
+  sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"
+  exit 0
+}
+
 # configure PRESET [CMAKE ARGUMENT…]: a preset can only be named from the directory that holds it.
 configure() {
   (cd "$root" && cmake --preset "$@")
