@@ -5,7 +5,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "sentence_transformers/model/native_runtime.h"
 #include "sentence_transformers/model/sentence_transformer.h"
@@ -122,7 +121,7 @@ TEST(ModelFaults, OfTheTensors) {
       {{"{'encoder.layer.1.attention.self.query.weight': {'shape': [16, 64]}}",
         "the tensor 'encoder.layer.1.attention.self.query.weight' has the shape [16, 64], and the"},
        {"{'encoder.layer.1.attention.self.query.weight': {'dtype': 'I32'}}",
-        "the tensor 'encoder.layer.1.attention.self.query.weight': "},
+        "the tensor 'encoder.layer.1.attention.self.query.weight': weights of type I32 cannot be"},
        {"{'encoder.layer.1.attention.self.query.weight': null,"
         " 'other': {'dtype': 'F32', 'shape': [32, 32], 'data_offsets': [105088, 109184]}}",
         "no tensor 'encoder.layer.1.attention.self.query.weight' of shape [32, 32]"},

@@ -8,8 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/failure_text.h"
-
 namespace tovana::sentence_transformers {
 namespace {
 
@@ -40,32 +38,6 @@ TEST(Float32, WideningIsExactForEveryBitPattern) {
       ASSERT_EQ(std::bit_cast<std::uint32_t>(out[i]), expected) << dtype_name(dtype) << ' ' << i;
     }
   }
-}
-
-TEST(Float32, OfF64IsTheNearest) {
-  const std::vector<double> values = {0.1, -2.0};
-  std::vector<float> out(2);
-  copy_float32(Dtype::f64, std::as_bytes(std::span(values)), out);
-  EXPECT_EQ(out, (std::vector<float>{0.1F, -2.0F}));
-}
-
-TEST(Float32, LiesInPlaceOnlyWhenAligned) {
-  alignas(float) std::array<std::byte, 9> bytes{};
-  const std::vector<float> values = {1.5F, -2.0F};
-  std::vector<float> copy(2);
-  for (const std::size_t offset : {std::size_t{1}, std::size_t{0}}) {
-    std::memcpy(bytes.data() + offset, values.data(), 8);
-    const std::span<const std::byte> part = std::span(bytes).subspan(offset, 8);
-    EXPECT_EQ(float32_in_place(Dtype::f32, part).has_value(), offset == 0);
-    copy_float32(Dtype::f32, part, copy);
-    EXPECT_EQ(copy, values);
-  }
-  const std::span<const std::byte> aligned = std::span(bytes).first(8);
-  const std::span<const float> in_place = *float32_in_place(Dtype::f32, aligned);
-  EXPECT_EQ(std::vector(in_place.begin(), in_place.end()), values);
-  EXPECT_EQ(float32_in_place(Dtype::i32, aligned), std::nullopt);
-  EXPECT_EQ(failure_of([&] { copy_float32(Dtype::i32, aligned, copy); }),
-            "ValueError: weights of type I32 cannot be used: F64, F32, F16 and BF16 can");
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/sentence_transformers/model_files.h"
 #include "tests/support/failure_text.h"
