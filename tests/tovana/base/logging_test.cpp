@@ -39,16 +39,6 @@ TEST(Logging, KeepsFormatAndArgumentsApartAndRendersThem) {
   EXPECT_EQ(records[1].message(), "no arguments");
 }
 
-TEST(Logging, AttachesErrorsByKind) {
-  const testing::LogRecorder log;
-  kLog.warning_with_error(ValueError(": of ours"), "failed");
-  kLog.warning_with_error(std::out_of_range(": foreign"), "failed");
-  const std::vector<LogRecord> records = log.records();
-  ASSERT_EQ(records.size(), 2U);
-  EXPECT_EQ(records[0].error->kind + records[0].error->message, "ValueError: of ours");
-  EXPECT_EQ(records[1].error->kind + records[1].error->message, "std::out_of_range: foreign");
-}
-
 TEST(Logging, SurvivesASinkThatLogsReplacesItselfAndThrows) {
   const testing::LogRecorder restores_the_sink;
   std::vector<std::string> seen;

@@ -4,7 +4,6 @@
 #include <string_view>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace tovana {
 namespace {
@@ -76,12 +75,6 @@ TEST(Case, IsUnicodesAndOfNoLanguage) {
   lowered.replace(lowered.size() - 2, 2, "\u03C2");
   append_lower_case(given, result);
   EXPECT_TRUE(result == lowered);
-  EXPECT_TRUE(is_uppercase(U'\u2160'));     // Ⅰ, a number in upper case
-  EXPECT_FALSE(is_uppercase(U'\u01C5'));    // ǅ is in title case
-  EXPECT_TRUE(is_lowercase(U'\u00AA'));     // ª
-  EXPECT_TRUE(is_white_space(U'\u0085'));   // next line
-  EXPECT_FALSE(is_white_space(U'\u001F'));  // a separator in other languages' eyes
-  EXPECT_FALSE(is_white_space(U'\u200B'));  // zero width space is none
 }
 
 TEST(Escape, KeepsATextOnItsLine) {

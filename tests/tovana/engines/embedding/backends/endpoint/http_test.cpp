@@ -7,7 +7,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/support/failure_text.h"
 #include "tests/support/log_recorder.h"
@@ -18,13 +17,11 @@
 namespace tovana::embedding {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
+using namespace ::testing;
 using Texts = std::vector<std::string>;
 using Vectors = std::vector<Vector>;
 
-class HTTPBackendTest : public ::testing::Test, public http::Transport {
+class HTTPBackendTest : public Test, public http::Transport {
  protected:
   /// Answers with the next response, and remembers "URL BODY AUTHORIZATION".
   http::Outcome send(const http::Request& request, http::ResponseSink& sink) override {
@@ -62,7 +59,7 @@ class HTTPBackendTest : public ::testing::Test, public http::Transport {
     waits.push_back(seconds);
     return http::WaitEnding::elapsed;
   };
-  testing::LogRecorder log;
+  tovana::testing::LogRecorder log;
 };
 
 TEST_F(HTTPBackendTest, SendsEachDialectsBodyToItsUrlAndLearnsOnlyOnesDimension) {
@@ -152,8 +149,8 @@ TEST_F(HTTPBackendTest, RefusesRepliesWithoutUsableVectors) {
 TEST_F(HTTPBackendTest, BoundsRepliesAndWhatItTellsOfThem) {
   reply("{\"sk-SECRET\":0,\"" + std::string(500'000, 'x') + "\":0,\"y\":0}");
   const std::string fault = failure_of([&] { api("sk-secret").embed({"a"}); });
-  EXPECT_THAT(fault, ::testing::StartsWith("RuntimeError: API response missing 'embeddings' key, "
-                                           "got keys: ['***', 'xxx"));
+  EXPECT_THAT(fault, StartsWith("RuntimeError: API response missing 'embeddings' key, "
+                                "got keys: ['***', 'xxx"));
   EXPECT_LT(fault.size(), 1100U);
 
   const auto embed_four = [&](std::size_t numbers, std::size_t blanks) {
@@ -164,8 +161,8 @@ TEST_F(HTTPBackendTest, BoundsRepliesAndWhatItTellsOfThem) {
     return failure_of([&] { api().embed({"a", "b", "c", "d"}); });
   };
   EXPECT_EQ(embed_four(1'100'000, 800'000), "none");
-  EXPECT_THAT(embed_four(1'200'000, 1), ::testing::HasSubstr("more than 1179"));
-  EXPECT_THAT(embed_four(1, 5'000'000), ::testing::HasSubstr("larger than 4 MiB"));
+  EXPECT_THAT(embed_four(1'200'000, 1), HasSubstr("more than 1179"));
+  EXPECT_THAT(embed_four(1, 5'000'000), HasSubstr("larger than 4 MiB"));
 }
 
 TEST_F(HTTPBackendTest, ReportsAFailureOnceAndAStopNever) {
@@ -176,7 +173,8 @@ TEST_F(HTTPBackendTest, ReportsAFailureOnceAndAStopNever) {
   EXPECT_EQ(failure_of([&] { backend.embed(two); }),
             "RuntimeError: API embedding failed: " + failure);
   EXPECT_THAT(waits, ElementsAre(0.5, 1.0));
-  EXPECT_EQ(log.records().at(0).error->kind, "HttpFailure");
+  const auto error = log.records().at(0).error;
+  EXPECT_EQ(error->kind + ": " + error->message, "HttpFailure: " + failure);
   EXPECT_THAT(log.take_lines(),
               ElementsAre("warning API embedding HTTP/transport call failed (url=" + url +
                           ", texts=2): " + failure));
@@ -184,9 +182,9 @@ TEST_F(HTTPBackendTest, ReportsAFailureOnceAndAStopNever) {
 
   fail(404);
   EXPECT_THAT(failure_of([&] { openai("https://host/v1?api-version=1").embed({"a"}); }),
-              ::testing::EndsWith("give a base URL without a query"));
+              EndsWith("give a base URL without a query"));
   EXPECT_THAT(sent, SizeIs(4));  // the late call was not sent
-  EXPECT_THAT(sent.back(), ::testing::StartsWith("https://host/v1?api-version=1/embeddings "));
+  EXPECT_THAT(sent.back(), StartsWith("https://host/v1?api-version=1/embeddings "));
   EXPECT_THAT(log.take_lines(), SizeIs(2));
 
   EXPECT_EQ(failure_of([&] { backend.embed(two, {.should_stop = [] { return true; }}); }),
@@ -200,7 +198,7 @@ TEST_F(HTTPBackendTest, RefusesUrlsOfOtherSchemes) {
     EXPECT_EQ(failure_of([&] { api({}, url); }), "ValueError: api" + problem);
     EXPECT_EQ(failure_of([&] { openai(url); }), "ValueError: base" + problem);
   }
-  EXPECT_THAT(failure_of([&] { api({}, "http:/user:hunter2@h"); }), ::testing::EndsWith("'***@h'"));
+  EXPECT_THAT(failure_of([&] { api({}, "http:/user:hunter2@h"); }), EndsWith("'***@h'"));
 }
 
 }  // namespace
