@@ -36,7 +36,7 @@ def test_prints_every_text_and_its_vector_in_order():
     assert [record["vector"] for record in records] == embed(texts)
 
 
-WORDS = ("get User HTTP v2 x connections ation Settings cafés İ ΑΣ αΣ ǅ ß 你好 😀 Ⅰⅰ приветing e\u0301 ª KING "
+WORDS = ("get User HTTP v2 x connections readiness ation Settings cafés İ ΑΣ αΣ ǅ ß 你好 😀 Ⅰⅰ приветing e\u0301 ª KING "
          "TITLE \udcff \0 1 =").split(" ")
 GLUE = "\t \n \v \f \r _ - . / : :: ::: \\ ( ] ; , \xa0 \u2028 \x85 \x1f \u3000 \u200b".split(" ") + [" ", ""]
 
