@@ -3,7 +3,6 @@
 #include <string>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/support/failure_text.h"
 #include "tests/support/log_recorder.h"
@@ -74,6 +73,9 @@ TEST_F(DetectionTest, DecidesByConfigurationAndLibrary) {
        "openai:m 3"},
 
       {{{"backend", "local"}, {"model_name", "m"}, {"dimension", 9}}, loads, "local:m 9"},
+      {{{"backend", "local"}, {"model_name", "all-mpnet-base-v2"}},
+       loads,
+       "local:all-mpnet-base-v2 768"},
       {{{"backend", "local"}}, broken, bad_library},
       {{{"backend", "local"}, {"model_name", nullptr}}, loads, "ValueError: " + bad_model},
       {{{"backend", "local"}, {"api_url", "http://h"}}, missing, "tfidf 256" + no_library},

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/support/log_recorder.h"
 #include "tests/support/waiting.h"
@@ -21,28 +20,18 @@ namespace tovana::embedding {
 namespace {
 
 using namespace std::string_literals;
-using ::testing::AllOf;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using namespace ::testing;
+using namespace tovana::testing;
 
-class LocalBackendTest : public ::testing::Test {
+class LocalBackendTest : public Test {
  protected:
   FakeModelRuntime _runtime;
   TorchThreads _threads{&_runtime};
   Environment _environment;
   LocalEmbeddingBackend _backend{
       "m", {}, {.runtime = &_runtime, .threads = &_threads, .environment = &_environment}};
-  tovana::testing::LogRecorder _log;
+  LogRecorder _log;
 };
-
-TEST_F(LocalBackendTest, IsNamedAndSizedWithoutLoadingAnything) {
-  const std::string mpnet = "all-mpnet-base-v2";
-  EXPECT_EQ(LocalEmbeddingBackend(mpnet, 0, {.runtime = &_runtime}).dimension(), 768);
-  EXPECT_EQ(LocalEmbeddingBackend(mpnet, 512, {.runtime = &_runtime}).dimension(), 512);
-  EXPECT_EQ(_backend.name() + " " + std::to_string(_backend.dimension()), "local:m 384");
-  EXPECT_THAT(_runtime.take_calls(), IsEmpty());
-}
 
 TEST_F(LocalBackendTest, LoadsOnceFetchesWhatTheCacheLacksAndStartsAnewAfterAFailure) {
   _runtime.on_load_model = [](bool local_files_only) {
@@ -83,7 +72,7 @@ TEST_F(LocalBackendTest, ThreadsThatMeetShareALoadAndEncodeAtOnce) {
   std::barrier all(kThreads);  // passed only if nothing keeps one out while another encodes
   _runtime.on_load_model = [&](bool) { under_way.wait(); };
   _runtime.on_encode = [&] {
-    const tovana::testing::Waiting waiting("all threads to encode at once");
+    const Waiting waiting("all threads to encode at once");
     all.arrive_and_wait();
   };
   std::vector<std::jthread> workers;
@@ -137,7 +126,7 @@ TEST(EmbedThreadsTest, ReadsAWholeNumberOrFallsBack) {
   EXPECT_EQ(threads("9223372036854775808"), kLargest);
   for (const std::string& value : {""s, " "s, "2.5"s, "0x10"s, "+"s, "+-4"s, "- 4"s, "4 5"s, "_4"s,
                                    "4_"s, "1__6"s, "\u0664"s, "4\xC2"s, "4\0"s}) {
-    EXPECT_EQ(threads(value), 2) << ::testing::PrintToString(value);
+    EXPECT_EQ(threads(value), 2) << PrintToString(value);
   }
   setenv("TOVANA_EMBED_THREADS", "5", 1);  // the process's own counts only without a map
   const Environment without;

@@ -16,7 +16,6 @@
 
 #include <dlfcn.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "tests/support/failure_text.h"
@@ -29,11 +28,8 @@
 namespace tovana::embedding {
 namespace {
 
+using namespace ::testing;
 using namespace tovana::testing;
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 namespace fs = std::filesystem;
 
 fs::path plugin(const std::string& name) { return fs::path(PLUGIN_FOLDER) / (name + ".so"); }
@@ -198,7 +194,7 @@ void await_hang(const std::function<void()>& start) {
 
 TEST(NoWaitTest, NothingThatPromisesNotToWaitWaitsForALibraryThatOpens) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(call_while_a_library_opens(), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(call_while_a_library_opens(), ExitedWithCode(0), "");
 }
 
 /// Exits with status 7 while other threads are stuck in a load and in a call of the model library.
@@ -219,7 +215,7 @@ TEST(NoWaitTest, NothingThatPromisesNotToWaitWaitsForALibraryThatOpens) {
 TEST(ExitTest, LeavesTheHostItsStatusHandlersAndStaticsDuringALoadAndACall) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   for (const bool on_main_thread : {true, false}) {
-    EXPECT_EXIT(exit_during_load_and_call(on_main_thread), ::testing::ExitedWithCode(7),
+    EXPECT_EXIT(exit_during_load_and_call(on_main_thread), ExitedWithCode(7),
                 "its handlers, its statics, ");
   }
 }
