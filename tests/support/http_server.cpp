@@ -1,6 +1,5 @@
 #include "tests/support/http_server.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>

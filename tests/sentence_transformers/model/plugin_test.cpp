@@ -4,7 +4,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/sentence_transformers/model_files.h"
 #include "tovana/engines/embedding/backends/local/model_library_abi.h"

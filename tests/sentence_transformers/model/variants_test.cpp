@@ -16,7 +16,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "sentence_transformers/model/native_runtime.h"
 #include "sentence_transformers/model/sentence_transformer.h"

@@ -38,15 +38,11 @@ std::string utf8_of(char32_t code_point) {
 }
 
 /// Random numbers below one.
-class Numbers {
- public:
-  std::uint32_t operator()(std::size_t below) {
-    return static_cast<std::uint32_t>(_random() % below);
-  }
-
- private:
-  std::mt19937 _random{7};
-};
+auto numbers() {
+  return [random = std::mt19937(7)](std::size_t below) mutable {
+    return static_cast<std::uint32_t>(random() % below);
+  };
+}
 
 /// FNV-1a over the words of "a" + character + "b" for every character there is, a line each, with
 /// "|" between the words; the sums come from the models' own library. One wrong entry in the tables
@@ -83,7 +79,7 @@ TEST(Words, EveryCharacterIsTreatedAsTheModelsWereTrainedWith) {
 /// The text in one pass has the words of the normalized text, whatever the bytes; its ill-formed
 /// parts count as everywhere in the component.
 TEST(Words, OnePassIsAsGoodAsTwo) {
-  Numbers number;
+  auto number = numbers();
   for (int round = 0; round < 2000; ++round) {
     std::string text;
     for (std::uint32_t left = number(40); left > 0; --left) {
@@ -104,7 +100,7 @@ TEST(Words, OnePassIsAsGoodAsTwo) {
 
 /// Random strings over few letters share prefixes; over all bytes they crowd the blocks.
 TEST(ByteTrie, FindsWhatASearchThroughAllKeysFinds) {
-  Numbers number;
+  auto number = numbers();
   for (const std::size_t letters : {1U, 2U, 5U, 256U}) {
     const auto text = [&](std::size_t longest) {
       std::string result(number(longest + 1), '\0');

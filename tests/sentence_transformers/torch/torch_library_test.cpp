@@ -11,7 +11,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "tests/sentence_transformers/model_files.h"

@@ -1,7 +1,6 @@
 #include "tovana/config/config_file.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/support/failure_text.h"
 #include "tests/support/temp_folder.h"

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/support/log_recorder.h"
 #include "tovana/engines/http/url.h"

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/support/failure_text.h"
 #include "tests/support/fork_at_each_allocation.h"

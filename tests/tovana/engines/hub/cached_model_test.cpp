@@ -8,7 +8,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/support/failure_text.h"
 #include "tests/support/temp_folder.h"
@@ -17,9 +16,7 @@ namespace tovana::hub {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::Not;
+using namespace ::testing;
 
 constexpr const char* kModel = "tiny-bert-cls";
 const std::string kCommit = "c9745ed1d9f207416be6d2e6f8de32d1f16199bf";

@@ -17,7 +17,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -72,18 +71,8 @@ extern "C" int statvfs(const char* path, struct statvfs* space) noexcept {
 namespace tovana::hub {
 namespace {
 
-using ::testing::AllOf;
-using ::testing::Contains;
-using ::testing::ContainsRegex;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
-using tovana::testing::FakeClock;
-using tovana::testing::FakeHub;
-using tovana::testing::LogRecorder;
-using tovana::testing::Waiting;
+using namespace ::testing;
+using namespace tovana::testing;
 using Connection = FakeHub::Connection;
 
 constexpr const char* kWeights = "model.safetensors";
@@ -455,7 +444,7 @@ const Fault kFaults[] = {
 
 TEST(FetchModelTest, EndsAsItShouldWhateverIsWrong) {
   for (const Fault& fault : kFaults) {
-    SCOPED_TRACE(::testing::Message() << &fault - kFaults << ": " << fault.outcome);
+    SCOPED_TRACE(Message() << &fault - kFaults << ": " << fault.outcome);
     Fetching fetching;
     fault.set_up(fetching);
     const std::string outcome = fetching.fetch();
@@ -507,8 +496,8 @@ TEST(FetchModelTest, ResumesWhereAConnectionBrokeAtAnyPoint) {
 }
 
 TEST(FetchModelTest, NothingLeadsFromHttpsToHttp) {
-  Fetching fetching(tovana::testing::server_context());
-  http::CurlTransport transport({.ca_file = tovana::testing::authority_file()});
+  Fetching fetching(server_context());
+  http::CurlTransport transport({.ca_file = authority_file()});
   fetching.options.transport = &transport;
   EXPECT_THAT(fetching.fetch(), HasSubstr("redirects from https to http, at http://127.0.0.1"));
   EXPECT_THAT(fetching.hub.store().requests(), SizeIs(0));
@@ -638,7 +627,7 @@ TEST(FetchModelTest, FetchesWhatTheModelsFilesNameAlsoWithoutLinks) {
 TEST(FetchModelTest, FetchesThatNoLockKeepsApartDoEachOtherNoHarm) {
   for (const auto& [is_taken_for_leftover, is_other_cut_short] :
        {std::pair(false, false), {false, true}, {true, false}, {true, true}}) {
-    SCOPED_TRACE(::testing::Message() << is_taken_for_leftover << is_other_cut_short);
+    SCOPED_TRACE(Message() << is_taken_for_leftover << is_other_cut_short);
     Fetching fetching;
     write_file(fetching.settings.root / ".locks", "in the way of every lock");
     const std::string half = kFiles.at(kWeights).content.substr(0, kWeightBytes / 2);
