@@ -16,9 +16,7 @@
 /// Everything is thrown, nothing returned as an error code; every error of ours is a `tovana::Error`
 /// and a `std::exception`. Texts are UTF-8, vectors 64-bit floats, times seconds.
 ///
-/// Of their own are the reader of the daemon's database (tovana/storage/sqlite, a library beside
-/// this one) and, for an endpoint reached over something else than libcurl,
-/// tovana/engines/http/transport.h.
+/// The reader of the daemon's database is a library beside this one (tovana/storage/sqlite).
 
 #include "tovana/base/clock.h"
 #include "tovana/base/log_sink.h"

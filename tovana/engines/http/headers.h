@@ -4,12 +4,11 @@
 #include <string>
 #include <string_view>
 
-#include "tovana/base/export.h"
 
 /// Header fields of requests and responses. Their names are compared without regard to ASCII case.
 namespace tovana::http {
 
-struct TOVANA_API HeaderNameLess {
+struct HeaderNameLess {
   using is_transparent = void;
   bool operator()(std::string_view left, std::string_view right) const noexcept;
 };

@@ -6,7 +6,6 @@
 #include <string>
 #include <string_view>
 
-#include "tovana/base/export.h"
 #include "tovana/engines/http/headers.h"
 
 /// Carries one HTTP request and its response. What to do about a failure (try again, wait, give up)
@@ -57,7 +56,7 @@ struct ResponseHead {
 
 /// Receives a response as it arrives, on the thread that called `send`. Returning false ends the
 /// exchange there and then, as `aborted`; so does throwing, and `send` throws the same error on.
-class TOVANA_API ResponseSink {
+class ResponseSink {
  public:
   virtual ~ResponseSink() = default;
   ResponseSink(const ResponseSink&) = delete;
@@ -95,7 +94,7 @@ struct Outcome {
 /// Implementations: the one on libcurl (`CurlTransport`), and whatever a test puts in its place.
 ///
 /// Threads: any number of them may call `send` at once.
-class TOVANA_API Transport {
+class Transport {
  public:
   virtual ~Transport() = default;
   Transport(const Transport&) = delete;
@@ -114,11 +113,11 @@ class TOVANA_API Transport {
 /// The process's own transport: verified TLS from the machine's certificates, connections kept
 /// alive and reused, the proxy variables of the environment honoured for all hosts but loopback.
 /// Never destroyed, so that other threads may be in a call when the process exits.
-TOVANA_API Transport& default_transport();
+Transport& default_transport();
 
 /// Why a request must not be sent: control characters in a header, which would become headers of
 /// their own, or in the URL, blanks in the URL or no host in it, or a malformed header name. Never
 /// holds a header's value. Empty when nothing is wrong. `CurlTransport` asks this itself.
-TOVANA_API std::string request_problem(const Request& request);
+std::string request_problem(const Request& request);
 
 }  // namespace tovana::http
