@@ -30,7 +30,7 @@ TEST(TFIDF, SplitsCodeAsItsReadersDoInAnyScript) {
       {"parseHTTPResponse_v2", "parse httpresponse v2"},
       {"iPhone v2Name getUserName", "phone v2name get user name"},
       {"std::swap(a,b) x+y=z", "std swap x+y=z"},
-      {"Parsing connections, quickly!", "pars connection quickly!"},
+      {"Parsing connections, quickly! readiness", "pars connection quickly! readi"},
       {"ab:::cd a:b :: : a.b::c(d)", "ab :cd a:b"},
       {"[one]{two};three\\four/five-six", "one two three four five six"},
       {"on\ttw\nth\vfo\ffi\rsi se", "on tw th fo fi si se"},
