@@ -10,7 +10,9 @@ from rig import PATIENCE_S, TINY_MODEL, TOOL, Server, answer_openai
 ROOT = pathlib.Path(__file__).parents[2]
 # What installs packages or builds.
 LEFT_OUT = {"scripts/run", "scripts/test", "scripts/setup --model",
-            "cmake --preset release && cmake --build build/release && cmake --install build/release --prefix DIR"}
+            "cmake --preset release && cmake --build build/release && cmake --install build/release --prefix DIR",
+            "sudo apt install ./tovana-embed_*.deb ./libtovana-sentence-transformers_*.deb",
+            "sudo apt install ./libtovana-embedding-dev_*.deb"}
 END_OF_COMMAND = "\n--- end of the command\n"
 
 
