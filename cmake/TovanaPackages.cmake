@@ -2,7 +2,13 @@
 #   tovana-embed                     the tool
 #   libtovana-sentence-transformers  the model library, of which the others only know that it may be there
 #   libtovana-embedding-dev          the libraries for hosts, as archives
-# scripts/package configures for them and makes them.
+# scripts/package configures for them and makes them. There are none for shared libraries, nor without the tool.
+find_program(TOVANA_DPKG_QUERY dpkg-query)
+mark_as_advanced(TOVANA_DPKG_QUERY)
+if(NOT TOVANA_DPKG_QUERY OR BUILD_SHARED_LIBS OR NOT TOVANA_BUILD_TOOL)
+  return()
+endif()
+
 set(TOVANA_PACKAGE_MAINTAINER "Whoever sets TOVANA_PACKAGE_MAINTAINER <maintainer@example.org>" CACHE STRING
   "Who answers for the packages: NAME <ADDRESS>")
 
@@ -66,7 +72,7 @@ ways to embed, and say that local models are not installed.")
 # depend_on(PACKAGE): adds it to `depends`, in the very version of upstream that the archives were compiled
 # against: their ABI and that of the headers which they hold code of belong to it.
 macro(depend_on package)
-  execute_process(COMMAND dpkg-query --show --showformat "\${Version}" "${package}"
+  execute_process(COMMAND "${TOVANA_DPKG_QUERY}" --show --showformat "\${Version}" "${package}"
     OUTPUT_VARIABLE upstream ERROR_QUIET)
   string(REGEX REPLACE "-[^-]*$" "" upstream "${upstream}")
   if(upstream)
