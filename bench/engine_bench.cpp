@@ -56,7 +56,10 @@ void embed_single(benchmark::State& state) {
 }
 
 void status(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(engine().status());
+  for (auto _ : state) {
+    const EmbeddingStatus status = engine().status();
+    benchmark::DoNotOptimize(&status);
+  }
 }
 
 void fallback_reason(benchmark::State& state) {
@@ -69,7 +72,10 @@ void status_while_loading(benchmark::State& state) {
   static auto& loading =
       *new EmbeddingEngine({{"backend", "local"}}, nullptr, {.surroundings = &surroundings});
   loading.warm_up_async();
-  for (auto _ : state) benchmark::DoNotOptimize(loading.status());
+  for (auto _ : state) {
+    const EmbeddingStatus status = loading.status();
+    benchmark::DoNotOptimize(&status);
+  }
 }
 
 BENCHMARK(backend_alone)->ThreadRange(1, 8)->UseRealTime();

@@ -12,8 +12,6 @@
 namespace tovana::tool {
 namespace {
 
-constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-
 /// Repairs texts and counts them for one warning at the end.
 class Utf8Repair {
  public:
@@ -79,7 +77,7 @@ InputTexts read_texts(const InputArguments& arguments, std::string_view replaced
                       const RunLimits& limits) {
   const std::string content = read_input(arguments.file, limits);
   std::string_view rest = content;
-  if (rest.starts_with(kByteOrderMark)) rest.remove_prefix(kByteOrderMark.size());
+  if (rest.starts_with(utf8::kByteOrderMark)) rest.remove_prefix(utf8::kByteOrderMark.size());
 
   InputTexts input;
   Utf8Repair repair;

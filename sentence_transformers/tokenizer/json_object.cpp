@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tovana/base/utf8.h"
 #include "tovana/exceptions/exceptions.h"
 #include "tovana/files/json_numbers.h"
 
@@ -21,9 +22,11 @@ std::string range(std::int64_t least, std::int64_t most) {
   return "a whole number from " + std::to_string(least) + " to " + std::to_string(most);
 }
 
-/// Gives the text room for what the parser reads behind its end.
+/// Gives the text room for what the parser reads behind its end. A byte-order mark is an error,
+/// whether or not this version of the parser would skip it.
 simdjson::simdjson_result<Value> parse_once(simdjson::dom::parser& parser, std::string& text) {
   constexpr std::size_t kDeepest = 64;
+  if (text.starts_with(utf8::kByteOrderMark)) return simdjson::TAPE_ERROR;
   text.reserve(text.size() + simdjson::SIMDJSON_PADDING);
   const simdjson::error_code error = parser.allocate(text.size() + 1, kDeepest);
   if (error != simdjson::SUCCESS) return error;
@@ -34,8 +37,8 @@ simdjson::simdjson_result<Value> parse_once(simdjson::dom::parser& parser, std::
 Value parse(simdjson::dom::parser& parser, const std::string& path, std::string text) {
   Value document;
   simdjson::error_code error = parse_once(parser, text).get(document);
-  // Its numbers have at most 64 bits, and says of others no more than that they are faulty.
-  if (error == simdjson::NUMBER_ERROR) {
+  // Its numbers have at most 64 bits; what it calls others differs from version to version.
+  if (error != simdjson::SUCCESS) {
     text = files::with_numbers_in_range(text);
     error = parse_once(parser, text).get(document);
   }

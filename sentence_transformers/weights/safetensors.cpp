@@ -12,6 +12,7 @@
 
 #include <simdjson.h>
 
+#include "tovana/base/utf8.h"
 #include "tovana/exceptions/exceptions.h"
 #include "tovana/files/model_directory.h"
 
@@ -126,6 +127,10 @@ void check_metadata(dom::element value) {
 }
 
 EntryMap read_header(std::string_view header) {
+  // Versions of the parser differ in whether they skip it.
+  if (header.starts_with(utf8::kByteOrderMark)) {
+    throw ValueError("the header is not valid JSON: it begins with a byte-order mark");
+  }
   const simdjson::padded_string text(header);
   dom::parser parser;
   simdjson::error_code error = parser.allocate(text.size(), kDeepestNesting);

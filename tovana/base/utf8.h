@@ -7,6 +7,9 @@
 /// decoder of the project.
 namespace tovana::utf8 {
 
+/// What some programs write at the start of a text, and JSON does not have.
+inline constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+
 /// One step through a text.
 struct Decoded {
   char32_t code_point;  ///< U+FFFD for an ill-formed sequence.

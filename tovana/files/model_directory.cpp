@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
 
+#include "tovana/base/utf8.h"
 #include "tovana/exceptions/exceptions.h"
 #include "tovana/files/json_numbers.h"
 
@@ -92,7 +93,7 @@ std::string shown_json(std::string_view json) {
 
 nlohmann::json parse_json(std::string_view text) {
   // The parser would skip a byte-order mark and take a NUL for the end of the text.
-  if (text.substr(0, 3) == "\xEF\xBB\xBF") throw ValueError("begins with a byte-order mark");
+  if (text.starts_with(utf8::kByteOrderMark)) throw ValueError("begins with a byte-order mark");
   if (const std::size_t nul = text.find('\0'); nul != std::string_view::npos) {
     throw ValueError("no valid JSON: a NUL at byte " + std::to_string(nul));
   }

@@ -7,6 +7,9 @@
 namespace tovana::http {
 namespace {
 
+/// CURLE_TOO_LARGE of libcurl 8.6. The library that runs may be newer than the header.
+constexpr auto kTooLarge = static_cast<CURLcode>(100);
+
 long long_info(CURL* easy, CURLINFO info) {
   long value = 0;
   curl_easy_getinfo(easy, info, &value);
@@ -115,7 +118,8 @@ CurlError explain(CURL* easy, CURLcode result, const char* error_text, const Tls
     case CURLE_WEIRD_SERVER_REPLY:
       return {Ending::failed, "the server sent a malformed response (" + detail + ")"};
     case CURLE_OUT_OF_MEMORY:
-      // libcurl says so too when one header line is longer than the 100 KB that it takes.
+    case kTooLarge:
+      // Either is said when one header line is longer than the 100 KB that libcurl takes.
       return {Ending::failed, "a response header of more than 100 KB, or libcurl is out of memory"};
     default:
       return {Ending::failed, detail};

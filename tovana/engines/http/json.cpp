@@ -9,6 +9,7 @@
 #include <simdjson.h>
 
 #include "tovana/base/json_kernels.h"
+#include "tovana/base/utf8.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::http {
@@ -218,6 +219,10 @@ JsonReply JsonReply::parse(std::string text, std::size_t most_values) {
   if (holds_more_values(text, most_values)) {
     throw RuntimeError("it holds more than " + std::to_string(most_values) +
                        " values, the most that is read for this request");
+  }
+  // Versions of the parser differ in whether they skip it.
+  if (text.starts_with(utf8::kByteOrderMark)) {
+    throw RuntimeError("it begins with a byte-order mark");
   }
   text.append(simdjson::SIMDJSON_PADDING, ' ');  // the parser reads whole registers beyond the end
 

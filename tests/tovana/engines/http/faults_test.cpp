@@ -166,7 +166,7 @@ TEST(HttpFaults, EndAsTheyShouldAndLeaveTheTransportUsable) {
 
 TEST(HttpFaults, AReplyCutAnywhereIsNeverAValue) {
   CurlTransport transport;
-  // libcurl takes chunks for whole when only the very last line feed is missing.
+  // Some versions of libcurl take chunks for whole when only the very last line feed is missing.
   const std::pair<std::string, std::size_t> cases[] = {
       {response(200, kGood), 0},
       {kChunkedHead + "24\r\n" + kGood + "\r\n0\r\n\r\n", 1},
@@ -182,6 +182,7 @@ TEST(HttpFaults, AReplyCutAnywhereIsNeverAValue) {
       EXPECT_NE(call(transport, server.url(), {.attempts = 1}), "none")
           << size << " bytes of " << whole;
     }
+    size = whole.size();
     EXPECT_EQ(call(transport, server.url(), {.attempts = 1}), "none");
   }
 }
@@ -512,12 +513,14 @@ TEST(CurlTransport, ClosesIdleConnectionsOfAllSlotsWithTheNextCall) {
     server.settle();
   };
   const std::size_t none = open_descriptors();
+  EXPECT_EQ(call(transport, other.url()), "none");
+  // Beside the two ends of its connection a slot has some of libcurl's own.
+  const std::size_t own = open_descriptors() - none - 2;
   closes = true;
   burst();
-  // A slot has its connection, closed by the server, and two of libcurl's own.
-  EXPECT_EQ(open_descriptors(), none + std::size_t{3} * 3);
+  EXPECT_EQ(open_descriptors(), none + 2 + 3 * (own + 1));  // of each the end that is left
   EXPECT_EQ(call(transport, other.url()), "none");
-  EXPECT_EQ(open_descriptors(), none + 3 + 1);
+  EXPECT_EQ(open_descriptors(), none + 2 + own);
 
   closes = false;
   burst();
