@@ -158,6 +158,7 @@ TEST(Tokenizer, RefusesFilesThatItCannotFollow) {
       {in_model(R"("vocab": {"new": 5})"), "vocab.*5 twice"},
       {configured(R"("tokenizer_class": "XLMRobertaTokenizerFast")"),
        "\"XLMRobertaTokenizerFast\".*BertTokenizer"},
+      {R"({"config": "\ufeff{}"})", "tokenizer_config.json: begins with a byte-order mark"},
       {configured(R"("padding_side": "left")"), "padding_side"},
       {configured(R"("model_input_names": ["input_ids"])"), "model_input_names.*attention_mask"},
       {R"({"special_map": "{\"pad_token\": null}"})", "tokens_map.json: \"pad_token\" is null"},
