@@ -4,7 +4,6 @@
 #include <string>
 #include <string_view>
 
-
 /// Header fields of requests and responses. Their names are compared without regard to ASCII case.
 namespace tovana::http {
 
