@@ -19,6 +19,7 @@ TEST(Platform, FindsTheFileThatHoldsTheCodeAndItsRunpath) {
 TEST(Platform, CountsOnlyTheProcessorsThatTheThreadMayUse) {
   cpu_set_t before;
   ASSERT_EQ(sched_getaffinity(0, sizeof before, &before), 0);
+  EXPECT_EQ(usable_processors(), static_cast<std::size_t>(CPU_COUNT(&before)));
   cpu_set_t one;
   CPU_ZERO(&one);
   CPU_SET(static_cast<std::size_t>(sched_getcpu()), &one);
