@@ -29,7 +29,7 @@ struct StatusArguments {
 std::string json_line(const EmbeddingStatus& status) {
   nlohmann::ordered_json object;
   for (const auto& [name, value] : status.to_dict()) {
-    std::visit([&object, &name = name](const auto& field) { object[name] = field; }, value);
+    std::visit([&object, &name](const auto& field) { object[name] = field; }, value);
   }
   object["runtime"] = nullptr;
   object["kernels"] = nullptr;

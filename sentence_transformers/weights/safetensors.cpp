@@ -89,7 +89,7 @@ HeaderEntry read_entry(std::string_view name, dom::element value) {
   bool has_shape = false;
   bool has_offsets = false;
   for (const auto [field, content] : object) {
-    const auto first = [&name, &field = field](bool& seen) {
+    const auto first = [&name, &field](bool& seen) {
       if (std::exchange(seen, true)) refuse(name, files::in_quotes(field) + " comes twice");
     };
     if (field == "dtype") {

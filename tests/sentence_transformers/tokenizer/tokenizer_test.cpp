@@ -173,7 +173,7 @@ TEST(Tokenizer, RefusesFilesThatItCannotFollow) {
       {as_it_is(R"({"model": {"max_input_chars_per_word": 1000000}})"), "max_input_chars_per_word"},
   };
   for (const auto& [change, fault] : cases) {
-    EXPECT_THAT(failure_of([&, &change = change] { tokenizer_after(change); }),
+    EXPECT_THAT(failure_of([&] { tokenizer_after(change); }),
                 testing::ContainsRegex(std::string("^ModelFilesError: .*") + fault))
         << change.substr(0, 200);
   }

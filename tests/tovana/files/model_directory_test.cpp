@@ -86,7 +86,7 @@ TEST_F(ModelDirectoryTest, RefusesWhatIsThereButCannotServe) {
       {{"fits\0", 5}, "\"fits\\u0000\" is no file inside the model"},
   };
   for (const auto& [name, fault] : cases) {
-    EXPECT_THAT(failure_of([&, name = name] { directory.read(name, 99); }),
+    EXPECT_THAT(failure_of([&] { directory.read(name, 99); }),
                 testing::AllOf(testing::StartsWith("ModelFilesError: " + _snapshot.string()),
                                HasSubstr(fault)));
   }

@@ -44,7 +44,7 @@ TEST(Json, RefusesWhatIsNotJsonToTheLetterAndSaysWhy) {
   };
   for (const auto& [text, reason] : cases) {
     SCOPED_TRACE(text.substr(0, 40));
-    EXPECT_THAT(failure_of([&, text = text] { JsonReply::parse(text); }),
+    EXPECT_THAT(failure_of([&] { JsonReply::parse(text); }),
                 AllOf(StartsWith("RuntimeError"), HasSubstr(reason)));
   }
   EXPECT_THAT(failure_of([] { JsonReply::parse(R"(["NaN", nope])"); }),

@@ -137,9 +137,7 @@ TEST_F(HTTPBackendTest, RefusesRepliesWithoutUsableVectors) {
   OpenAIEmbeddingBackend learning = openai();
   for (const auto& [is_openai, body, problem] : cases) {
     reply(body);
-    EXPECT_EQ(failure_of([&, is_openai = is_openai] {
-                is_openai ? learning.embed(two) : api().embed(two);
-              }),
+    EXPECT_EQ(failure_of([&] { is_openai ? learning.embed(two) : api().embed(two); }),
               "RuntimeError: " + problem);
   }
   EXPECT_EQ(learning.dimension(), 1536);
