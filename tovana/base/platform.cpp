@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -176,6 +175,17 @@ void advise_small_pages(void* begin, std::size_t size) noexcept {
 #if defined(MADV_NOHUGEPAGE)
   static_cast<void>(madvise(begin, size, MADV_NOHUGEPAGE));
 #else
+  static_cast<void>(begin);
+  static_cast<void>(size);
+#endif
+}
+
+void start_writing_back(int descriptor, std::uint64_t begin, std::uint64_t size) noexcept {
+#if defined(__linux__)
+  static_cast<void>(::sync_file_range(descriptor, static_cast<off_t>(begin),
+                                      static_cast<off_t>(size), SYNC_FILE_RANGE_WRITE));
+#else
+  static_cast<void>(descriptor);
   static_cast<void>(begin);
   static_cast<void>(size);
 #endif

@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <filesystem>
 #include <vector>
@@ -37,6 +38,10 @@ void name_this_thread(const char* name) noexcept;
 /// nothing where the system has no such pages to choose.
 void advise_huge_pages(void* begin, std::size_t size) noexcept;
 void advise_small_pages(void* begin, std::size_t size) noexcept;
+
+/// Has the system begin to write a part of a file to the disk, without waiting for it. A hint, and
+/// nothing where the system has no such call.
+void start_writing_back(int descriptor, std::uint64_t begin, std::uint64_t size) noexcept;
 
 /// Waits for one of `signals`, which are blocked, to be pending, and takes it; false when none came
 /// for `timeout_s` seconds.

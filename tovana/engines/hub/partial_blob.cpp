@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "tovana/base/libcrypto.h"
+#include "tovana/base/platform.h"
 #include "tovana/base/text.h"
 #include "tovana/engines/hub/leftover.h"
 #include "tovana/exceptions/exceptions.h"
@@ -130,10 +131,8 @@ void PartialBlob::append(std::string_view bytes) {
   _size += bytes.size();
   if (_size - _hashed >= kHashBytes) _hash_written();
   if (_size - _flushed < kFlushBytes) return;
-  // A hint: what it says of failures is said again by the sync in the end.
-  static_cast<void>(::sync_file_range(_partial.descriptor.get(), static_cast<off64_t>(_flushed),
-                                      static_cast<off64_t>(_size - _flushed),
-                                      SYNC_FILE_RANGE_WRITE));
+  // What this says of failures is said again by the sync in the end.
+  start_writing_back(_partial.descriptor.get(), _flushed, _size - _flushed);
   _flushed = _size;
 }
 
