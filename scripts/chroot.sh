@@ -16,7 +16,10 @@ debian_mirror() {
 make_debian() {
   local folder=$1 mirror
   if [[ -d $folder ]]; then return; fi
-  mirror=$(debian_mirror) || die "apt of this machine knows no mirror of Debian: apt-get update may help"
+  if ! mirror=$(debian_mirror); then
+    say "apt of this machine knows no mirror of Debian: apt-get update may help"
+    return 1
+  fi
   rm -rf "$folder.unfinished"
   mkdir -p "$(dirname "$folder")"
   debootstrap --variant=minbase ${3:+--arch="$3"} "$2" "$folder.unfinished" "$mirror" &&
@@ -29,16 +32,16 @@ new_debian() {
     cp -a --reflink=auto "$systems/$2" "$systems/$1"
 }
 
-# in_system FOLDER COMMAND…: runs the command in that system, as root, in /, without a terminal. The array
-# `binds` may hold folders of this machine, FROM:TO, that it sees. What is mounted for it is seen by nobody
-# else, and goes when it ends, however it ends; so do its processes.
-binds=()
+# in_system FOLDER COMMAND…: runs the command in that system, as root, in /, without a terminal. What is
+# mounted for it is seen by nobody else, and goes when it ends, however it ends; so do its processes.
+binds=()     # folders of this machine, FROM:TO, that it sees
+longest_s="" # seconds that end it; empty: none do
 in_system() {
   local folder=$1
   shift
   cp -L /etc/resolv.conf "$folder/etc/resolv.conf" || return
   # shellcheck disable=SC2016 # the inner shell's own
-  unshare --mount --propagation private --pid --fork --kill-child bash -euc '
+  ${longest_s:+timeout --kill-after=10 "$longest_s"} unshare --mount --propagation private --pid --fork --kill-child bash -euc '
     folder=$1
     shift
     while [[ $1 != -- ]]; do
@@ -50,7 +53,6 @@ in_system() {
     mount -t proc proc "$folder/proc"
     mount -t devpts -o newinstance,ptmxmode=0666 devpts "$folder/dev/pts"
     mount -t tmpfs tmpfs "$folder/dev/shm"
-    mount -t tmpfs tmpfs "$folder/tmp"
     exec chroot "$folder" "$@"
   ' in_system "$folder" "${binds[@]}" -- \
     env -i PATH=/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
