@@ -65,7 +65,7 @@ std::vector<CaPlace> named_ca_places(const Environment* environment) {
 }
 
 CaPlaces system_ca_places() {
-  CaPlaces places{.built_in = built_in_place(), .others = named_ca_places()};
+  CaPlaces places{.named = named_ca_places(), .built_in = built_in_place()};
   for (const char* const file : kFiles) places.others.push_back({.path = file});
   for (const char* const directory : kDirectories) {
     places.others.push_back({.path = directory, .is_directory = true});
@@ -74,20 +74,33 @@ CaPlaces system_ca_places() {
 }
 
 std::optional<CaPlace> find_ca_certificates(const CaPlaces& places) {
-  if (places.built_in.path.empty() || holds_certificates(places.built_in)) return CaPlace{};
-  const auto found = std::ranges::find_if(places.others, holds_certificates);
-  if (found == places.others.end()) return std::nullopt;
+  const bool is_named = !places.named.empty();
+  if (!is_named && (places.built_in.path.empty() || holds_certificates(places.built_in))) {
+    return CaPlace{};
+  }
+  const std::vector<CaPlace>& candidates = is_named ? places.named : places.others;
+  const auto found = std::ranges::find_if(candidates, holds_certificates);
+  if (found == candidates.end()) return std::nullopt;
   return *found;
 }
 
 std::string no_ca_certificates_text(const CaPlaces& places) {
-  std::string looked_at = places.built_in.path;
-  for (const CaPlace& place : places.others) {
-    if (place.path != places.built_in.path) looked_at += ", " + place.path;
+  std::vector<CaPlace> candidates = places.named;
+  std::string remedy = "correct SSL_CERT_FILE and SSL_CERT_DIR, which name where they should be";
+  if (candidates.empty()) {
+    remedy = "install the system's package ca-certificates, or name a PEM file in SSL_CERT_FILE";
+    candidates = places.others;
+    std::erase_if(candidates,
+                  [&](const CaPlace& each) { return each.path == places.built_in.path; });
+    candidates.insert(candidates.begin(), places.built_in);
   }
-  return "no CA certificates were found, without which no https server is trusted: install the "
-         "system's package ca-certificates, or name a PEM file in SSL_CERT_FILE (looked at " +
-         escape_control_characters(looked_at) + ")";
+  std::string looked_at;
+  for (const CaPlace& place : candidates) {
+    if (!looked_at.empty()) looked_at += ", ";
+    looked_at += place.path;
+  }
+  return "no CA certificates were found, without which no https server is trusted: " + remedy +
+         " (looked at " + escape_control_characters(looked_at) + ")";
 }
 
 }  // namespace tovana::http

@@ -18,14 +18,16 @@ struct CaPlace {
 };
 
 struct CaPlaces {
-  CaPlace built_in;  ///< libcurl's; an empty path when it has none, and needs none.
-  std::vector<CaPlace> others;
+  std::vector<CaPlace> named =
+      {};                 ///< By whoever runs the process; where there are any, no other counts.
+  CaPlace built_in = {};  ///< libcurl's; an empty path when it has none, and needs none.
+  std::vector<CaPlace> others = {};
 };
 
 /// What the variables SSL_CERT_FILE and SSL_CERT_DIR name, a colon between directories.
 std::vector<CaPlace> named_ca_places(const Environment* environment = nullptr);
 
-/// The built-in place, then the named ones, then those of the systems that are in use.
+/// Those that the variables name, libcurl's own, and those of the systems that are in use.
 CaPlaces system_ca_places();
 
 /// The first place with certificates; with an empty path when libcurl's own serves, and none when

@@ -366,24 +366,25 @@ TEST(HttpFaults, CaCertificates) {
     std::string said = "none";
   };
   const Case cases[] = {
-      // libcurl's own are trusted alone.
-      {{authority}, {{"SSL_CERT_FILE", authority}}, {}, "the server's certificate is not valid"},
-      {{hashed, true}, {{"SSL_CERT_FILE", authority}}, {}, "the server's certificate is not valid"},
-      {{}, {{"SSL_CERT_FILE", authority}}, {}, "the server's certificate is not valid"},
+      // What is named, and nothing else.
+      {{}, {{"SSL_CERT_FILE", authority}, {"SSL_CERT_DIR", other}}, {}},
+      {{}, {{"SSL_CERT_FILE", missing}, {"SSL_CERT_DIR", other + "::" + hashed}}, {}},
+      {{authority},
+       {{"SSL_CERT_FILE", "/a\n"}, {"SSL_CERT_DIR", other}},
+       {{authority}},
+       "correct SSL_CERT_FILE and SSL_CERT_DIR, which name where they should be (looked at "
+       "/a\\n, " +
+           other + ")"},
+      // Then libcurl's own, alone.
+      {{hashed, true}, {}, {{authority}}, "the server's certificate is not valid"},
+      {{}, {}, {{authority}}, "the server's certificate is not valid"},
       // Of the others, the first.
-      {{missing}, {{"SSL_CERT_FILE", authority}, {"SSL_CERT_DIR", other}}, {{missing}}},
-      {{other, true}, {{"SSL_CERT_FILE", missing}, {"SSL_CERT_DIR", other + "::" + hashed}}, {}},
       {{missing}, {{"SSL_CERT_FILE", ""}}, {{missing}, {other, true}, {authority}}},
       {{missing}, {}, {{missing}, {hashed, true}}},
-      {{missing},
-       {{"SSL_CERT_FILE", "/a\n"}},
-       {{other, true}},
-       "SSL_CERT_FILE (looked at " + missing + ", /a\\n, " + other + ")"},
+      {{missing}, {}, {{other, true}}, "SSL_CERT_FILE (looked at " + missing + ", " + other + ")"},
   };
   const auto places_of = [](const Case& given) {
-    CaPlaces places{.built_in = given.built_in, .others = named_ca_places(&given.environment)};
-    places.others.insert(places.others.end(), given.others.begin(), given.others.end());
-    return places;
+    return CaPlaces{named_ca_places(&given.environment), given.built_in, given.others};
   };
   HttpServer server([](Connection& c) { c.respond(200, kGood); }, server_context());
   const std::string url = "https://127.0.0.1:" + std::to_string(server.port());
@@ -393,7 +394,7 @@ TEST(HttpFaults, CaCertificates) {
     EXPECT_THAT(call(transport, url), HasSubstr(given.said));
   }
 
-  CurlTransport transport({.ca_places = CaPlaces{.built_in = {missing}, .others = {}}});
+  CurlTransport transport({.ca_places = CaPlaces{.built_in = {missing}}});
   HttpServer plain([](Connection& c) { c.respond(200, kGood); });
   EXPECT_EQ(call(transport, plain.url()), "none");
   EXPECT_THAT(call(transport, url), HasSubstr("no CA certificates were found"));
