@@ -41,7 +41,7 @@ in_system() {
   shift
   cp -L /etc/resolv.conf "$folder/etc/resolv.conf" || return
   # shellcheck disable=SC2016 # the inner shell's own
-  ${longest_s:+timeout --kill-after=10 "$longest_s"} unshare --mount --propagation private --pid --fork --kill-child bash -euc '
+  ${longest_s:+timeout --foreground --kill-after=10 "$longest_s"} unshare --mount --propagation private --pid --fork --kill-child bash -euc '
     folder=$1
     shift
     while [[ $1 != -- ]]; do
