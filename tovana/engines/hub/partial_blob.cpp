@@ -203,7 +203,7 @@ bool PartialBlob::_take_over(const fs::path& leftover) {
   fs::rename(leftover, _partial.path, error);
   if (error) return false;
   _partial.descriptor = std::move(opened);
-  _size = std::min(_file.size, fs::file_size(_partial.path));
+  _size = std::min<std::uint64_t>(_file.size, fs::file_size(_partial.path));
   return true;
 }
 
