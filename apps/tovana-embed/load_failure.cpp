@@ -70,7 +70,9 @@ Failure load_failure(const EmbeddingNotReadyError& error) {
 std::string remedy_for(Fallback::Cause cause) {
   switch (cause) {
     case Fallback::Cause::library_not_installed:
-      return "libtovana_sentence_transformers.so, which is built with the tool, belongs beside it";
+      return "install libtovana_sentence_transformers.so beside the tool or in tovana/ of the "
+             "library "
+             "folder (the Debian package is libtovana-sentence-transformers)";
     case Fallback::Cause::not_configured:
       return "give the URL in the settings, or another --backend";
     case Fallback::Cause::local_backend_failed:
