@@ -57,7 +57,8 @@ std::string_view dynamic_text(const link_map& object, ElfW(Sxword) kind, ElfW(Sx
     if (entry->d_tag == DT_STRTAB) {
       // The loader has made an address of it, but on processors whose section is read-only.
       const ElfW(Addr) at = entry->d_un.d_ptr;
-      texts = reinterpret_cast<const char*>(at < object.l_addr ? object.l_addr + at : at);
+      const ElfW(Addr) address = at < object.l_addr ? object.l_addr + at : at;
+      texts = reinterpret_cast<const char*>(address);  // NOLINT(performance-no-int-to-ptr)
     }
     const bool is_wanted = entry->d_tag == kind || (entry->d_tag == otherwise && wanted == nullptr);
     if (is_wanted) wanted = entry;
@@ -193,7 +194,8 @@ void start_writing_back(int descriptor, std::uint64_t begin, std::uint64_t size)
 
 bool take_signal(const sigset_t& signals, double timeout_s) noexcept {
   const double deadline = system_clock().now() + timeout_s;
-  for (double left = timeout_s;; left = deadline - system_clock().now()) {
+  double left = timeout_s;
+  for (;;) {
     const double wait_s = std::max(left, 0.0);
 #if defined(__linux__)
     const auto seconds = static_cast<std::time_t>(wait_s);
@@ -210,6 +212,7 @@ bool take_signal(const sigset_t& signals, double timeout_s) noexcept {
     const timespec pause = {0, static_cast<long>(std::min(wait_s, 0.01) * 1e9)};
     nanosleep(&pause, nullptr);
 #endif
+    left = deadline - system_clock().now();
   }
 }
 
