@@ -1,0 +1,52 @@
+"""The interface of sentence-transformers."""
+
+import pickle
+import signal
+
+import numpy as np
+import pytest
+from rig_python import LOCAL, REFERENCES, TEXTS, WORK, press_ctrl_c
+from tovana_embedding import SentenceTransformer, errors
+
+EXPECTED = np.array([reference["embedding_normalized"] for reference in REFERENCES])
+
+
+@pytest.fixture(name="model")
+def _model():
+    with SentenceTransformer(LOCAL["model_name"]) as model:
+        yield model
+
+
+@pytest.mark.parametrize("batch_size", [1, 3, 256])
+def test_encodes_as_python_does(model, batch_size, capsys):
+    vectors = model.encode(TEXTS, batch_size=batch_size, show_progress_bar=True)
+    np.testing.assert_allclose(vectors, EXPECTED, rtol=0, atol=2e-6)
+    assert capsys.readouterr().err.endswith(f"\rembedded {len(TEXTS)} of {len(TEXTS)}\n")
+    again = pickle.loads(pickle.dumps(model)).encode(TEXTS[0])
+    assert (again == vectors[0]).all() and again.dtype == np.float32
+    assert model.encode([]).shape == (0, model.get_sentence_embedding_dimension()) == (0, EXPECTED.shape[1])
+
+
+@pytest.mark.parametrize("given, error", [
+    ({"normalize_embeddings": False}, ValueError), ({"prompt_name": "query"}, NotImplementedError),
+    ({"prompt": "query: "}, NotImplementedError), ({"batch_size": 0}, ValueError),
+])
+def test_refuses_what_it_does_not_do(model, given, error):
+    with pytest.raises(error):
+        model.encode(["a"], **given)
+
+
+def test_ctrl_c_ends_the_work_in_the_middle_of_a_batch(model):
+    model.encode(TEXTS)
+    signal.signal(signal.SIGALRM, lambda *_: press_ctrl_c())
+    signal.setitimer(signal.ITIMER_REAL, 0.3)
+    with pytest.raises(KeyboardInterrupt):
+        model.encode(WORK, batch_size=len(WORK))
+
+
+def test_raises_what_the_load_fails_with(tmp_path, monkeypatch):
+    with pytest.raises(errors.ModelFilesError):
+        SentenceTransformer(tmp_path)
+    monkeypatch.setenv("TOVANA_MODEL_LIBRARY", str(tmp_path / "none"))
+    with pytest.raises(errors.ModelLibraryError):
+        SentenceTransformer(LOCAL["model_name"].parent / "tiny_mpnet_mean")

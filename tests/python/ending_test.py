@@ -1,0 +1,93 @@
+"""How processes begin and end with the package in them, each in a Python of its own."""
+
+import pathlib
+import subprocess
+
+import pytest
+import tovana_embedding
+from rig_python import LOCAL, TFIDF, run
+
+# Threads that compute, wait, log and call back, none of which is waited for, while the interpreter ends.
+EXIT_AMID_CALLS = """
+import faulthandler, logging, sys, threading
+import tovana_embedding
+logging.getLogger("tovana_embedding").setLevel(logging.DEBUG)
+logging.getLogger("tovana_embedding").addHandler(logging.NullHandler())
+engine = tovana_embedding.acquire({"backend": "local", "model_name": sys.argv[1]})
+started = threading.Barrier(5)
+def compute():
+    started.wait()
+    while True:
+        engine.embed(["some words", "others"], should_stop=lambda: sum(range(1000)) < 0)
+def load():
+    started.wait()
+    while True:
+        with tovana_embedding.EmbeddingEngine({"backend": "local", "model_name": sys.argv[1]}) as fresh:
+            fresh.warm_up_async()
+for work in (compute, compute, load, load):
+    threading.Thread(target=work, daemon=True).start()
+started.wait()
+engine.wait_ready()
+if sys.argv[2] == "fork":
+    import os
+    if child := os.fork():
+        raise SystemExit(os.waitpid(child, 0)[1])
+"""
+
+
+@pytest.mark.parametrize("way", ["exit", "fork"])
+def test_exits_amid_calls(way):
+    for _ in range(5):
+        run(EXIT_AMID_CALLS, LOCAL["model_name"], way)
+
+
+# What is called while the interpreter ends comes back to it.
+def test_serves_the_thread_that_exits():
+    assert run("""
+import atexit
+import weakref
+class Held: pass
+held = Held()
+def embed(when):
+    print(when, engine.embed(["a"]).shape)
+weakref.finalize(held, embed, "at exit")  # registered, and so called, before and after the package's own
+import tovana_embedding
+engine = tovana_embedding.EmbeddingEngine({"backend": "tfidf"})
+atexit.register(embed, "first")
+""") == "first (1, 256)\nat exit (1, 256)\n"
+
+
+def test_imports_nothing_heavy():
+    loaded = run("import sys, numpy; before = set(sys.modules)\nimport tovana_embedding\n"
+                 "print(*{name.partition('.')[0] for name in set(sys.modules) - before})").split()
+    assert set(loaded) <= {"tovana_embedding", "logging", "string", "traceback", "_string", "atexit"}, loaded
+
+
+def test_exports_its_entry_alone():
+    module = pathlib.Path(tovana_embedding._core.__file__)
+    listed = subprocess.run(["nm", "-D", "--defined-only", module], capture_output=True, text=True, check=True)
+    assert [line.split()[-1] for line in listed.stdout.splitlines()] == ["PyInit__core"]
+
+
+def test_help_tells_of_all_that_is_public():
+    text = run("import tovana_embedding; help(tovana_embedding); help(tovana_embedding.EmbeddingEngine)")
+    assert "_core.Engine" not in text
+    for name in tovana_embedding.__all__:
+        assert getattr(tovana_embedding, name).__doc__, name
+    undocumented = [name for name in vars(tovana_embedding.EmbeddingEngine)
+                    if not name.startswith("_") and not getattr(tovana_embedding.EmbeddingEngine, name).__doc__]
+    assert undocumented == []
+
+
+def test_a_records_arguments_reach_a_handler_of_the_users_on_other_threads():
+    printed = run("""
+import logging, threading
+import tovana_embedding
+class Handler(logging.Handler):
+    def emit(self, record):
+        print(record.name, record.levelname, threading.current_thread() is threading.main_thread())
+logging.getLogger("tovana_embedding").addHandler(Handler())
+logging.getLogger("tovana_embedding").setLevel("INFO")
+tovana_embedding.EmbeddingEngine({"backend": "tfidf"}).wait_ready()
+""")
+    assert "tovana_embedding.engines.embedding INFO False" in printed, TFIDF
