@@ -89,12 +89,12 @@ std::unique_ptr<Engine> Engine::acquire(const EngineConfiguration& configuration
 }
 
 void Engine::release() {
-  const SharedEngine& engine = of_this_process();
+  const SharedEngine& engine = _of_this_process();
   if (_is_inherited) return engine->close();
   shared_engines().release(engine);
 }
 
-const SharedEngine& Engine::of_this_process() {
+const SharedEngine& Engine::_of_this_process() {
   if (_process != getpid()) {
     // Left as it is: a thread that this process does not have may hold its lock.
     static_cast<void>(new SharedEngine(std::move(_engine)));
@@ -106,7 +106,7 @@ const SharedEngine& Engine::of_this_process() {
 }
 
 std::shared_ptr<EmbeddingBackend> Engine::wait_ready(double wait_s, const CallLimits& limits) {
-  const SharedEngine engine = of_this_process();
+  const SharedEngine engine = _of_this_process();
   const double until = std::min(system_clock().now() + wait_s, limits.deadline());
   for (;;) {
     const double left = until - system_clock().now();
@@ -151,7 +151,7 @@ bool Engine::check_backend_migration(const nb::callable& fetchone, double wait_s
   FetchedRow database(fetchone);
   for (;;) {
     try {
-      const SharedEngine engine = of_this_process();
+      const SharedEngine engine = _of_this_process();
       const WithoutInterpreter others_may_run;
       return engine->check_backend_migration(database);
     } catch (const EmbeddingNotReadyError& error) {

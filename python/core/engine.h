@@ -31,10 +31,10 @@ class Engine {
   /// The same for all that share one engine, and no other's as long as this lives.
   const void* identity() const noexcept { return _engine.get(); }
 
-  embedding::EmbeddingStatus status() { return of_this_process()->status(); }
-  std::optional<embedding::Fallback> fallback() { return of_this_process()->fallback(); }
-  void warm_up_async() { of_this_process()->warm_up_async(); }
-  void close() { of_this_process()->close(); }
+  embedding::EmbeddingStatus status() { return _of_this_process()->status(); }
+  std::optional<embedding::Fallback> fallback() { return _of_this_process()->fallback(); }
+  void warm_up_async() { _of_this_process()->warm_up_async(); }
+  void close() { _of_this_process()->close(); }
 
   /// Waits for the model, for `wait_s` seconds at most and not past the limits. Throws
   /// EmbeddingNotReadyError, and what the limits throw but for the time.
@@ -51,7 +51,7 @@ class Engine {
   Engine(embedding::EngineConfiguration configuration,
          std::shared_ptr<embedding::EmbeddingEngine> shared);
 
-  const std::shared_ptr<embedding::EmbeddingEngine>& of_this_process();
+  const std::shared_ptr<embedding::EmbeddingEngine>& _of_this_process();
 
   const embedding::EngineConfiguration _configuration;
   std::shared_ptr<embedding::EmbeddingEngine> _engine;

@@ -17,8 +17,8 @@ class Pace {
   /// How many of the texts from number `first` on, at least one, are embedded in one go.
   std::size_t next(const std::vector<std::string>& texts, std::size_t first) const {
     std::size_t end = first + 1;
-    for (double work = work_of(texts[first]); end < texts.size(); ++end) {
-      work += work_of(texts[end]);
+    for (double work = _work_of(texts[first]); end < texts.size(); ++end) {
+      work += _work_of(texts[end]);
       if (work > _most_work) break;
     }
     return end - first;
@@ -27,7 +27,7 @@ class Pace {
   /// That these texts took so long.
   void took(const std::vector<std::string>& texts, double seconds) {
     double work = 0;
-    for (const std::string& text : texts) work += work_of(text);
+    for (const std::string& text : texts) work += _work_of(text);
     const double at_this_pace = work / std::max(seconds, kShortestS) * kTargetS;
     _most_work = std::min(at_this_pace, kMostGrowth * std::max(_most_work.load(), work));
   }
@@ -40,7 +40,7 @@ class Pace {
   static constexpr double kMostGrowth = 4;
 
   /// In bytes. A model reads no more of a text than fits it, and adds tokens of its own to each.
-  static double work_of(const std::string& text) {
+  static double _work_of(const std::string& text) {
     constexpr std::size_t kMostRead = 2048;
     constexpr std::size_t kAdded = 8;
     return static_cast<double>(std::min(text.size(), kMostRead) + kAdded);

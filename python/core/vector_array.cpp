@@ -32,7 +32,7 @@ void copy(const std::vector<Vector>& vectors, Number* to) {
 }  // namespace
 
 void VectorArray::add(const std::vector<Vector>& vectors) {
-  if (_numbers == nullptr) allocate(vectors.front().size());
+  if (_numbers == nullptr) _allocate(vectors.front().size());
   const auto other = std::ranges::find_if(
       vectors, [this](const Vector& vector) { return vector.size() != _columns; });
   if (other != vectors.end()) {
@@ -50,11 +50,11 @@ void VectorArray::add(const std::vector<Vector>& vectors) {
 }
 
 nb::object VectorArray::release() {
-  if (_rows == 0) allocate(0);
+  if (_rows == 0) _allocate(0);
   return std::move(_array);
 }
 
-void VectorArray::allocate(std::size_t columns) {
+void VectorArray::_allocate(std::size_t columns) {
   _columns = columns;
   _array = nb::module_::import_("numpy").attr("empty")(nb::make_tuple(_rows, columns),
                                                        _single_precision ? "float32" : "float64");

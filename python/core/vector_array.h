@@ -24,7 +24,7 @@ class VectorArray {
   nanobind::object release();
 
  private:
-  void allocate(std::size_t columns);
+  void _allocate(std::size_t columns);
 
   const std::size_t _rows;
   const bool _single_precision;
