@@ -30,6 +30,16 @@ EngineValue engine_value(const std::string& key, nb::handle value) {
       ("the configuration's " + key + " is a str, an int or None, not " + kind_of(value)).c_str());
 }
 
+/// U+FFFD, which is as long, in the place of each surrogate.
+std::string without_surrogates(std::string text) {
+  for (std::size_t i = 0; i + 2 < text.size(); ++i) {
+    if (text[i] == '\xed' && static_cast<unsigned char>(text[i + 1]) >= 0xa0) {
+      text.replace(i, 3, "\xef\xbf\xbd");
+    }
+  }
+  return text;
+}
+
 struct PythonValue {
   nb::object operator()(std::nullptr_t) const { return nb::none(); }
   nb::object operator()(std::int64_t value) const { return nb::int_(value); }
@@ -68,7 +78,7 @@ std::string text_of(nb::handle text) {
   const auto bytes =
       nb::steal<nb::bytes>(PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogatepass"));
   if (!bytes.is_valid()) throw nb::python_error();
-  return {bytes.c_str(), bytes.size()};
+  return without_surrogates({bytes.c_str(), bytes.size()});
 }
 
 std::vector<std::string> texts_of(const nb::tuple& texts) {

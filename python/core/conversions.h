@@ -17,8 +17,7 @@ namespace tovana::python {
 /// UTF-8 as Python's text, an ill-formed sequence as U+FFFD: no message is lost for its encoding.
 nanobind::object python_text(std::string_view text);
 
-/// A text in UTF-8. Surrogates, which have no place there, become ill-formed sequences, which the
-/// component reads as U+FFFD.
+/// A text in UTF-8. Surrogates, which have no place there, become U+FFFD.
 std::string text_of(nanobind::handle text);
 std::vector<std::string> texts_of(const nanobind::tuple& texts);
 

@@ -1,5 +1,6 @@
 """Engines: vectors, waits, limits, errors, records, forks."""
 
+import contextlib
 import logging
 import os
 import pathlib
@@ -29,6 +30,16 @@ def endpoint():
     with Server(answer) as server:
         server.asked = asked
         yield server
+
+
+@contextlib.contextmanager
+def ctrl_c_when(event):
+    """Presses it then, which is to end the body."""
+    thread = threading.Thread(target=lambda: event.wait(PATIENCE_S) and press_ctrl_c())
+    thread.start()
+    with pytest.raises(KeyboardInterrupt):
+        yield
+    thread.join()
 
 
 def openai(server):
@@ -133,11 +144,8 @@ def test_ends_an_endpoints_call(endpoint):
         with pytest.raises(EmbeddingStopped):
             engine.embed(["stall"], should_stop=endpoint.asked.is_set)
         endpoint.asked.clear()
-        ctrl_c = threading.Thread(target=lambda: endpoint.asked.wait(PATIENCE_S) and press_ctrl_c())
-        ctrl_c.start()
-        with pytest.raises(KeyboardInterrupt):
+        with ctrl_c_when(endpoint.asked):
             engine.embed(["stall"])
-        ctrl_c.join()
         with pytest.raises(ZeroDivisionError):
             engine.embed(["stall"], should_stop=lambda: 1 / 0)
 
@@ -152,20 +160,19 @@ def test_ends_a_models_call():
             engine.embed(WORK, should_stop=lambda: asked.append(None) or len(asked) > 5)
 
 
-def test_ends_the_wait_for_a_model(endpoint, monkeypatch, tmp_path):
+def test_ends_the_wait_for_a_model(monkeypatch, tmp_path):
+    asked = threading.Event()
     monkeypatch.setenv("HF_HUB_OFFLINE", "0")
     monkeypatch.setenv("HF_HUB_CACHE", str(tmp_path))
-    with Server(lambda request: (endpoint.asked.set(), request.stall())) as hub:
+    with Server(lambda request: (asked.set(), request.stall())) as hub:
         monkeypatch.setenv("HF_ENDPOINT", hub.url)
+        with EmbeddingEngine({"backend": "local", "model_name": "no/model"}) as engine:
+            with ctrl_c_when(asked):
+                engine.wait_ready(PATIENCE_S)
         with EmbeddingEngine({"backend": "local", "model_name": "no/model"}, wait_s=0.2) as engine:
             for wait in (False, True):
                 with pytest.raises(EmbeddingNotReadyError, match="loading"):
                     engine.embed(["a"], wait=wait)
-            ctrl_c = threading.Thread(target=lambda: endpoint.asked.wait(PATIENCE_S) and press_ctrl_c())
-            ctrl_c.start()
-            with pytest.raises(KeyboardInterrupt):
-                engine.wait_ready(PATIENCE_S)
-            ctrl_c.join()
 
 
 def test_logs_by_pythons_loggers(caplog, tmp_path):
