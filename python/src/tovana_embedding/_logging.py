@@ -4,10 +4,13 @@ import logging
 
 from . import errors
 
+_loggers: dict = {}  # looked up without the lock of `logging`
 
 def emit(name, level, format, arguments, error):
     """Hands a record to the logger `tovana_embedding.NAME`, the format apart from its arguments."""
-    logger = logging.getLogger(f"tovana_embedding.{name}")
+    logger = _loggers.get(name)
+    if logger is None:
+        logger = _loggers[name] = logging.getLogger(f"tovana_embedding.{name}")
     number = getattr(logging, level)
     if not logger.isEnabledFor(number):
         return
