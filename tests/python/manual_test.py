@@ -1,11 +1,12 @@
 """Every program that docs/python.md shows."""
 
+import pathlib
 import re
 
 import pytest
-from rig_python import LOCAL, Server, answer_openai, root, run
+from rig_python import LOCAL, Server, answer_openai, run
 
-PROGRAMS = re.findall(r"^```python\n(.*?)^```$", (root() / "docs/python.md").read_text(), re.M | re.S)
+PROGRAMS = re.findall(r"^```python\n(.*?)^```$", (pathlib.Path(__file__).parents[2] / "docs/python.md").read_text(), re.M | re.S)
 
 
 @pytest.mark.parametrize("number", range(len(PROGRAMS)))

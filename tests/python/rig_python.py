@@ -2,7 +2,6 @@
 
 import json
 import os
-import pathlib
 import signal
 import subprocess
 import sys
@@ -26,7 +25,3 @@ def run(script, *arguments):
 
 def press_ctrl_c():
     os.kill(os.getpid(), signal.SIGINT)
-
-
-def root():
-    return pathlib.Path(__file__).parents[2]
