@@ -14,8 +14,6 @@ def emit(name, level, format, arguments, error):
     number = getattr(logging, level)
     if not logger.isEnabledFor(number):
         return
-    if not arguments:  # then `logging` takes the message as it is
-        format = format % ()
     exc_info = None
     if error is not None:
         kind, message = error

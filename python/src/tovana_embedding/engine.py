@@ -194,11 +194,11 @@ def _fetchone(db: Any, sql: str) -> Any:
 
 
 def _stored(row: Any) -> Optional[tuple]:
-    """The one value of a row in a tuple; an empty one of a row without columns."""
+    """A row's values, of one with names that of the column that is asked for."""
     if row is None:
         return None
     if not hasattr(row, "keys"):
-        return tuple(row)[:1]
+        return tuple(row)
     if not len(row.keys()):
         return ()
     if "model_name" not in row.keys():
