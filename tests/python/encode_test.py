@@ -2,11 +2,10 @@
 
 import pathlib
 import pickle
-import signal
 
 import numpy as np
 import pytest
-from rig_python import LOCAL, REFERENCES, TEXTS, WORK, press_ctrl_c, run
+from rig_python import LOCAL, REFERENCES, TEXTS, run
 from tovana_embedding import SentenceTransformer, errors
 
 EXPECTED = np.array([reference["embedding_normalized"] for reference in REFERENCES])
@@ -35,14 +34,6 @@ def test_encodes_as_python_does(model, batch_size, capsys):
 def test_refuses_what_it_does_not_do(model, given, error):
     with pytest.raises(error):
         model.encode(["a"], **given)
-
-
-def test_ctrl_c_ends_the_work_in_the_middle_of_a_batch(model):
-    model.encode(TEXTS)
-    signal.signal(signal.SIGALRM, lambda *_: press_ctrl_c())
-    signal.setitimer(signal.ITIMER_REAL, 0.3)
-    with pytest.raises(KeyboardInterrupt):
-        model.encode(WORK, batch_size=len(WORK))
 
 
 # Vectors of the hashing embedder, which an engine would fall back to, are none of a model's.

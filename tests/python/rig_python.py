@@ -12,7 +12,7 @@ LOCAL = {"backend": "local", "model_name": TINY_MODEL}
 TFIDF = {"backend": "tfidf", "dimension": 8}
 REFERENCES = [json.loads(line) for line in (TINY_MODEL / "reference.jsonl").read_text().splitlines()]
 TEXTS = [reference["text"] for reference in REFERENCES]
-WORK = 100_000 * [20 * "a text of some words "]  # takes the tiny model minutes
+WORK = 100_000 * [20 * "a text of some words "]  # takes the tiny model many seconds
 
 
 def run(script, *arguments):
