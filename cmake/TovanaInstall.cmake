@@ -33,14 +33,20 @@ endfunction()
 # The folders as pkg-config files name them, wherever the package is moved to.
 file(RELATIVE_PATH prefix_from_pkgconfig "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
 string(REGEX REPLACE "/$" "" prefix_from_pkgconfig "${prefix_from_pkgconfig}")
+file(RELATIVE_PATH libdir_from_prefix "${CMAKE_INSTALL_PREFIX}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+file(RELATIVE_PATH includedir_from_prefix "${CMAKE_INSTALL_PREFIX}" "${CMAKE_INSTALL_FULL_INCLUDEDIR}")
 if(BUILD_SHARED_LIBS)
   set(pkgconfig_cflags -DTOVANA_SHARED)
 else()
-  # The archive needs what it was compiled with; and a program that it was linked into finds the model
-  # library along its RUNPATH, wherever the package is.
-  set(pkgconfig_requires "libcurl >= 7.87, icu-uc, openssl >= 3.0, simdjson, spdlog")
-  set(pkgconfig_sqlite_requires ", sqlite3")
-  set(pkgconfig_rpath "-Wl,-rpath,\${libdir}/tovana")
+  # The archive needs what it was compiled with, by its libraries alone: in `Requires`, their compiler
+  # options would reach a host's files. A program that it was linked into finds the model library along its
+  # RUNPATH, wherever the package is.
+  set(pkgconfig_libs "-lcurl -licuuc -lssl -lcrypto -lsimdjson -lspdlog")
+  if(TARGET fmt::fmt)  # which Debian's spdlog leaves to its users
+    string(APPEND pkgconfig_libs " -lfmt")
+  endif()
+  set(pkgconfig_sqlite_libs "-lsqlite3")
+  set(pkgconfig_rpath "\"-Wl,-rpath,\${libdir}/tovana\"")
 endif()
 
 install_for_hosts(embedding)

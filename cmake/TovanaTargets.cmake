@@ -30,6 +30,7 @@ function(tovana_library name)
   set_target_properties(${target} PROPERTIES
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON
+    UNITY_BUILD OFF  # files have names of their own that others have, too
     POSITION_INDEPENDENT_CODE ON)
   target_include_directories(${target} PUBLIC "${PROJECT_SOURCE_DIR}")
   target_link_libraries(${target} PUBLIC ${arg_PUBLIC} PRIVATE tovana_build_options ${arg_PRIVATE})

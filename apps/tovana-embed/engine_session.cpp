@@ -47,9 +47,9 @@ EmbeddingBackend& EngineSession::wait_ready(const RunLimits& limits) {
     throw load_failure(error);
   }
   const std::optional<Fallback> taken = _engine->fallback();
-  // Without a model library tfidf is what was asked for, unless a backend was named.
-  if (taken &&
-      (taken->cause != Fallback::Cause::library_not_installed || _config.contains("backend"))) {
+  // Without a model library tfidf is what was asked for, unless a backend or a model was named.
+  if (taken && (taken->cause != Fallback::Cause::library_not_installed ||
+                _config.contains("backend") || _arguments.model)) {
     report(taken->reason + ", so the vectors are those of " + _backend->name() + "; " +
            remedy_for(taken->cause));
   }

@@ -13,6 +13,7 @@
 
 #include <dlfcn.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "tovana/base/platform.h"
 #include "tovana/base/text.h"
@@ -130,6 +131,9 @@ bool check_file(const fs::path& path) {
     throw ModelLibraryError("cannot look at the model library " + path.string() + ": " +
                             system_reason());
   }
+  if (!S_ISREG(file.st_mode)) {
+    throw ModelLibraryError("the model library " + path.string() + " is no regular file");
+  }
   if ((file.st_mode & S_IWOTH) != 0) {
     throw ModelLibraryError("the model library " + path.string() +
                             " is writable by every user, so it is not loaded; chmod o-w it");
@@ -176,6 +180,8 @@ fs::path model_library_path(const Environment* environment) {
   }
   for (const fs::path& directory : directories_to_search()) {
     fs::path path = (directory / abi::kFileName).lexically_normal();
+    // A directory that may not be entered is passed over, as the dynamic loader does.
+    if (access(path.c_str(), F_OK) != 0 && errno == EACCES) continue;
     if (check_file(path)) return path;
   }
   throw ModelLibraryNotInstalled();

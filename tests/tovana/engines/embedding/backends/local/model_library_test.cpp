@@ -64,6 +64,8 @@ TEST(ModelLibraryTest, IsFoundWhereItIsNamedOrBesideTheExecutable) {
   fs::remove(beside);
 
   EXPECT_THAT(failure("/missing.so"), HasSubstr("ModelLibraryError: TOVANA_MODEL_LIBRARY=/"));
+  EXPECT_THAT(failure("/dev/null"),
+              HasSubstr("ModelLibraryError: the model library /dev/null is no regular file"));
   fs::permissions(folder.path() / name, fs::perms::others_write, fs::perm_options::add);
   EXPECT_THAT(failure(folder.path() / name),
               AllOf(HasSubstr("ModelLibraryError: "), HasSubstr("chmod o-w")));
