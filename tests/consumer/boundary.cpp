@@ -1,8 +1,10 @@
 // What has to keep its type between a host and the component, also where that is a shared library: errors that
-// one throws and the other catches. And records have to reach the host's sink.
+// one throws and the other catches, and classes that it derives. And records have to reach the sink.
 #include <atomic>
 #include <cstdio>
+#include <optional>
 #include <stdexcept>
+#include <string>
 
 #include "tovana/engines/embedding/embedding.h"
 #include "tovana/storage/sqlite/sqlite_database.h"
@@ -12,6 +14,12 @@ using namespace tovana::embedding;
 namespace {
 
 struct HostError {};
+
+class HostDatabase final : public tovana::storage::Database {
+  std::optional<tovana::storage::DatabaseRow> fetchone(const std::string& /*sql*/) override {
+    return tovana::storage::PositionalRow{"local:another"};
+  }
+};
 
 template <class Expected, class Attempt>
 bool throws(const char* what, const Attempt& attempt) {
@@ -41,6 +49,8 @@ int main() {
   good &= throws<HostError>("the host's own error", [&] {
     engine->embed({"a text"}, {.should_stop = []() -> bool { throw HostError(); }});
   });
+  HostDatabase database;
+  good &= engine->check_backend_migration(database);  // which is said in the log, by this thread
   SHARED_ENGINES.release(engine);
   return good && records > 0 ? 0 : 1;
 }
