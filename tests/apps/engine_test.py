@@ -75,11 +75,12 @@ def test_ends_a_wait_for_the_model_on_ctrl_c(machine):
 
 
 def test_falls_back_aloud(machine):
-    result = machine.run("none", "embed", "ab", "--backend", "local")
-    assert result.status == 0 and result.out.startswith(b'{"text":"ab","vector":[')
-    assert result.err.startswith(
-        "tovana-embed: sentence-transformers is not installed, so the vectors are those of tfidf; ")
-    assert result.err.count("\n") == 1
+    for wish in "--backend=local", "--model=a-model":
+        result = machine.run("none", "embed", "ab", wish)
+        assert result.status == 0 and result.out.startswith(b'{"text":"ab","vector":[')
+        assert result.err.startswith(
+            "tovana-embed: sentence-transformers is not installed, so the vectors are those of tfidf; ")
+        assert result.err.count("\n") == 1
     assert machine.run("none", "embed", "ab").err == ""  # nothing better was asked for
 
 
