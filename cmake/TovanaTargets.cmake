@@ -12,7 +12,6 @@ target_compile_options(tovana_build_options INTERFACE
   $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>  # false positive of GCC 12 on "(" + std::to_string(n)
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Werror=thread-safety>
   $<$<BOOL:${TOVANA_WARNINGS_AS_ERRORS}>:-Werror>)
-target_compile_definitions(tovana_build_options INTERFACE $<$<BOOL:${BUILD_SHARED_LIBS}>:TOVANA_SHARED>)
 if(TOVANA_SANITIZE)
   target_compile_options(tovana_build_options INTERFACE
     -fsanitize=${TOVANA_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
@@ -58,6 +57,9 @@ function(tovana_public_library name)
   target_link_libraries(${target} PUBLIC ${arg_PUBLIC} PRIVATE $<BUILD_INTERFACE:tovana_build_options> ${arg_PRIVATE})
   if(BUILD_SHARED_LIBS)
     target_compile_definitions(${target} PUBLIC TOVANA_SHARED)
+    foreach(folder IN LISTS arg_FOLDERS)
+      target_compile_definitions(tovana_${folder} PRIVATE TOVANA_SHARED)
+    endforeach()
     target_link_options(${target} PRIVATE "LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map" LINKER:--no-undefined
       LINKER:--as-needed)
   endif()
