@@ -3,7 +3,6 @@
 import pathlib
 import subprocess
 
-import pytest
 import tovana_embedding
 from rig_python import LOCAL, run
 
@@ -28,17 +27,12 @@ for work in (compute, compute, load, load):
     threading.Thread(target=work, daemon=True).start()
 started.wait()
 engine.wait_ready()
-if sys.argv[2] == "fork":
-    import os
-    if child := os.fork():
-        raise SystemExit(os.waitpid(child, 0)[1])
 """
 
 
-@pytest.mark.parametrize("way", ["exit", "fork"])
-def test_exits_amid_calls(way):
+def test_exits_amid_calls():
     for _ in range(5):
-        run(EXIT_AMID_CALLS, LOCAL["model_name"], way)
+        run(EXIT_AMID_CALLS, LOCAL["model_name"])
 
 
 # What is called while the interpreter ends comes back to it.
