@@ -6,11 +6,11 @@
 #include <span>
 #include <stdexcept>
 
-#include "call_size.h"
 #include "failure.h"
 #include "tovana/base/clock.h"
 #include "tovana/engines/embedding/backends/endpoint/embedding_stopped.h"
 #include "tovana/engines/embedding/backends/endpoint/http.h"
+#include "tovana/engines/embedding/backends/local/call_pace.h"
 #include "tovana/engines/embedding/backends/tfidf/tfidf.h"
 #include "tovana/exceptions/exceptions.h"
 
@@ -102,15 +102,15 @@ void embed_in_batches(EngineSession& session, const InputTexts& input, std::size
   if (dynamic_cast<embedding::TFIDFEmbeddingBackend*>(backend) != nullptr) {
     return sink(0, call_for(session, input, 0, texts.size(), limits));
   }
-  std::optional<CallSize> size;  // an endpoint's call can be ended, whatever its size
-  if (dynamic_cast<embedding::_HTTPEmbeddingBackend*>(backend) == nullptr) size.emplace(batch_size);
+  std::optional<embedding::CallPace> pace;  // an endpoint's call can be ended, whatever its size
+  if (dynamic_cast<embedding::_HTTPEmbeddingBackend*>(backend) == nullptr) pace.emplace();
   for (std::size_t first = 0; first < texts.size();) {
     limits.check();
-    const auto left = texts.subspan(first);
-    const std::size_t count = size ? size->next(left) : std::min(batch_size, left.size());
+    const auto batch = texts.subspan(first, std::min(batch_size, texts.size() - first));
+    const std::size_t count = pace ? pace->next(batch) : batch.size();
     const double start = system_clock().now();
     const std::vector<Vector> vectors = call_for(session, input, first, count, limits);
-    if (size) size->took(system_clock().now() - start);
+    if (pace) pace->took(batch.first(count), system_clock().now() - start);
     sink(first, vectors);
     first += count;
   }

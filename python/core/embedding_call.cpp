@@ -6,6 +6,7 @@
 #include <exception>
 #include <iterator>
 #include <mutex>
+#include <span>
 #include <utility>
 
 #include "interpreter.h"
@@ -70,12 +71,12 @@ class StopAtReturn {
 
 }  // namespace
 
-void embed_in_parts(const SharedEngine& engine, std::vector<std::string> texts, Pace& pace,
-                    const CallLimits& limits, VectorArray& array) {
+void embed_in_parts(const SharedEngine& engine, std::vector<std::string> texts,
+                    embedding::CallPace& pace, const CallLimits& limits, VectorArray& array) {
   for (std::size_t first = 0; first < texts.size();) {
     limits.check();
     const auto begin = std::make_move_iterator(texts.begin() + static_cast<std::ptrdiff_t>(first));
-    const auto count = static_cast<std::ptrdiff_t>(pace.next(texts, first));
+    const auto count = static_cast<std::ptrdiff_t>(pace.next(std::span(texts).subspan(first)));
     const std::vector<std::string> part(begin, begin + count);
     first += part.size();
     std::vector<Vector> vectors;

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "call_limits.h"
-#include "pace.h"
+#include "tovana/engines/embedding/backends/local/call_pace.h"
 #include "tovana/engines/embedding/embedding.h"
 #include "vector_array.h"
 
@@ -16,8 +16,8 @@ namespace tovana::python {
 using SharedEngine = std::shared_ptr<embedding::EmbeddingEngine>;
 
 /// Part after part, for a model, whose vectors are the same whatever they are embedded with.
-void embed_in_parts(const SharedEngine& engine, std::vector<std::string> texts, Pace& pace,
-                    const CallLimits& limits, VectorArray& array);
+void embed_in_parts(const SharedEngine& engine, std::vector<std::string> texts,
+                    embedding::CallPace& pace, const CallLimits& limits, VectorArray& array);
 
 /// All texts in one call, on this thread: for what is quick.
 void embed_at_once(const SharedEngine& engine, const std::vector<std::string>& texts,

@@ -8,7 +8,7 @@
 #include <sys/types.h>
 
 #include "call_limits.h"
-#include "pace.h"
+#include "tovana/engines/embedding/backends/local/call_pace.h"
 #include "tovana/engines/embedding/embedding.h"
 
 namespace tovana::python {
@@ -59,7 +59,7 @@ class Engine {
   std::shared_ptr<embedding::EmbeddingBackend> _backend;
   pid_t _process;
   bool _is_inherited = false;  ///< From a parent process, whose hold, if any, is not ours.
-  Pace _pace;
+  embedding::CallPace _pace;
 };
 
 }  // namespace tovana::python

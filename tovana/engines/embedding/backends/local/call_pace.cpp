@@ -1,8 +1,8 @@
-#include "call_size.h"
+#include "tovana/engines/embedding/backends/local/call_pace.h"
 
 #include <algorithm>
 
-namespace tovana::tool {
+namespace tovana::embedding {
 namespace {
 
 /// A run ends within a quarter of a second. Shorter calls cost throughput, since the threads that
@@ -21,21 +21,20 @@ double work_of(const std::string& text) {
 
 }  // namespace
 
-std::size_t CallSize::next(std::span<const std::string> left) {
-  const std::size_t most = std::min(left.size(), _most_texts);
-  _work_given = work_of(left.front());
+std::size_t CallPace::next(std::span<const std::string> left) const {
   std::size_t count = 1;
-  for (; count < most; ++count) {
-    const double work = work_of(left[count]);
-    if (_work_given + work > _most_work) break;
-    _work_given += work;
+  for (double work = work_of(left.front()); count < left.size(); ++count) {
+    work += work_of(left[count]);
+    if (work > _most_work) break;
   }
   return count;
 }
 
-void CallSize::took(double seconds) {
-  const double at_this_pace = _work_given / std::max(seconds, kShortestS) * kTargetS;
-  _most_work = std::min(at_this_pace, kMostGrowth * std::max(_most_work, _work_given));
+void CallPace::took(std::span<const std::string> texts, double seconds) {
+  double work = 0;
+  for (const std::string& text : texts) work += work_of(text);
+  const double at_this_pace = work / std::max(seconds, kShortestS) * kTargetS;
+  _most_work = std::min(at_this_pace, kMostGrowth * std::max(_most_work.load(), work));
 }
 
-}  // namespace tovana::tool
+}  // namespace tovana::embedding
