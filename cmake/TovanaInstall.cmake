@@ -36,8 +36,10 @@ string(REGEX REPLACE "/$" "" prefix_from_pkgconfig "${prefix_from_pkgconfig}")
 file(RELATIVE_PATH libdir_from_prefix "${CMAKE_INSTALL_PREFIX}" "${CMAKE_INSTALL_FULL_LIBDIR}")
 file(RELATIVE_PATH includedir_from_prefix "${CMAKE_INSTALL_PREFIX}" "${CMAKE_INSTALL_FULL_INCLUDEDIR}")
 if(BUILD_SHARED_LIBS)
+  set(has_shared_libraries ON)
   set(pkgconfig_cflags -DTOVANA_SHARED)
 else()
+  set(has_shared_libraries OFF)  # a host's variable may be empty
   # The archive needs what it was compiled with, by its libraries alone: in `Requires`, their compiler
   # options would reach a host's files. A program that it was linked into finds the model library along its
   # RUNPATH, wherever the package is.
