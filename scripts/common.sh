@@ -41,3 +41,8 @@ in_log() {
   fi
   return "$status"
 }
+
+# package_of LIBRARY: the Debian package that a library of this machine, named as in NEEDED, comes from.
+package_of() {
+  dpkg-query --search "*/$(gcc -print-multiarch)/$1" | sed 's/:.*//' | sort -u | head -n 1
+}

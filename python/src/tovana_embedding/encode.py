@@ -59,7 +59,8 @@ class SentenceTransformer:
         if isinstance(sentences, str):
             return self._engine.embed_single(sentences, dtype=np.float32)
         texts = list(sentences)
-        vectors = np.empty((0, self.get_sentence_embedding_dimension()) if not texts else (0, 0), np.float32)
+        if not texts:
+            return np.empty((0, self.get_sentence_embedding_dimension()), np.float32)
         for first in range(0, len(texts), batch_size):
             batch = self._engine.embed(texts[first : first + batch_size], dtype=np.float32)
             if first == 0:

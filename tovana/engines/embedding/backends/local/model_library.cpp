@@ -13,7 +13,6 @@
 
 #include <dlfcn.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "tovana/base/platform.h"
 #include "tovana/base/text.h"
@@ -123,11 +122,15 @@ std::vector<fs::path> directories_to_search() {
   return directories;
 }
 
-/// True if the file may be opened, false if there is none.
-bool check_file(const fs::path& path) {
+enum class Place { named, searched };
+
+/// True if the file may be opened, false if there is none. A search passes over directories that may
+/// not be entered, as the dynamic loader's does.
+bool check_file(const fs::path& path, Place place) {
   struct stat file = {};
   if (stat(path.c_str(), &file) != 0) {
     if (errno == ENOENT || errno == ENOTDIR) return false;
+    if (errno == EACCES && place == Place::searched) return false;
     throw ModelLibraryError("cannot look at the model library " + path.string() + ": " +
                             system_reason());
   }
@@ -175,14 +178,13 @@ fs::path model_library_path(const Environment* environment) {
     if (!path.is_absolute()) {
       throw EnvironmentVariableError(subject + ": the path has to be absolute");
     }
-    if (!check_file(path)) throw ModelLibraryError(subject + ": there is no such file");
+    if (!check_file(path, Place::named))
+      throw ModelLibraryError(subject + ": there is no such file");
     return path;
   }
   for (const fs::path& directory : directories_to_search()) {
     fs::path path = (directory / abi::kFileName).lexically_normal();
-    // A directory that may not be entered is passed over, as the dynamic loader does.
-    if (access(path.c_str(), F_OK) != 0 && errno == EACCES) continue;
-    if (check_file(path)) return path;
+    if (check_file(path, Place::searched)) return path;
   }
   throw ModelLibraryNotInstalled();
 }
