@@ -4,8 +4,9 @@
     model_peer.py CORPUS MODEL_ROUNDS MODEL CONVERTED RESULTS [OPTION…]
 
 MODEL_ROUNDS is our program, CONVERTED what model_convert.py made of MODEL; RESULTS gets the figures, which
-model_report.py makes tables and a picture of. All compute in float32 on THREADS threads, and each is a process
-of its own. First of all their vectors must agree with ours. Then, for each side,
+model_report.py makes tables and a picture of. Among the peers is our own package for Python, which has to be
+importable. All compute in float32 on THREADS threads, and each is a process of its own. First of all their vectors
+must agree with ours. Then, for each side,
 
     sets      the time of a call, from texts to unit vectors, for each of the sets of model_texts.py
     busy      the median time of the query on the idle machine, and with a busy process for each CPU beside it
@@ -35,7 +36,9 @@ THREADS = 2
 QUERY_CALLS = 5  # in a row, in each round
 CALLERS = (1, 2, 4, 8)
 CALLS_TOGETHER = 160
+OUR_PACKAGE = "tovana, Python"
 PEERS = {
+    OUR_PACKAGE: "tovana_embedding",
     "sentence-transformers": "sentence-transformers",
     "ONNX Runtime": "onnxruntime",
     "OpenVINO": "openvino",
@@ -102,7 +105,7 @@ def check_agreement(sides, texts):
             vectors = numpy.fromfile(file.name, "<f4").reshape(texts, int(dimension))
             ours = vectors if ours is None else ours
             worst = float((ours * vectors).sum(axis=1).min())
-            log(f"{name}: cosine to ours {worst:.7f} or more")
+            log(f"{name}: cosine to ours {worst:.7f} or more, no number more than {abs(ours - vectors).max():.1e} off")
             if not worst > 0.9999:
                 sys.exit(f"model_peer.py: the vectors of {name} are not ours")
 
@@ -220,7 +223,7 @@ def main():
         "machine": machine(),
         "threads": THREADS,
         "rounds": options.rounds,
-        "versions": {name: importlib.metadata.version(package) for name, package in PEERS.items()},
+        "versions": {name: importlib.metadata.version(package) for name, package in PEERS.items() if name != OUR_PACKAGE},
         "sizes": {
             name: {"texts": len(of_set), "tokens": sum(len(item.ids) for item in tokenizer.encode_batch(of_set))}
             for name, of_set in sets.items()

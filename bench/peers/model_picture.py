@@ -46,7 +46,7 @@ def bars(left, top, width, title, unit, figures):
     for number, (side, figure) in enumerate(figures.items()):
         y = top + PANEL_HEAD + number * ROW
         length = max(2, figure / largest * (width - LABELS - FIGURES))
-        kind = "ours" if side == OURS else "peer"
+        kind = "ours" if side.startswith(OURS) else "peer"
         yield f'<text x="{left + LABELS - 8}" y="{y + 13}" text-anchor="end">{escape(side)}</text>'
         yield f'<rect class="{kind}" x="{left + LABELS}" y="{y}" width="{length:.1f}" height="17" rx="2"/>'
         yield f'<text x="{left + LABELS + length + 6:.1f}" y="{y + 13}">{shown(figure)} {unit}</text>'

@@ -11,7 +11,7 @@ import os
 import sys
 
 THREADS = int(sys.argv[5])
-for variable in ("OMP_NUM_THREADS", "RAYON_NUM_THREADS", "OPENBLAS_NUM_THREADS"):
+for variable in ("OMP_NUM_THREADS", "RAYON_NUM_THREADS", "OPENBLAS_NUM_THREADS", "EMBED_THREADS"):
     os.environ[variable] = str(THREADS)  # read when the libraries are loaded
 os.environ["HF_HUB_OFFLINE"] = "1"
 
@@ -22,6 +22,18 @@ from pathlib import Path
 import numpy
 
 BATCH = 32
+
+
+class TovanaEmbedding:
+    """Ours, as Python has it."""
+
+    def __init__(self, model, _converted):
+        import tovana_embedding
+
+        self._model = tovana_embedding.SentenceTransformer(model)
+
+    def encode(self, texts):
+        return self._model.encode(texts)
 
 
 class SentenceTransformers:
@@ -118,6 +130,7 @@ class CTranslate2(Runtime):
 
 
 PEERS = {
+    "tovana_embedding": TovanaEmbedding,
     "sentence-transformers": SentenceTransformers,
     "onnxruntime": OnnxRuntime,
     "openvino": OpenVino,
