@@ -40,6 +40,8 @@ in_system() {
   local folder=$1
   shift
   cp -L /etc/resolv.conf "$folder/etc/resolv.conf" || return
+  # Whom this machine trusts, for pip alone: the system's own programs are to find what it has itself.
+  cp -L /etc/ssl/certs/ca-certificates.crt "$folder/root/pip.crt" || return
   # shellcheck disable=SC2016 # the inner shell's own
   ${longest_s:+timeout --foreground --kill-after=10 "$longest_s"} unshare --mount --propagation private --pid --fork --kill-child bash -euc '
     folder=$1
@@ -56,6 +58,7 @@ in_system() {
     exec chroot "$folder" "$@"
   ' in_system "$folder" "${binds[@]}" -- \
     env -i PATH=/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
+    PIP_CERT=/root/pip.crt PIP_DISABLE_PIP_VERSION_CHECK=1 \
     ${http_proxy:+http_proxy="$http_proxy"} ${https_proxy:+https_proxy="$https_proxy"} "$@" </dev/null
 }
 
