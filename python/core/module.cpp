@@ -12,9 +12,11 @@
 #include "conversions.h"
 #include "engine.h"
 #include "errors.h"
+#include "fetch_log.h"
 #include "interpreter.h"
 #include "logging.h"
 #include "tovana/engines/embedding/embedding.h"
+#include "tovana/engines/http/ca_certificates.h"
 
 namespace tovana::python {
 namespace {
@@ -115,7 +117,9 @@ NB_MODULE(_core, core) {
   core.def("describe", &describe, nanobind::arg("state"), nanobind::arg("backend").none(),
            nanobind::arg("detail").none(), nanobind::arg("loading_s").none(),
            nanobind::arg("retry_in_s").none());
+  core.def("set_last_ca_file", &tovana::http::set_last_ca_file);
   core.def("send_records_to", &send_records_to);
   core.def("interpreter_ends", &interpreter_ends);
   core.def("interpreter_was_forked", &interpreter_was_forked);
+  log_fetches();
 }

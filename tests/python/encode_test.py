@@ -1,10 +1,14 @@
 """The interface of sentence-transformers."""
 
+import contextlib
+import io
 import pathlib
 import pickle
+import threading
 
 import numpy as np
 import pytest
+from rig import Hub, tiny_model
 from rig_python import LOCAL, REFERENCES, TEXTS, run
 from tovana_embedding import SentenceTransformer, errors
 
@@ -55,3 +59,30 @@ except tovana_embedding.errors.ModelLibraryNotInstalled:
     sys.exit(0)
 sys.exit("it has a model")
 """)
+
+
+# A model that is fetched for the first time may take minutes.
+def test_says_how_far_a_fetch_is(tmp_path, monkeypatch):
+    far = threading.Event()
+
+    class Display(io.StringIO):
+        def write(self, text):
+            if "0.1 of 0.1 MB" in text:
+                far.set()
+            return super().write(text)
+
+    def send_slowly(request, content):
+        request.reply(200, content[:-1000], {"Content-Length": len(content)})
+        for byte in content[-1000:]:
+            request.wfile.write(bytes([byte]))
+            far.wait(0.01)
+
+    monkeypatch.setenv("HF_HUB_OFFLINE", "0")
+    monkeypatch.setenv("HF_HUB_CACHE", str(tmp_path))
+    with Hub("no/model", tiny_model()) as hub, contextlib.redirect_stderr(Display()) as shown:
+        monkeypatch.setenv("HF_ENDPOINT", hub.url)
+        hub.send_weights = send_slowly
+        SentenceTransformer("no/model").close()
+    assert far.is_set()
+    lines = shown.getvalue().splitlines()
+    assert (lines[0], lines[-1]) == ("Fetching the model no/model from 127.0.0.1", f"Fetched the model no/model, commit {hub.COMMIT}")

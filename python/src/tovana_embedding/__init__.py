@@ -26,7 +26,7 @@ import os as _os
 # Before any call of ours imports it: an interrupt would break that off.
 import numpy as _numpy  # noqa: F401
 
-from . import _core, _logging, errors
+from . import _certificates, _core, _logging, errors
 from .encode import SentenceTransformer
 from .engine import EmbeddingEngine, acquire, engine_config, release
 from .errors import EmbeddingNotReadyError, EmbeddingStopped, Error, TryAgainLaterError
@@ -47,6 +47,7 @@ __all__ = [
     "release",
 ]
 
+_certificates.offer_certifi()
 _core.send_records_to(_logging.emit)
 _atexit.register(_core.interpreter_ends)
 _os.register_at_fork(after_in_child=_core.interpreter_was_forked)

@@ -7,6 +7,7 @@ from typing import Any, Optional, Union
 
 import numpy as np
 
+from ._logging import fetches_shown
 from .engine import Configuration, acquire
 from .errors import EmbeddingNotReadyError, ModelLibraryNotInstalled
 
@@ -15,8 +16,9 @@ class SentenceTransformer:
     """A sentence-transformers model, for code that was written for the library of that name.
 
     `model_name_or_path` is a model's name on the hub, or its folder as a `pathlib.Path` or beginning with "/", "./" or
-    "../". Loads the model, which fetches it unless it is in the cache; raises what the load fails with. All with the
-    same model share it. Any thread may use it; it can be pickled, as its name.
+    "../". Loads the model, which fetches it unless it is in the cache, and says on stderr how far that is, unless the
+    loggers take it; raises what the load fails with. All with the same model share it. Any thread may use it; it can be
+    pickled, as its name.
     """
 
     def __init__(self, model_name_or_path: Any = "all-MiniLM-L6-v2"):
@@ -24,7 +26,8 @@ class SentenceTransformer:
         config: Configuration = {"backend": "local", "model_name": model_name_or_path}
         self._engine: Any = acquire(config)
         try:
-            self._engine.wait_ready(math.inf)
+            with fetches_shown():
+                self._engine.wait_ready(math.inf)
             if (reason := self._engine.fallback_reason()) is not None:
                 raise ModelLibraryNotInstalled(reason)
         except EmbeddingNotReadyError as error:

@@ -1,6 +1,10 @@
 """What the component's calls raise: each kind by its name, and each a Python error of the same nature."""
 
 import builtins
+from typing import TYPE_CHECKING, Optional
+
+if TYPE_CHECKING:
+    from .status import EmbeddingStatus
 
 __all__ = [
     "CacheNotWritableError",
@@ -38,12 +42,12 @@ class EmbeddingNotReadyError(TryAgainLaterError):
     `status` says which; `__cause__` is what the last attempt to load failed with, where that is known.
     """
 
-    def __init__(self, message, status=None):
+    def __init__(self, message: str, status: "Optional[EmbeddingStatus]" = None):
         super().__init__(message, status)
         self.status = status
 
-    def __str__(self):
-        return self.args[0]
+    def __str__(self) -> str:
+        return str(self.args[0])
 
 
 class EmbeddingStopped(RuntimeError):

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include <curl/curl.h>
 
@@ -23,6 +25,9 @@ constexpr std::array kFiles = {
     "/etc/ssl/cert.pem",                                  // Alpine
 };
 constexpr std::array kDirectories = {"/etc/ssl/certs", "/etc/pki/tls/certs"};
+
+/// What it was and is, is never destroyed: threads may be reading it, also while the process exits.
+std::atomic<const std::string*> last_file = nullptr;
 
 bool is_hashed_name(std::string_view name) {
   constexpr std::size_t kHashDigits = 8;
@@ -70,8 +75,11 @@ CaPlaces system_ca_places() {
   for (const char* const directory : kDirectories) {
     places.others.push_back({.path = directory, .is_directory = true});
   }
+  if (const std::string* const file = last_file) places.others.push_back({.path = *file});
   return places;
 }
+
+void set_last_ca_file(std::string path) { last_file = new std::string(std::move(path)); }
 
 std::optional<CaPlace> find_ca_certificates(const CaPlaces& places) {
   const bool is_named = !places.named.empty();

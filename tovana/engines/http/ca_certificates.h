@@ -27,8 +27,14 @@ struct CaPlaces {
 /// What the variables SSL_CERT_FILE and SSL_CERT_DIR name, a colon between directories.
 std::vector<CaPlace> named_ca_places(const Environment* environment = nullptr);
 
-/// Those that the variables name, libcurl's own, and those of the systems that are in use.
+/// Those that the variables name, libcurl's own, and those of the systems that are in use; then what
+/// the host has named.
 CaPlaces system_ca_places();
+
+/// Names a PEM file that `system_ca_places` has at its end from now on, for a host that brings
+/// certificates along; it need not be there. Any thread may call it; the default transport heeds what
+/// was named before its first request.
+void set_last_ca_file(std::string path);
 
 /// The first place with certificates; with an empty path when libcurl's own serves, and none when
 /// there are certificates nowhere. Looks at the files at each call.

@@ -400,6 +400,9 @@ TEST(HttpFaults, CaCertificates) {
   EXPECT_THAT(call(transport, url), HasSubstr("no CA certificates were found"));
   std::filesystem::create_symlink(authority, missing);
   EXPECT_THAT(call(transport, url), HasSubstr("not valid")) << "installed since";
+
+  set_last_ca_file(authority);
+  EXPECT_EQ(system_ca_places().others.back().path, authority);
 }
 
 /// Keeps what it is given and asks whether to go on.
