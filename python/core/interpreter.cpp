@@ -6,6 +6,9 @@
 
 #include <nanobind/nanobind.h>
 
+#include "tovana/base/held_across_forks.h"
+#include "tovana/base/mutex.h"
+
 namespace tovana::python {
 namespace {
 
@@ -24,6 +27,25 @@ bool enter() noexcept {
 
 void leave() noexcept { --visitors; }
 
+#if PY_VERSION_HEX < 0x030C0000
+/// Before Python 3.12 a child hangs within `os.fork` when another thread was just being made known
+/// to the interpreter: the list of threads has a lock that is taken without the interpreter's, and
+/// that the child waits for before it makes it anew.
+constinit Mutex introducing;
+
+const HeldAcrossForks<introducing> introducing_is_held_across_forks;
+
+/// What PyGILState_Ensure does first on a thread that Python does not know, so that it finds it done.
+void introduce_this_thread() noexcept {
+  if (PyGILState_GetThisThreadState() != nullptr) return;
+  const LockGuard guard(introducing);
+  PyThreadState* const made = PyThreadState_New(PyInterpreterState_Main());
+  if (made != nullptr) made->gilstate_counter = 0;  // or it would never be released
+}
+#else
+void introduce_this_thread() noexcept {}
+#endif
+
 [[noreturn]] void wait_for_the_end_of_the_process() {
   for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
 }
@@ -37,7 +59,9 @@ WithoutInterpreter::~WithoutInterpreter() {
 }
 
 WithInterpreter::WithInterpreter() noexcept : _is_there(enter()) {
-  if (_is_there) _state = PyGILState_Ensure();
+  if (!_is_there) return;
+  introduce_this_thread();
+  _state = PyGILState_Ensure();
 }
 
 WithInterpreter::~WithInterpreter() {

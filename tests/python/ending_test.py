@@ -3,6 +3,7 @@
 import pathlib
 import subprocess
 
+import pytest
 import tovana_embedding
 from rig_python import LOCAL, run
 
@@ -27,12 +28,20 @@ for work in (compute, compute, load, load):
     threading.Thread(target=work, daemon=True).start()
 started.wait()
 engine.wait_ready()
+for _ in range(int(sys.argv[2])):
+    import os
+    if not (child := os.fork()):
+        engine.embed(["some words"])
+        break
+    if status := os.waitpid(child, 0)[1]:
+        raise SystemExit(status)
 """
 
 
-def test_exits_amid_calls():
+@pytest.mark.parametrize("children", [0, 10])
+def test_exits_amid_calls(children):
     for _ in range(5):
-        run(EXIT_AMID_CALLS, LOCAL["model_name"])
+        run(EXIT_AMID_CALLS, LOCAL["model_name"], children)
 
 
 # What is called while the interpreter ends comes back to it.
