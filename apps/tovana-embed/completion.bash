@@ -41,7 +41,7 @@ _tovana_embed() {
       --backend) _tovana_embed_words "auto local api openai tfidf" "$current" ;;
       --format) _tovana_embed_words "jsonl npy" "$current" ;;
       --log-level) _tovana_embed_words "debug info warning" "$current" ;;
-      --api-url | --base-url | --batch-size | --deadline | --dimension | --revision | --top | --wait-s)
+      --api-url | --base-url | --batch-size | --concurrency | --deadline | --dimension | --revision | --top | --wait-s)
         _tovana_embed_words "" "$current"
         ;;
       *) before="" ;;
@@ -50,7 +50,7 @@ _tovana_embed() {
     if [[ $current == -* ]]; then
       case $command in
         "") _tovana_embed_words "--help --version" "$current" ;;
-        embed) _tovana_embed_words "--help --input --jsonl --output --format --batch-size --deadline $engine" "$current" ;;
+        embed) _tovana_embed_words "--help --input --jsonl --output --format --batch-size --concurrency --keep-going --deadline $engine" "$current" ;;
         search) _tovana_embed_words "--help --input --jsonl --top --json $engine" "$current" ;;
         status) _tovana_embed_words "--help --wait --json $engine" "$current" ;;
         migrate-check) _tovana_embed_words "--help $engine" "$current" ;;

@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -11,17 +12,19 @@
 #include "embedding_call.h"
 #include "engine_arguments.h"
 #include "engine_session.h"
-#include "json_writer.h"
+#include "failure.h"
 #include "npy_writer.h"
 #include "option_values.h"
 #include "output.h"
 #include "progress.h"
+#include "result_writer.h"
 #include "text_input.h"
 
 namespace tovana::tool {
 namespace {
 
-using embedding::Vector;
+/// More would be a burden to most servers, and each may hold megabytes of vectors.
+constexpr std::int64_t kMostConcurrency = 64;
 
 struct EmbedArguments {
   EngineArguments engine;
@@ -30,60 +33,70 @@ struct EmbedArguments {
   std::string output = "-";
   bool npy = false;
   std::int64_t batch_size = kDefaultBatchSize;
+  std::int64_t concurrency = 1;
+  bool keep_going = false;
   std::optional<double> deadline;
 };
 
-void write_json_line(Output& output, const InputTexts& input, std::size_t index,
-                     const Vector& vector) {
-  output.write("{");
-  if (input.members.empty()) {
-    output.write("\"text\":");
-    write_json_string(output, input.texts[index]);
+/// The texts of a run: in memory, or still to be read.
+struct Input {
+  std::unique_ptr<TextReader> reader;
+  InputTexts texts;                      ///< Without a reader: all of them.
+  std::optional<std::size_t> total = 0;  ///< Null: nobody knows yet.
+};
+
+/// With an endpoint the input is read as it is needed, and where that can be done twice, it is
+/// checked first. For any other backend it is read whole while that loads.
+Input open_input(const EmbedArguments& arguments, EngineSession& session, const RunLimits& limits) {
+  Input input;
+  if (arguments.texts->count() > 0) {
+    // The raw results: a conversion would take a text "{}" for an empty list.
+    input.texts = texts_of_arguments(arguments.texts->results());
   } else {
-    output.write(input.members[index]);
+    std::vector<std::string> replaced = {"vector"};
+    if (arguments.keep_going) replaced.emplace_back("error");
+    input.reader = std::make_unique<TextReader>(arguments.input, std::move(replaced), limits);
+    if (session.may_be_endpoint()) {
+      input.total = input.reader->count();
+      const bool is_needed_first = arguments.npy && !input.total;
+      if (!is_needed_first && is_endpoint(*session.wait_ready(limits))) return input;
+    }
+    input.texts = input.reader->read();
+    input.reader.reset();
   }
-  output.write(",\"vector\":");
-  write_json_vector(output, vector);
-  output.write("}\n");
+  input.total = input.texts.texts.size();
+  return input;
 }
 
 ExitStatus embed(const EmbedArguments& arguments, const Interrupts& interrupts) {
+  if (arguments.keep_going && arguments.npy) {
+    throw Failure(ExitStatus::usage,
+                  "--keep-going cannot go with --format npy, whose rows are numbers only; see "
+                  "tovana-embed embed --help");
+  }
   const RunLimits limits(interrupts, arguments.deadline.value_or(RunLimits::kNoDeadline));
   // First of all: a place that cannot be written to must not cost the work.
   Output output(arguments.output, limits);
   EngineSession session(arguments.engine, interrupts);
-  // The raw results: a conversion would take a text "{}" for an empty list.
-  const InputTexts input = arguments.texts->count() > 0
-                               ? texts_of_arguments(arguments.texts->results())
-                               : read_texts(arguments.input, "vector", limits);
-  const std::size_t count = input.texts.size();
-  if (arguments.npy && count == 0) {
-    write_npy_header(output, 0, static_cast<std::size_t>(session.wait_ready(limits).dimension()));
+  const Input input = open_input(arguments, session, limits);
+  if (arguments.npy && input.total == 0) {
+    write_npy_header(output, 0, static_cast<std::size_t>(session.wait_ready(limits)->dimension()));
   }
-  {
-    Progress progress(count, arguments.output == "-");
-    std::size_t dimension = 0;  // an endpoint's is known only when its first vectors have come
-    const auto write_batch = [&](std::size_t first, const std::vector<Vector>& vectors) {
-      if (first == 0) {
-        dimension = vectors.front().size();
-        if (arguments.npy) write_npy_header(output, count, dimension);
-      }
-      for (std::size_t i = 0; i < vectors.size(); ++i) {
-        limits.check_interrupted();
-        check_dimension(input, first + i, vectors[i], dimension);
-        if (arguments.npy) {
-          write_npy_row(output, vectors[i]);
-        } else {
-          write_json_line(output, input, first + i, vectors[i]);
-        }
-        progress.advance(1);
-      }
-    };
-    embed_in_batches(session, input, static_cast<std::size_t>(arguments.batch_size), limits,
-                     write_batch);
+  auto progress = std::make_unique<Progress>(input.total, arguments.output == "-");
+  ResultWriter writer(output, {.npy = arguments.npy, .keeps_going = arguments.keep_going},
+                      input.total, session, limits, *progress);
+  const Batching batching = {.size = static_cast<std::size_t>(arguments.batch_size),
+                             .concurrency = static_cast<std::size_t>(arguments.concurrency)};
+  if (input.reader) {
+    embed_from([&](std::size_t most) { return input.reader->read(most); }, session, batching,
+               limits, writer.sink());
+  } else {
+    embed_in_batches(session, input.texts, batching, limits, writer.sink());
   }
+  progress.reset();  // its line would be in the way of others
+  writer.check_complete();
   output.finish();
-  return ExitStatus::success;
+  return writer.report_failed() ? ExitStatus::call_failed : ExitStatus::success;
 }
 
 void add_format_option(CLI::App& command, EmbedArguments& arguments) {
@@ -129,21 +142,32 @@ Command add_embed_command(CLI::App& tool) {
                 "as many as it embeds in a fifth of a second. tfidf takes\n"
                 "the whole input as one batch, since its weights depend\n"
                 "on the other texts of the batch");
+  add_count(command, "--concurrency", arguments->concurrency,
+            "Endpoints: up to N requests at once, 64 at most (1), each\n"
+            "over a connection that is kept; the results keep their\n"
+            "order. Any other backend gets one batch at a time",
+            kMostConcurrency);
+  command.add_flag("--keep-going", arguments->keep_going,
+                   "Write texts whose call failed with \"error\" in place of\n"
+                   "\"vector\", go on with the others, and end with status 69.\n"
+                   "Without it such a call ends the run. Not with npy");
   add_seconds(command, "--deadline", arguments->deadline,
               "Give up (status 69) when S seconds have passed. tfidf\n"
               "looks at it only until it starts to embed");
   add_engine_options(command, arguments->engine);
   command.footer(
-      R"(The whole input is read and checked first. A text is a line without its line
-end (LF or CR LF). An empty line is a text, and its vector is zero. With --jsonl
-an object keeps its other members as they are, "vector" comes last (in place of
-one that was there), and blank lines are passed over. What is not UTF-8 becomes
-U+FFFD, with a warning.
+      R"(The whole input is read and checked first; only for an endpoint is a pipe read
+as it is needed. A text is a line without its line end (LF or CR LF). An empty
+line is a text, and its vector is zero. With --jsonl an object keeps its other
+members as they are, "vector" comes last (in place of one that was there, with
+--keep-going of an "error", too), and blank lines are passed over. What is not
+UTF-8 becomes U+FFFD, with a warning.
 
 Examples:
   tovana-embed embed 'parse the config file' 'open a socket'
   tovana-embed embed --input names.txt --format npy --output names.npy
   tovana-embed embed --jsonl < records.jsonl > with_vectors.jsonl
+  tovana-embed embed --api-url URL --backend api --concurrency 8 --input names.txt
   tovana-embed embed -- --a-text-that-begins-with-a-hyphen)");
   return {&command,
           [arguments](const Interrupts& interrupts) { return embed(*arguments, interrupts); }};

@@ -35,8 +35,12 @@ EngineSession::EngineSession(const EngineArguments& arguments, const Interrupts&
 
 EngineSession::~EngineSession() { SHARED_ENGINES.release(_engine); }
 
-EmbeddingBackend& EngineSession::wait_ready(const RunLimits& limits) {
-  if (_backend != nullptr) return *_backend;
+bool EngineSession::may_be_endpoint() const {
+  return _config.contains("api_url") || _config.contains("base_url");
+}
+
+const std::shared_ptr<EmbeddingBackend>& EngineSession::wait_ready(const RunLimits& limits) {
+  if (_backend != nullptr) return _backend;
   double wait_s = _arguments.no_wait ? 0 : _arguments.wait_s.value_or(RunLimits::kNoDeadline);
   wait_s = std::min(wait_s, limits.deadline() - system_clock().now());
   try {
@@ -53,7 +57,7 @@ EmbeddingBackend& EngineSession::wait_ready(const RunLimits& limits) {
     report(taken->reason + ", so the vectors are those of " + _backend->name() + "; " +
            remedy_for(taken->cause));
   }
-  return *_backend;
+  return _backend;
 }
 
 }  // namespace tovana::tool

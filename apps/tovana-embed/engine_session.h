@@ -19,11 +19,16 @@ class EngineSession {
   EngineSession& operator=(const EngineSession&) = delete;
 
   embedding::EmbeddingEngine& engine() const { return *_engine; }
+  /// For calls that may outlast the session.
+  std::shared_ptr<embedding::EmbeddingEngine> shared_engine() const { return _engine; }
+
+  /// Whether the options leave it open that the backend is an endpoint.
+  bool may_be_endpoint() const;
 
   /// The engine's backend, waited for as the options say, but not past the limits. The first time
   /// it says on stderr when the backend is not the one that was asked for. Throws Interrupted, and
   /// Failure: as RunLimits::check when the deadline has passed, else as `load_failure` says.
-  embedding::EmbeddingBackend& wait_ready(const RunLimits& limits);
+  const std::shared_ptr<embedding::EmbeddingBackend>& wait_ready(const RunLimits& limits);
 
  private:
   const EngineArguments& _arguments;

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <vector>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -22,29 +22,15 @@ constexpr std::size_t kChunk = std::size_t{256} * 1024;
                     "; give --input a file that can be read, or - for standard input");
 }
 
-/// A descriptor to read from; standard input is borrowed, a file is closed at the end.
-class InputDescriptor {
- public:
-  /// The path is opened without waiting for a pipe's other end: `open` could not be interrupted,
-  /// the wait for its first byte can.
-  explicit InputDescriptor(const std::string& path)
-      : _owned(path != kStandardStream),
-        _descriptor(_owned ? ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)
-                           : STDIN_FILENO) {
-    if (_descriptor < 0) throw_unreadable(path, system_reason(errno));
-  }
-  ~InputDescriptor() {
-    if (_owned) ::close(_descriptor);
-  }
-  InputDescriptor(const InputDescriptor&) = delete;
-  InputDescriptor& operator=(const InputDescriptor&) = delete;
-
-  int get() const noexcept { return _descriptor; }
-
- private:
-  bool _owned;
-  int _descriptor;
-};
+/// Opened without waiting for a pipe's other end: `open` could not be interrupted, the wait for the
+/// first byte can.
+int open_input(const std::string& path) {
+  if (path == kStandardStream) return STDIN_FILENO;
+  if (path.empty()) throw_unreadable(path, "the path is empty");
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (descriptor < 0) throw_unreadable(path, system_reason(errno));
+  return descriptor;
+}
 
 }  // namespace
 
@@ -52,28 +38,33 @@ std::string input_name(const std::string& path) {
   return path == kStandardStream ? "standard input" : path;
 }
 
-std::string read_input(const std::string& path, const RunLimits& limits) {
-  if (path.empty()) throw_unreadable(path, "the path is empty");
-  const InputDescriptor input(path);
+InputFile::InputFile(std::string path, const RunLimits& limits)
+    : _path(std::move(path)), _limits(limits), _descriptor(open_input(_path)) {
   struct stat status {};
-  if (fstat(input.get(), &status) == 0 && S_ISDIR(status.st_mode)) {
-    throw_unreadable(path, "it is a directory");
-  }
-  if (isatty(input.get()) != 0) {
+  const bool is_known = fstat(_descriptor, &status) == 0;
+  if (is_known && S_ISREG(status.st_mode)) _start = lseek(_descriptor, 0, SEEK_CUR);
+  if (isatty(_descriptor) != 0) {
     report("reading from the terminal, one line a text; end with Ctrl-D");
   }
-  std::string content;
-  std::vector<char> chunk(kChunk);
+}
+
+InputFile::~InputFile() {
+  if (_path != kStandardStream) ::close(_descriptor);
+}
+
+bool InputFile::read(std::string& content) {
+  const std::size_t before = content.size();
+  content.resize(before + kChunk);
   for (;;) {
-    limits.wait_for(input.get(), POLLIN);
-    const ssize_t size = ::read(input.get(), chunk.data(), chunk.size());
-    if (size == 0) return content;
-    if (size > 0) {
-      content.append(chunk.data(), static_cast<std::size_t>(size));
-    } else if (errno != EINTR && errno != EAGAIN) {
-      throw_unreadable(path, system_reason(errno));
-    }
+    _limits.wait_for(_descriptor, POLLIN);
+    const ssize_t size = ::read(_descriptor, content.data() + before, kChunk);
+    if (size < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (size < 0) throw_unreadable(_path, system_reason(errno));
+    content.resize(before + static_cast<std::size_t>(size));
+    return size > 0;
   }
 }
+
+bool InputFile::rewind() { return _start >= 0 && lseek(_descriptor, _start, SEEK_SET) == _start; }
 
 }  // namespace tovana::tool

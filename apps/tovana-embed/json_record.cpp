@@ -1,5 +1,6 @@
 #include "json_record.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <optional>
 #include <vector>
@@ -21,7 +22,7 @@ constexpr std::size_t kLongestReason = 160;
 /// the text. Each handler returns whether to go on.
 class RecordHandler {
  public:
-  explicit RecordHandler(std::string_view replaced) : _replaced(replaced) {}
+  explicit RecordHandler(const std::vector<std::string>& replaced) : _replaced(replaced) {}
 
   const std::vector<bool>& is_replaced() const noexcept { return _is_replaced; }
   const std::optional<std::string>& text() const noexcept { return _text; }
@@ -55,7 +56,7 @@ class RecordHandler {
   bool key(const std::string& name) {
     if (_depth == 1) {
       _in_text = name == "text";
-      _is_replaced.push_back(name == _replaced);
+      _is_replaced.push_back(std::ranges::find(_replaced, name) != _replaced.end());
     }
     return true;
   }
@@ -88,7 +89,7 @@ class RecordHandler {
     return false;
   }
 
-  const std::string_view _replaced;
+  const std::vector<std::string>& _replaced;
   std::size_t _depth = 0;
   bool _in_text = false;
   std::vector<bool> _is_replaced;  ///< For each member of the object.
@@ -132,7 +133,7 @@ std::vector<std::string_view> split_members(std::string_view object) {
 
 }  // namespace
 
-JsonRecord parse_json_record(std::string_view line, std::string_view replaced) {
+JsonRecord parse_json_record(std::string_view line, const std::vector<std::string>& replaced) {
   RecordHandler handler(replaced);
   const bool valid = json::sax_parse(line.begin(), line.end(), &handler);
   if (!valid) throw ValueError(handler.problem());

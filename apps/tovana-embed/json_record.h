@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tovana::tool {
 
@@ -12,10 +13,10 @@ struct JsonRecord {
                         ///< order: `"a":1,"text":"…"`.
 };
 
-/// Reads one JSON object; `line` is well-formed UTF-8. Members named `replaced` are left out for
-/// the one that the tool is going to write, which is not "text". Members other than the text are
+/// Reads one JSON object; `line` is well-formed UTF-8. Members named in `replaced` are left out
+/// for those that the tool is going to write, which are not "text". Members other than the text are
 /// never converted, so numbers keep their digits. Throws ValueError, saying what is wrong with the
 /// line.
-JsonRecord parse_json_record(std::string_view line, std::string_view replaced);
+JsonRecord parse_json_record(std::string_view line, const std::vector<std::string>& replaced);
 
 }  // namespace tovana::tool

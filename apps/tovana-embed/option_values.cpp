@@ -2,10 +2,13 @@
 
 #include <charconv>
 #include <cmath>
+#include <limits>
 #include <system_error>
 
 namespace tovana::tool {
 namespace {
+
+constexpr std::int64_t kUnbounded = std::numeric_limits<std::int64_t>::max();
 
 /// The number that the whole of `text` is, if it is one.
 template <class Number>
@@ -19,12 +22,14 @@ std::optional<Number> number_of(const std::string& text) {
 /// `Value` is a whole number, or an optional one.
 template <class Value>
 void add_count_option(CLI::App& command, const std::string& name, Value& value,
-                      const std::string& description) {
-  const auto read = [name, &value](const CLI::results_t& given) {
+                      const std::string& description, std::int64_t most = kUnbounded) {
+  const auto read = [name, &value, most](const CLI::results_t& given) {
     const std::string& text = given.front();
     const auto number = number_of<std::int64_t>(text);
-    if (!number || *number < 1) {
-      throw CLI::ValidationError(name, "takes a whole number of at least 1, not \"" + text + "\"");
+    if (!number || *number < 1 || *number > most) {
+      const std::string range =
+          most == kUnbounded ? "of at least 1" : "from 1 to " + std::to_string(most);
+      throw CLI::ValidationError(name, "takes a whole number " + range + ", not \"" + text + "\"");
     }
     value = *number;
     return true;
@@ -35,8 +40,8 @@ void add_count_option(CLI::App& command, const std::string& name, Value& value,
 }  // namespace
 
 void add_count(CLI::App& command, const std::string& name, std::int64_t& value,
-               const std::string& description) {
-  add_count_option(command, name, value, description);
+               const std::string& description, std::int64_t most) {
+  add_count_option(command, name, value, description, most);
 }
 
 void add_count(CLI::App& command, const std::string& name, std::optional<std::int64_t>& value,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 
@@ -9,10 +10,11 @@
 /// Options with a number, read strictly: decimal digits and nothing around them.
 namespace tovana::tool {
 
-/// An option with a whole number of at least 1. Parsing throws CLI::ValidationError for anything
-/// else.
+/// An option with a whole number of at least 1, and at most `most`. Parsing throws
+/// CLI::ValidationError for anything else.
 void add_count(CLI::App& command, const std::string& name, std::int64_t& value,
-               const std::string& description);
+               const std::string& description,
+               std::int64_t most = std::numeric_limits<std::int64_t>::max());
 void add_count(CLI::App& command, const std::string& name, std::optional<std::int64_t>& value,
                const std::string& description);
 

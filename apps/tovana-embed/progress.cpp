@@ -9,12 +9,12 @@
 
 namespace tovana::tool {
 
-Progress::Progress(std::size_t total, bool writes_to_stdout)
+Progress::Progress(std::optional<std::size_t> total, bool writes_to_stdout)
     : _total(total),
       _visible(_line.is_on_terminal() && !(writes_to_stdout && isatty(STDOUT_FILENO) != 0)),
       _start(system_clock().now()) {
   if (_visible && _line.comes_due(_start)) {
-    _line.show("embedding " + std::to_string(total) + " texts");
+    _line.show("embedding " + (total ? std::to_string(*total) + " texts" : std::string("texts")));
   }
 }
 
@@ -24,8 +24,9 @@ void Progress::advance(std::size_t texts) {
   const double now = system_clock().now();
   if (!_line.comes_due(now)) return;
   const double rate = static_cast<double>(_done) / (now - _start);
-  _line.show(std::to_string(_done) + " of " + std::to_string(_total) + " texts, " +
-             std::to_string(std::llround(rate)) + " a second");
+  const std::string of_all = _total ? " of " + std::to_string(*_total) : "";
+  _line.show(std::to_string(_done) + of_all + " texts, " + std::to_string(std::llround(rate)) +
+             " a second");
 }
 
 }  // namespace tovana::tool

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 
 #include "progress_line.h"
 
@@ -10,15 +11,15 @@ namespace tovana::tool {
 /// it.
 class Progress {
  public:
-  /// Nothing is said unless stderr is a terminal; nor if results are written to stdout meanwhile
+  /// `total` is null where nobody knows it yet. Nothing is said unless stderr is a terminal; nor if results are written to stdout meanwhile
   /// and that is a terminal, too.
-  Progress(std::size_t total, bool writes_to_stdout);
+  Progress(std::optional<std::size_t> total, bool writes_to_stdout);
 
   void advance(std::size_t texts);
 
  private:
   ProgressLine _line;
-  std::size_t _total;
+  std::optional<std::size_t> _total;
   bool _visible;
   double _start;
   std::size_t _done = 0;

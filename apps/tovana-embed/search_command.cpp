@@ -38,8 +38,12 @@ struct SearchArguments {
 
 Vector embed_query(EngineSession& session, const InputTexts& query, const RunLimits& limits) {
   Vector vector;
-  embed_in_batches(session, query, 1, limits,
-                   [&](std::size_t, const std::vector<Vector>& vectors) { vector = vectors[0]; });
+  std::size_t dimension = 0;
+  embed_in_batches(session, query, {}, limits,
+                   {[&](const InputTexts& texts, std::size_t, const std::vector<Vector>& vectors) {
+                     check_vector(session, texts, 0, vectors[0], dimension);
+                     vector = vectors[0];
+                   }});
   return vector;
 }
 
@@ -58,15 +62,18 @@ std::vector<Hit> rank(EngineSession& session, const InputTexts& input, const Vec
                       std::size_t top, const RunLimits& limits) {
   storage::EmbeddingIndex index(query.size());
   Progress progress(input.texts.size(), false);
-  embed_in_batches(session, input, kDefaultBatchSize, limits,
-                   [&](std::size_t first, const std::vector<Vector>& vectors) {
-                     for (std::size_t i = 0; i < vectors.size(); ++i) {
-                       limits.check_interrupted();
-                       check_dimension(input, first + i, vectors[i], query.size());
-                       index.add(static_cast<std::int64_t>(first + i), vectors[i]);
-                     }
-                     progress.advance(vectors.size());
-                   });
+  std::size_t dimension = query.size();
+  std::int64_t id = 0;
+  const auto add = [&](const InputTexts& texts, std::size_t first,
+                       const std::vector<Vector>& vectors) {
+    for (const Vector& vector : vectors) {
+      limits.check_interrupted();
+      check_vector(session, texts, first++, vector, dimension);
+      index.add(id++, vector);
+    }
+    progress.advance(vectors.size());
+  };
+  embed_in_batches(session, input, {}, limits, {add});
   std::vector<Hit> hits = index.nearest(query, top);
   std::erase_if(hits, [](const Hit& hit) { return hit.similarity <= 0; });
   return hits;
@@ -108,11 +115,11 @@ ExitStatus search(const SearchArguments& arguments, const Interrupts& interrupts
   const RunLimits limits(interrupts);
   Output output("-", limits);
   EngineSession session(arguments.engine, interrupts);
-  const InputTexts input = read_texts(arguments.input, "score", limits);
+  const InputTexts input = TextReader(arguments.input, {"score"}, limits).read();
   const InputTexts query = texts_of_arguments(arguments.query->results());
   const Vector query_vector = embed_query(session, query, limits);
   if (std::ranges::all_of(query_vector, [](double value) { return value == 0; })) {
-    report(why_nothing_is_like_zero(session.wait_ready(limits)));
+    report(why_nothing_is_like_zero(*session.wait_ready(limits)));
     return ExitStatus::success;
   }
   const std::vector<Hit> hits =

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "failure.h"
-#include "input_file.h"
 #include "json_record.h"
 #include "tovana/base/text.h"
 #include "tovana/exceptions/exceptions.h"
@@ -12,43 +11,8 @@
 namespace tovana::tool {
 namespace {
 
-/// Repairs texts and counts them for one warning at the end.
-class Utf8Repair {
- public:
-  std::string repaired(std::string_view text, std::size_t line) {
-    if (is_ascii(text) || is_well_formed_utf8(text)) return std::string(text);
-    if (_count++ == 0) _first = line;
-    return repair_utf8(text);
-  }
-
-  /// `where` holds the texts, and each is a `unit`.
-  void warn(const std::string& where, const std::string& unit) const {
-    if (_count == 0) return;
-    const std::string which = _count == 1
-                                  ? unit + " " + std::to_string(_first) + " is"
-                                  : std::to_string(_count) + " " + unit + "s (the first is " +
-                                        unit + " " + std::to_string(_first) + ") are";
-    report("warning: " + where + ": " + which +
-           " not UTF-8; what could not be read became U+FFFD, convert the text to keep it");
-  }
-
- private:
-  std::size_t _count = 0;
-  std::size_t _first = 0;
-};
-
-/// The next line of `rest`, which is not empty, without its line end; `rest` begins behind it
-/// afterwards.
-std::string_view take_line(std::string_view& rest) {
-  const std::size_t end = rest.find('\n');
-  if (end == std::string_view::npos) return std::exchange(rest, {});
-  const std::string_view line = rest.substr(0, end);
-  rest.remove_prefix(end + 1);
-  return line.ends_with('\r') ? line.substr(0, line.size() - 1) : line;
-}
-
-JsonRecord record_of(const std::string& line, std::string_view replaced, std::size_t number,
-                     const std::string& file) {
+JsonRecord record_of(const std::string& line, const std::vector<std::string>& replaced,
+                     std::size_t number, const std::string& file) {
   try {
     return parse_json_record(line, replaced);
   } catch (const ValueError& error) {
@@ -59,6 +23,21 @@ JsonRecord record_of(const std::string& line, std::string_view replaced, std::si
 }
 
 }  // namespace
+
+std::string Utf8Repair::repaired(std::string_view text, std::size_t line) {
+  if (is_ascii(text) || is_well_formed_utf8(text)) return std::string(text);
+  if (_count++ == 0) _first = line;
+  return repair_utf8(text);
+}
+
+void Utf8Repair::warn(const std::string& where, const std::string& unit) const {
+  if (_count == 0) return;
+  const std::string which = _count == 1 ? unit + " " + std::to_string(_first) + " is"
+                                        : std::to_string(_count) + " " + unit + "s (the first is " +
+                                              unit + " " + std::to_string(_first) + ") are";
+  report("warning: " + where + ": " + which +
+         " not UTF-8; what could not be read became U+FFFD, convert the text to keep it");
+}
 
 void add_input_options(CLI::App& command, InputArguments& arguments) {
   command
@@ -73,31 +52,76 @@ void add_input_options(CLI::App& command, InputArguments& arguments) {
       ->option_text(" ");
 }
 
-InputTexts read_texts(const InputArguments& arguments, std::string_view replaced,
-                      const RunLimits& limits) {
-  const std::string content = read_input(arguments.file, limits);
-  std::string_view rest = content;
-  if (rest.starts_with(utf8::kByteOrderMark)) rest.remove_prefix(utf8::kByteOrderMark.size());
+TextReader::TextReader(const InputArguments& arguments, std::vector<std::string> replaced,
+                       const RunLimits& limits)
+    : _arguments(arguments),
+      _replaced(std::move(replaced)),
+      _limits(limits),
+      _file(arguments.file, limits) {}
 
-  InputTexts input;
-  Utf8Repair repair;
-  for (std::size_t number = 1; !rest.empty(); ++number) {
-    limits.check();
-    const std::string_view line = take_line(rest);
-    if (!arguments.jsonl) {
-      input.texts.push_back(repair.repaired(line, number));
-    } else if (line.find_first_not_of(" \t\r") == std::string_view::npos) {
-      continue;
-    } else {
-      JsonRecord record =
-          record_of(repair.repaired(line, number), replaced, number, arguments.file);
-      input.texts.push_back(std::move(record.text));
-      input.members.push_back(std::move(record.members));
+InputTexts TextReader::read(std::size_t most) {
+  InputTexts texts;
+  texts.is_whole = _number == 0;
+  while (texts.texts.size() < most) {
+    _limits.check();
+    const std::optional<std::string_view> line = _next_line();
+    if (!line) {
+      if (!std::exchange(_has_warned, true)) _repair.warn(input_name(_arguments.file), texts.unit);
+      return texts;
     }
-    input.lines.push_back(number);
+    _append(*line, texts);
   }
-  repair.warn(input_name(arguments.file), input.unit);
-  return input;
+  texts.is_whole = false;  // more may follow
+  return texts;
+}
+
+std::optional<std::size_t> TextReader::count() {
+  if (!_file.rewind()) return std::nullopt;
+  constexpr std::size_t kAtATime = 1024;
+  std::size_t total = 0;
+  for (std::size_t size = kAtATime; size == kAtATime; total += size) {
+    size = read(kAtATime).texts.size();
+  }
+  _file.rewind();
+  _content.clear();
+  _begin = 0;
+  _number = 0;
+  _is_at_end = false;
+  return total;
+}
+
+std::optional<std::string_view> TextReader::_next_line() {
+  std::size_t end = _content.find('\n', _begin);
+  while (end == std::string::npos && !_is_at_end) {
+    _content.erase(0, std::exchange(_begin, 0));
+    const std::size_t searched = _content.size();
+    _is_at_end = !_file.read(_content);
+    end = _content.find('\n', searched);
+  }
+  std::string_view line = std::string_view(_content).substr(_begin);
+  if (end != std::string::npos) line = line.substr(0, end - _begin);
+  _begin += line.size() + (end != std::string::npos ? 1 : 0);
+  if (_number == 0 && line.starts_with(utf8::kByteOrderMark)) {
+    line.remove_prefix(utf8::kByteOrderMark.size());
+  }
+  if (end == std::string::npos && line.empty()) return std::nullopt;
+  ++_number;
+  if (end != std::string::npos && line.ends_with('\r')) line.remove_suffix(1);
+  return line;
+}
+
+void TextReader::_append(std::string_view line, InputTexts& texts) {
+  if (!_arguments.jsonl) {
+    texts.texts.push_back(_repair.repaired(line, _number));
+  } else if (line.find_first_not_of(" \t\r") == std::string_view::npos) {
+    return;
+  } else {
+    JsonRecord record =
+        record_of(_repair.repaired(line, _number), _replaced, _number, _arguments.file);
+    texts.texts.push_back(std::move(record.text));
+    texts.members.push_back(std::move(record.members));
+  }
+  texts.lines.push_back(_number);
 }
 
 InputTexts texts_of_arguments(std::vector<std::string> arguments) {

@@ -66,6 +66,11 @@ def test_takes_arguments_as_they_are():
     assert [record["text"] for record in records] == [*texts, "--x", "++"]
 
 
+def test_says_that_only_endpoints_are_asked_several_things_at_once():
+    result = tfidf("embed", "--concurrency", "2", "a")
+    assert result.status == 0 and "tfidf gets one batch at a time" in result.err and result.err.count("\n") == 1
+
+
 # A conversion of the other members would round numbers, sort names or drop what comes twice.
 def test_json_lines_keep_their_other_members():
     given = (r'{"z":1.10,"text":"a\u0000\"b\ud834\udcb3","vector":[9], "a":12345678901234567890123}'
@@ -183,6 +188,9 @@ def test_ignored_interrupt_stays_ignored():
     ("embed a --dimension 12_", 64, "--help"),
     ("embed a --dimension 99999999999999999999", 64, "--help"),
     ("embed a --batch-size 0", 64, "--help"),
+    ("embed a --concurrency 0", 64, "a whole number from 1 to 64"),
+    ("embed a --concurrency 65", 64, "a whole number from 1 to 64"),
+    ("embed a --format npy --keep-going", 64, "--help"),
     ("embed a --format csv", 64, "--help"),
     ("embed a --deadline -1", 64, "--help"),
     ("embed a --deadline nan", 64, "--help"),

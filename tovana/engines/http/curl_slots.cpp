@@ -19,7 +19,7 @@
 namespace tovana::http {
 namespace {
 
-constexpr std::size_t kMostIdleSlots = 16;
+constexpr std::size_t kMostIdleSlots = 64;  // a run of the tool has so many calls at once, at most
 constexpr long kConnectionsPerSlot = 2;
 
 /// Most servers close an idle connection after a minute or sooner.

@@ -13,7 +13,7 @@ namespace tovana::http {
 class CurlSlots;
 
 /// The transport on libcurl. Each call leases a slot (a connection cache with its handle) and runs
-/// it on the calling thread; no connection is ever shared by two threads. At most 16 idle slots,
+/// it on the calling thread; no connection is ever shared by two threads. At most 64 idle slots,
 /// with two kept-alive connections each, are kept between calls, for a minute; each call closes
 /// those whose minute is over or whose server has closed them. Without a next call they stay.
 ///
