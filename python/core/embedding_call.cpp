@@ -71,8 +71,9 @@ class StopAtReturn {
 
 }  // namespace
 
-void embed_in_parts(const SharedEngine& engine, std::vector<std::string> texts,
-                    embedding::CallPace& pace, const CallLimits& limits, VectorArray& array) {
+void embed_in_parts(embedding::LocalEmbeddingBackend& model, std::vector<std::string> texts,
+                    embedding::CallPace& pace, const CallLimits& limits, VectorArray& array,
+                    std::vector<std::uint32_t>& token_counts) {
   for (std::size_t first = 0; first < texts.size();) {
     limits.check();
     const auto begin = std::make_move_iterator(texts.begin() + static_cast<std::ptrdiff_t>(first));
@@ -83,7 +84,7 @@ void embed_in_parts(const SharedEngine& engine, std::vector<std::string> texts,
     {
       const WithoutInterpreter others_may_run;
       const double start = system_clock().now();
-      vectors = engine->embed(part, {.wait = false});
+      vectors = model.embed(part, token_counts);
       pace.took(part, system_clock().now() - start);
     }
     array.add(vectors);

@@ -126,15 +126,19 @@ std::shared_ptr<EmbeddingBackend> Engine::wait_ready(double wait_s, const CallLi
 }
 
 nb::object Engine::embed(const nb::tuple& given, double wait_s, const CallLimits& limits,
-                         bool single_precision) {
+                         bool single_precision, std::vector<std::uint32_t>* token_counts) {
   std::vector<std::string> texts = texts_of(given);
   VectorArray array(texts.size(), single_precision);
   if (texts.empty()) return array.release();
   limits.check_stopped();
   const std::shared_ptr<EmbeddingBackend> backend = wait_ready(wait_s, limits);
   const SharedEngine engine = _engine;
-  if (dynamic_cast<embedding::LocalEmbeddingBackend*>(backend.get()) != nullptr) {
-    embed_in_parts(engine, std::move(texts), _pace, limits, array);
+  if (auto* const model = dynamic_cast<embedding::LocalEmbeddingBackend*>(backend.get())) {
+    std::vector<std::uint32_t> counts;
+    embed_in_parts(*model, std::move(texts), _pace, limits, array, counts);
+    if (token_counts != nullptr) *token_counts = std::move(counts);
+  } else if (token_counts != nullptr) {
+    throw ValueError("the backend " + backend->name() + " does not count tokens");
   } else if (dynamic_cast<embedding::_HTTPEmbeddingBackend*>(backend.get()) != nullptr) {
     embed_apart(engine, std::move(texts), true, limits, array);
   } else if (is_quick(texts)) {

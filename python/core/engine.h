@@ -1,8 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <nanobind/nanobind.h>
 #include <sys/types.h>
@@ -40,9 +42,10 @@ class Engine {
   /// EmbeddingNotReadyError, and what the limits throw but for the time.
   std::shared_ptr<embedding::EmbeddingBackend> wait_ready(double wait_s, const CallLimits& limits);
 
-  /// The vectors as a numpy array, `[texts x dimension]`.
+  /// The vectors as a numpy array, `[texts x dimension]`. Where they are asked for, adds the tokens
+  /// of each text, and throws ValueError when the backend is not a local model, which counts them.
   nanobind::object embed(const nanobind::tuple& texts, double wait_s, const CallLimits& limits,
-                         bool single_precision);
+                         bool single_precision, std::vector<std::uint32_t>* token_counts);
 
   /// As `EmbeddingEngine::check_backend_migration`; `fetchone` is asked once for the row.
   bool check_backend_migration(const nanobind::callable& fetchone, double wait_s);

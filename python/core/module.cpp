@@ -1,13 +1,18 @@
 // The module tovana_embedding._core: what the package in Python stands on. Nothing here is for users.
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/optional.h>
+#include <nanobind/stl/pair.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/unique_ptr.h>
+#include <nanobind/stl/vector.h>
 
 #include "conversions.h"
 #include "engine.h"
@@ -96,7 +101,18 @@ void bind_engine(nb::module_& core) {
           [](Engine& self, const nb::tuple& texts, double wait_s, double timeout,
              nb::object should_stop, bool single_precision) {
             const CallLimits limits(timeout, std::move(should_stop));
-            return self.embed(texts, wait_s, limits, single_precision);
+            return self.embed(texts, wait_s, limits, single_precision, nullptr);
+          },
+          nb::arg("texts"), nb::arg("wait_s"), nb::arg("timeout"), nb::arg("should_stop").none(),
+          nb::arg("single_precision"))
+      .def(
+          "embed_and_count",
+          [](Engine& self, const nb::tuple& texts, double wait_s, double timeout,
+             nb::object should_stop, bool single_precision) {
+            const CallLimits limits(timeout, std::move(should_stop));
+            std::vector<std::uint32_t> counts;
+            nb::object vectors = self.embed(texts, wait_s, limits, single_precision, &counts);
+            return std::pair(std::move(vectors), std::move(counts));
           },
           nb::arg("texts"), nb::arg("wait_s"), nb::arg("timeout"), nb::arg("should_stop").none(),
           nb::arg("single_precision"))

@@ -27,6 +27,14 @@ class Engine:
         should_stop: Optional[Callable[[], bool]],
         single_precision: bool,
     ) -> np.ndarray: ...
+    def embed_and_count(
+        self,
+        texts: tuple[str, ...],
+        wait_s: float,
+        timeout: float,
+        should_stop: Optional[Callable[[], bool]],
+        single_precision: bool,
+    ) -> tuple[np.ndarray, list[int]]: ...
     def check_backend_migration(self, fetchone: Callable[[str], Optional[tuple]], wait_s: float, /) -> bool: ...
 
 def engine_config(backend: str, base_url: Optional[str], embedding_model: Optional[str]) -> dict[str, Any]: ...

@@ -97,15 +97,31 @@ class EmbeddingEngine:
         Raises EmbeddingNotReadyError when the model is not ready in time, EmbeddingStopped when the stop test said
         so, RuntimeError when the time is up or the backend fails, and what `should_stop` raises.
         """
-        if isinstance(texts, (str, bytes)):
-            raise TypeError("texts are a list of str; a single one is for embed_single")
-        limit = math.inf if timeout is None else timeout
-        wait_s = self._wait_s if wait else 0.0
-        return self._core.embed(tuple(texts), wait_s, limit, should_stop, _is_single_precision(dtype))
+        return self._core.embed(*self._call(texts, wait, timeout), should_stop, _is_single_precision(dtype))
+
+    def embed_and_count(
+        self,
+        texts: Iterable[str],
+        *,
+        wait: bool = True,
+        timeout: Optional[float] = None,
+        should_stop: Optional[Callable[[], bool]] = None,
+        dtype: Any = np.float64,
+    ) -> tuple[np.ndarray, list[int]]:
+        """As `embed`, and how many tokens of each text a local model encoded: the prompt's and the special ones
+        included, what was cut off not. Raises ValueError when the backend is another.
+        """
+        return self._core.embed_and_count(*self._call(texts, wait, timeout), should_stop, _is_single_precision(dtype))
 
     def embed_single(self, text: str, *, wait: bool = True, dtype: Any = np.float64) -> np.ndarray:
         """The vector of one text, as a batch of it alone has it: `[dimension]`. Raises as `embed`."""
         return self.embed([text], wait=wait, dtype=dtype)[0]
+
+    def _call(self, texts: Iterable[str], wait: bool, timeout: Optional[float]) -> tuple[tuple[str, ...], float, float]:
+        """Texts, the wait for the model and the limit of a call."""
+        if isinstance(texts, (str, bytes)):
+            raise TypeError("texts are a list of str; a single one is for embed_single")
+        return tuple(texts), self._wait_s if wait else 0.0, math.inf if timeout is None else timeout
 
     def check_backend_migration(self, db: Any) -> bool:
         """Whether the vectors stored in `db` were made by another backend, and have to be made anew.

@@ -33,6 +33,7 @@ class WellFormedTexts {
 
 std::vector<Vector> rows(const FloatMatrix& matrix) {
   std::vector<Vector> vectors;
+  if (matrix.values.empty()) return vectors;
   vectors.reserve(matrix.values.size() / matrix.columns);
   for (auto row = matrix.values.begin(); row != matrix.values.end();) {
     const auto end = row + static_cast<std::ptrdiff_t>(matrix.columns);
@@ -61,12 +62,26 @@ LocalEmbeddingBackend::LocalEmbeddingBackend(std::string model_name,
 LocalEmbeddingBackend::~LocalEmbeddingBackend() = default;
 
 std::vector<Vector> LocalEmbeddingBackend::embed(const std::vector<std::string>& texts) {
+  return rows(_encode(texts, /*count_tokens=*/false).vectors);
+}
+
+std::vector<Vector> LocalEmbeddingBackend::embed(const std::vector<std::string>& texts,
+                                                 std::vector<std::uint32_t>& token_counts) {
+  const EncodedTexts encoded = _encode(texts, /*count_tokens=*/true);
+  std::vector<Vector> vectors = rows(encoded.vectors);
+  token_counts.insert(token_counts.end(), encoded.token_counts.begin(), encoded.token_counts.end());
+  return vectors;
+}
+
+EncodedTexts LocalEmbeddingBackend::_encode(const std::vector<std::string>& texts,
+                                            bool count_tokens) {
   const LocalModel& model = _load_model();
   if (texts.empty()) return {};
   const WellFormedTexts given(texts);
-  return rows(_threads->bounded(embed_threads(_environment), [&] {
-    return model.encode(given.views(), {.normalize_embeddings = true}).vectors;
-  }));
+  return _threads->bounded(embed_threads(_environment), [&] {
+    return model.encode(given.views(),
+                        {.normalize_embeddings = true, .count_tokens = count_tokens});
+  });
 }
 
 const LocalModel& LocalEmbeddingBackend::_load_model() {

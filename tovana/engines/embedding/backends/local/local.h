@@ -18,7 +18,8 @@
 
 namespace tovana::embedding {
 
-class LocalModel;  // model_runtime.h
+struct EncodedTexts;  // model_runtime.h
+class LocalModel;
 class ModelRuntime;
 class TorchThreads;
 
@@ -61,6 +62,11 @@ class TOVANA_API LocalEmbeddingBackend final : public EmbeddingBackend {
   /// fails. Blocks while it computes.
   std::vector<Vector> embed(const std::vector<std::string>& texts) override;
 
+  /// The same, and adds to `token_counts` how many tokens of each text were encoded, the prompt's
+  /// and the special ones included, what was cut off not.
+  std::vector<Vector> embed(const std::vector<std::string>& texts,
+                            std::vector<std::uint32_t>& token_counts);
+
   /// Loads the model unless it is loaded. Blocks for as long as that takes, which can be minutes
   /// where it has to be fetched. After a failure nothing is kept, and the next call starts anew.
   /// Throws
@@ -81,6 +87,8 @@ class TOVANA_API LocalEmbeddingBackend final : public EmbeddingBackend {
   static std::int64_t _default_dimension(std::string_view model_name);
 
  private:
+  EncodedTexts _encode(const std::vector<std::string>& texts, bool count_tokens);
+
   const std::string _model_name;
   /// Null until the first load has succeeded, then never changed.
   std::unique_ptr<const LocalModel> _model TOVANA_GUARDED_BY(_model_lock);

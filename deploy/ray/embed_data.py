@@ -1,0 +1,108 @@
+#!/usr/bin/env python3
+"""Embeds a column of Parquet or JSON lines with a local model, on Ray Data: actors on one machine or many.
+
+    embed_data.py --model /models/all-MiniLM-L6-v2 --checkpoint DIR INPUT OUTPUT
+
+reads INPUT (a file, or a folder of them) and writes its rows, with a column of vectors in float32, as Parquet into the
+folder OUTPUT; on the cluster that RAY_ADDRESS names, otherwise on this machine. All paths have to be the same on every node.
+
+A job that ended early is started again with the same arguments, and goes on where it was: each id of INPUT is once in OUTPUT.
+An id is a row's own: of rows that share one, any but the first to be written may be left out. A job that has ended well
+and is started again writes nothing.
+"""
+
+import argparse
+import os
+import sys
+from pathlib import Path
+
+os.environ.setdefault("RAY_USAGE_STATS_ENABLED", "0")
+
+import numpy as np  # noqa: E402
+import pyarrow as pa  # noqa: E402
+import ray  # noqa: E402
+from ray.data import ActorPoolStrategy, Dataset, DataContext  # noqa: E402
+from ray.data.checkpoint import CheckpointConfig  # noqa: E402
+
+READERS = {".parquet": ray.data.read_parquet, ".jsonl": ray.data.read_json, ".json": ray.data.read_json}
+
+
+class Embedder:
+    """One actor's model."""
+
+    def __init__(self, model: str, threads: int, text_column: str, vector_column: str):
+        os.environ["TOVANA_EMBED_THREADS"] = str(threads)
+        import tovana_embedding
+
+        self._model = tovana_embedding.SentenceTransformer(model)
+        self._text_column, self._vector_column = text_column, vector_column
+
+    def __call__(self, rows: pa.Table) -> pa.Table:
+        texts = [text or "" for text in rows.column(self._text_column).to_pylist()]
+        vectors = self._model.encode(texts)
+        values = pa.array(vectors.reshape(-1), pa.float32())
+        return rows.append_column(self._vector_column, pa.FixedSizeListArray.from_arrays(values, vectors.shape[1]))
+
+
+def read(source: Path, id_column: str, text_column: str) -> Dataset:
+    """The rows of a file or folder. Raises ValueError for one that has no columns of these names."""
+    files = sorted(path for path in source.iterdir() if path.suffix in READERS) if source.is_dir() else [source]
+    kinds = {READERS.get(path.suffix) for path in files}
+    if len(kinds) != 1 or None in kinds:
+        raise ValueError(f"{source}: files of one kind are wanted, of {', '.join(READERS)}")
+    rows = kinds.pop()([str(path) for path in files])
+    for column in (id_column, text_column):
+        if column not in rows.schema().names:
+            raise ValueError(f"{source} has no column '{column}'")
+    return rows
+
+
+def embed(rows: Dataset, arguments: argparse.Namespace) -> Dataset:
+    # A small file becomes one block, and a block is the work of one actor: without this most would have none.
+    return rows.repartition(target_num_rows_per_block=arguments.rows_per_block).map_batches(
+        Embedder,
+        fn_constructor_args=(arguments.model, arguments.threads, arguments.text_column, arguments.vector_column),
+        batch_format="pyarrow",
+        batch_size=None,
+        compute=ActorPoolStrategy(min_size=1, max_size=arguments.actors),
+        num_cpus=arguments.threads,
+    )
+
+
+def _arguments() -> argparse.Namespace:
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("input", type=Path)
+    parser.add_argument("output", type=Path)
+    parser.add_argument("--model", required=True, help="a folder, or a name on the hub")
+    parser.add_argument("--checkpoint", required=True, help="folder where the ids of written rows are kept")
+    parser.add_argument("--id-column", default="id", help="default id")
+    parser.add_argument("--text-column", default="text", help="default text; a row without one is embedded as empty")
+    parser.add_argument("--vector-column", default="vector", help="default vector")
+    parser.add_argument("--actors", type=int, default=1, help="most that embed at a time (default 1)")
+    parser.add_argument("--threads", type=int, default=1, help="of each actor (default 1)")
+    parser.add_argument("--rows-per-block", type=int, default=2000, help="rows of one piece of work (default 2000)")
+    return parser.parse_args()
+
+
+def main() -> None:
+    arguments = _arguments()
+    if os.environ.get("RAY_AUTH_MODE") == "disabled":
+        sys.exit("embed_data: RAY_AUTH_MODE=disabled lets anybody who reaches Ray's ports run code; unset it")
+    if "RAY_ADDRESS" in os.environ:
+        ray.init()
+    else:
+        ray.init(include_dashboard=False)
+    DataContext.get_current().checkpoint_config = CheckpointConfig(
+        id_column=arguments.id_column,
+        checkpoint_path=str(Path(arguments.checkpoint).absolute()),
+        delete_checkpoint_on_success=False,
+    )
+    try:
+        rows = read(arguments.input, arguments.id_column, arguments.text_column)
+    except (OSError, ValueError) as error:
+        sys.exit(f"embed_data: {error}")
+    embed(rows, arguments).write_parquet(str(arguments.output.absolute()), mode="append")
+
+
+if __name__ == "__main__":
+    main()
