@@ -26,6 +26,9 @@ from ray.data.checkpoint import CheckpointConfig  # noqa: E402
 
 READERS = {".parquet": ray.data.read_parquet, ".jsonl": ray.data.read_json, ".json": ray.data.read_json}
 
+# Processors, as Ray counts them, for what reads, skips and writes rows. With fewer a job waits for them for ever.
+NOT_EMBEDDING = 2
+
 
 class Embedder:
     """One actor's model."""
@@ -90,8 +93,11 @@ def main() -> None:
         sys.exit("embed_data: RAY_AUTH_MODE=disabled lets anybody who reaches Ray's ports run code; unset it")
     if "RAY_ADDRESS" in os.environ:
         ray.init()
+        if ray.cluster_resources().get("CPU", 0) < arguments.threads + NOT_EMBEDDING:
+            sys.exit(f"embed_data: the cluster has too few processors: one actor takes {arguments.threads + NOT_EMBEDDING}")
     else:
-        ray.init(include_dashboard=False)
+        wanted = arguments.actors * arguments.threads + NOT_EMBEDDING
+        ray.init(include_dashboard=False, num_cpus=max(wanted, os.cpu_count() or 1))
     DataContext.get_current().checkpoint_config = CheckpointConfig(
         id_column=arguments.id_column,
         checkpoint_path=str(Path(arguments.checkpoint).absolute()),

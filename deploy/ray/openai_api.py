@@ -71,7 +71,8 @@ def check_key(authorization: Optional[str], key: Optional[str]) -> None:
             "You didn't provide an API key. It is expected in the header Authorization, as Bearer YOUR_KEY.",
             headers={"WWW-Authenticate": "Bearer"},
         )
-    if not hmac.compare_digest(given.strip().encode(errors="surrogateescape"), key.encode()):
+    # Servers hand on the bytes of a header as Latin-1.
+    if not hmac.compare_digest(given.strip().encode("latin-1", errors="replace"), key.encode()):
         raise ApiError(
             401, "Incorrect API key provided.", code="invalid_api_key", headers={"WWW-Authenticate": "Bearer"}
         )

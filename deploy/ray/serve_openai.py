@@ -14,6 +14,7 @@ that meets a full queue or a replica that dies is told 503.
 import argparse
 import asyncio
 import os
+import signal
 import sys
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
@@ -233,6 +234,9 @@ def main() -> None:
             "request_timeout_s": 300,
         }
     )
+    # Ray's own answer to SIGTERM ends in an abort.
+    for ending in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(ending, signal.default_int_handler)
     try:
         serve.run(build(settings), name="openai", blocking=True)
     except KeyboardInterrupt:

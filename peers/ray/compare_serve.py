@@ -14,6 +14,7 @@ import contextlib
 import http.client
 import json
 import os
+import resource
 import signal
 import subprocess
 import sys
@@ -23,11 +24,12 @@ import numpy as np
 import openai
 from rig import MODEL_FOLDER, ROOT, Tool, cpu_s, make_texts, pids, run_checks, wait_until
 
+sys.path.append(str(ROOT / "tests/python"))
+from openai_requests import KEY, REFUSALS, TINY  # noqa: E402
+
 LOG = ROOT / "build" / "peers" / "ray-serve.log"
 PORT = 8000  # of a network of its own
-KEY = "the-key-of-this-comparison"
 MODEL = "all-MiniLM-L6-v2"
-TINY = "tiny"
 TINY_FOLDER = ROOT / "tests/data/tiny_models/tiny_bert_cls"
 COUNT = 20_000
 LEAST_SHARE = 0.85
@@ -35,39 +37,12 @@ URL = f"http://127.0.0.1:{PORT}/v1"
 THROUGH_SERVER = ["--backend", "openai", "--base-url", URL, "--model", MODEL, "--concurrency", 8]
 LOCALLY = ["--backend", "local", "--model", MODEL_FOLDER]
 REPLICA = f"ray::ServeReplica:openai:model-{MODEL}"
+API = "ray::ServeReplica:openai:Api"
+TOOLS = "the tool"
 
 TEXTS = [
     "open a file and read its lines", "größte Straße, naïve café, 日本語のテキスト, עברית, 🎉", "a\0b \\ \" \u2028 \t", "",
     "one word after another " * 300,
-]  # fmt: skip
-SMALLEST = {"model": TINY, "input": "x"}
-DEEP = b"[" * 100_000
-# What is asked, as (method, path, body, key), and what is answered, as (status, code, param).
-REFUSALS = [
-    (("POST", "embeddings", b"{", KEY), (400, None, None)),
-    (("POST", "embeddings", b"\xff", KEY), (400, None, None)),
-    (("POST", "embeddings", DEEP, KEY), (400, None, None)),
-    (("POST", "embeddings", b"[]", KEY), (400, None, None)),
-    (("POST", "embeddings", {"model": TINY}, KEY), (400, "missing_required_parameter", "input")),
-    (("POST", "embeddings", {"input": "x"}, KEY), (400, "missing_required_parameter", "model")),
-    (("POST", "embeddings", SMALLEST | {"model": 1}, KEY), (400, "invalid_type", "model")),
-    (("POST", "embeddings", SMALLEST | {"input": {}}, KEY), (400, "invalid_type", "input")),
-    (("POST", "embeddings", SMALLEST | {"input": ["x", None]}, KEY), (400, "invalid_type", "input[1]")),
-    (("POST", "embeddings", SMALLEST | {"input": [1, 2]}, KEY), (400, "invalid_type", "input")),
-    (("POST", "embeddings", SMALLEST | {"input": []}, KEY), (400, "empty_array", "input")),
-    (("POST", "embeddings", SMALLEST | {"input": ["x"] * 2049}, KEY), (400, "array_above_max_length", "input")),
-    (("POST", "embeddings", SMALLEST | {"model": "nobody"}, KEY), (404, "model_not_found", "model")),
-    (("POST", "embeddings", SMALLEST | {"dimensions": 8}, KEY), (400, None, "dimensions")),
-    (("POST", "embeddings", SMALLEST | {"encoding_format": "hex"}, KEY), (400, "invalid_value", "encoding_format")),
-    (("POST", "embeddings", b" " * (16 << 20) + b"{}", KEY), (413, None, None)),
-    (("GET", "embeddings", b"", KEY), (405, "method_not_supported", None)),
-    (("POST", "models", b"", KEY), (405, "method_not_supported", None)),
-    (("GET", "nothing", b"", KEY), (404, None, None)),
-    (("GET", "models/nobody", b"", KEY), (404, "model_not_found", "model")),
-    (("POST", "embeddings", SMALLEST, "another"), (401, "invalid_api_key", None)),
-    (("POST", "embeddings", SMALLEST, "schlüssel"), (401, "invalid_api_key", None)),
-    (("POST", "embeddings", SMALLEST, None), (401, None, None)),
-    (("GET", "models", b"", None), (401, None, None)),
 ]  # fmt: skip
 
 
@@ -133,20 +108,26 @@ class Comparison:
             assert (got, error["code"], error["param"]) == (status, code, param), about
             assert error["type"] == "invalid_request_error" and error["message"] and "Traceback" not in body.decode(), about
             print(f"    {got} {error['message']}")
-        logs = [LOG, *Path(os.environ["RAY_TMPDIR"]).glob("session_latest/logs/serve/*.log")]
-        for log in logs:
+        logs = list(Path(os.environ["RAY_TMPDIR"]).glob("ray/session_latest/logs/serve/replica_openai_Api_*.log"))
+        assert logs, "no log of the replica"
+        for log in [LOG, *logs]:
             assert "Traceback" not in log.read_text(errors="replace"), f"a traceback in {log}"
 
     def check_throughput(self):
         halves = self._texts[: COUNT // 2], self._texts[COUNT // 2 :]
+        before = self._spent()
         tools = [Tool(self._tool, half, *LOCALLY, TOVANA_EMBED_THREADS="1") for half in halves]
         ours_s = max(tool.took_s() for tool in tools)
+        spent = self._spent()
+        print(f"    seconds of processor, two tools: {spent[TOOLS] - before[TOOLS]:.1f}")
         call = self._through_server()
         served_s = call.took_s()
         print(
             f"    {COUNT} texts: two tools {COUNT / ours_s:.0f} texts/s, two replicas {COUNT / served_s:.0f} texts/s, "
             f"{ours_s / served_s:.3f} of it"
         )
+        for who, seconds in self._spent().items():
+            print(f"    seconds of processor, {who}: {seconds - spent[who]:.1f}")
         self._locally = np.concatenate([tool.vectors() for tool in tools])
         _expect_equal(call.vectors(), self._locally)
         assert ours_s / served_s >= LEAST_SHARE, f"less than {LEAST_SHARE} of it"
@@ -162,6 +143,14 @@ class Comparison:
         print(f"    the tool said: {call.said or 'nothing'}")
         _expect_equal(served, self._locally)
         wait_until(lambda: len(set(pids(REPLICA)) - {replicas[0]}) == 2, "a new replica")
+
+    def _spent(self):
+        """Of the processors: by those that embed, those in between, and the tools."""
+        tools = resource.getrusage(resource.RUSAGE_CHILDREN)
+        spent = {TOOLS: tools.ru_utime + tools.ru_stime}
+        for who, title in (("replicas", REPLICA), ("requests and replies", API), ("proxy", "ray::ProxyActor")):
+            spent[who] = sum(map(cpu_s, pids(title)))
+        return spent
 
     def _through_server(self):
         return Tool(self._tool, self._texts, *THROUGH_SERVER, BRUNE_LLM_EMBEDDING_API_KEY=KEY)

@@ -54,6 +54,10 @@ def test_gives_pythons_vectors_in_order_however_they_are_parted(dtype):
         expected = np.array(30 * [reference["embedding_normalized"] for reference in REFERENCES])
         np.testing.assert_allclose(vectors, expected, rtol=0, atol=2e-6)
         assert engine.embed([]).shape == (0, 0)
+        again, counts = engine.embed_and_count(30 * TEXTS, dtype=dtype)
+        assert (again == vectors).all() and counts == 30 * [len(reference["ids"]) for reference in REFERENCES]
+    with EmbeddingEngine(TFIDF) as engine, pytest.raises(errors.ValueError, match="tfidf does not count tokens"):
+        engine.embed_and_count(["a"])
 
 
 def test_takes_texts_as_the_component_does():
