@@ -60,6 +60,8 @@ abi::Error* describe_current_exception() {
     throw;
   } catch (const std::bad_alloc&) {
     return out_of_memory();
+  } catch (const files::ModelFilesError& error) {
+    return make_error("ModelFilesError", error.what());
   } catch (const ValueError& error) {
     return make_error("ValueError", error.what());
   } catch (const RuntimeError& error) {
@@ -139,16 +141,24 @@ abi::Error* load_model(abi::Text directory, abi::Text allowed_root, const abi::L
 
 std::size_t dimension(const abi::Model* model) { return model->transformer->dimension(); }
 
-std::size_t prompt_count(const abi::Model* model) { return model->transformer->prompts().size(); }
+std::size_t prompt_count(const abi::Model* model) {
+  return model->transformer->prompts().all().size();
+}
 
-abi::Text prompt_name(const abi::Model* model, std::size_t index) {
-  return abi::text_of(model->transformer->prompts()[index].name);
+abi::Prompt prompt(const abi::Model* model, std::size_t index) {
+  const Prompt& prompt = model->transformer->prompts().all()[index];
+  return {.name = abi::text_of(prompt.name), .text = abi::text_of(prompt.text)};
+}
+
+std::size_t default_prompt(const abi::Model* model) {
+  return model->transformer->prompts().default_index().value_or(prompt_count(model));
 }
 
 abi::Error* encode(const abi::Model* model, const abi::EncodeCall* call) {
   return guarded([model, call] {
     EncodeParameters options = {.normalize = call->normalize != 0};
     if (call->prompt_name != nullptr) options.prompt_name = abi::view_of(*call->prompt_name);
+    if (call->prompt != nullptr) options.prompt = abi::view_of(*call->prompt);
     if (call->token_counts != nullptr) options.token_counts = {call->token_counts, call->count};
     std::vector<std::string_view> texts(call->count);
     std::transform(call->texts, call->texts + call->count, texts.begin(), abi::view_of);
@@ -180,7 +190,8 @@ tovana_model_library() {
       .load_model = plugin::load_model,
       .dimension = plugin::dimension,
       .prompt_count = plugin::prompt_count,
-      .prompt_name = plugin::prompt_name,
+      .prompt = plugin::prompt,
+      .default_prompt = plugin::default_prompt,
       .encode = plugin::encode,
       .free_model = plugin::free_model,
       .free_error = plugin::free_error,

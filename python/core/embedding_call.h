@@ -17,10 +17,10 @@ namespace tovana::python {
 using SharedEngine = std::shared_ptr<embedding::EmbeddingEngine>;
 
 /// Part after part, for a model, whose vectors are the same whatever they are embedded with. Adds
-/// to the counts of tokens.
+/// to the counts of tokens where they are asked for.
 void embed_in_parts(embedding::LocalEmbeddingBackend& model, std::vector<std::string> texts,
                     embedding::CallPace& pace, const CallLimits& limits, VectorArray& array,
-                    std::vector<std::uint32_t>& token_counts);
+                    std::vector<std::uint32_t>* token_counts);
 
 /// All texts in one call, on this thread: for what is quick.
 void embed_at_once(const SharedEngine& engine, const std::vector<std::string>& texts,

@@ -134,9 +134,7 @@ nb::object Engine::embed(const nb::tuple& given, double wait_s, const CallLimits
   const std::shared_ptr<EmbeddingBackend> backend = wait_ready(wait_s, limits);
   const SharedEngine engine = _engine;
   if (auto* const model = dynamic_cast<embedding::LocalEmbeddingBackend*>(backend.get())) {
-    std::vector<std::uint32_t> counts;
-    embed_in_parts(*model, std::move(texts), _pace, limits, array, counts);
-    if (token_counts != nullptr) *token_counts = std::move(counts);
+    embed_in_parts(*model, std::move(texts), _pace, limits, array, token_counts);
   } else if (token_counts != nullptr) {
     throw ValueError("the backend " + backend->name() + " does not count tokens");
   } else if (dynamic_cast<embedding::_HTTPEmbeddingBackend*>(backend.get()) != nullptr) {

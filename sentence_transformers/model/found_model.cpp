@@ -90,17 +90,8 @@ void FoundModel::_read_settings(const files::ModelDirectory& directory) {
   const auto settings = JsonObject::read(directory, "config_sentence_transformers.json");
   if (!settings) return;
   check_members(*settings, kSentenceTransformersMembers);
-  prompts = Prompts(*settings, [this](const std::string& text) { return _count_skipped(text); });
+  prompts = Prompts(*settings);
   dimension = std::min(dimension, settings->count("truncate_dim").value_or(dimension));
-}
-
-/// The tokens of a prompt, the special one before it included, if the pooling leaves them out.
-std::size_t FoundModel::_count_skipped(const std::string& prompt) const {
-  if (pooling.includes_prompt()) return 0;
-  const std::vector<std::int32_t> ids = tokenizer.encode(prompt, config.max_length);
-  // The token that ends every text does not end the prompt.
-  const bool has_end = !ids.empty() && tokenizer.is_special_id(ids.back());
-  return has_end ? ids.size() - 1 : ids.size();
 }
 
 }  // namespace tovana::sentence_transformers

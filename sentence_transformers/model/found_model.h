@@ -37,7 +37,6 @@ class FoundModel {
   void _check_tokens(const files::ModelDirectory& transformer) const;
   void _find_modules(const files::ModelDirectory& directory, const std::vector<ModuleEntry>& list);
   void _read_settings(const files::ModelDirectory& directory);
-  std::size_t _count_skipped(const std::string& prompt) const;
 };
 
 }  // namespace tovana::sentence_transformers

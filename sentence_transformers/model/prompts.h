@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,27 +14,27 @@ namespace tovana::sentence_transformers {
 struct Prompt {
   std::string name;
   std::string text;
-  std::size_t skipped_tokens;  ///< Of each text with it, those that the pooling leaves out.
 };
 
 /// A model's prompts. Immutable.
 class Prompts {
  public:
-  /// None at all.
-  Prompts() = default;
+  /// Those that every model has: "document" and "query", which are empty unless it says otherwise.
+  Prompts();
 
-  /// Those of config_sentence_transformers.json. `count_skipped` says how many tokens the pooling
-  /// leaves out for a prompt's text. Throws ModelFilesError for prompts that are no texts, or a
-  /// default that is not among them.
-  Prompts(const JsonObject& settings,
-          const std::function<std::size_t(const std::string& text)>& count_skipped);
+  /// Also those of config_sentence_transformers.json. Throws ModelFilesError for prompts that are no
+  /// texts, or a default that is not among them.
+  explicit Prompts(const JsonObject& settings);
 
   /// In the order of their names.
   const std::vector<Prompt>& all() const noexcept { return _all; }
 
-  /// The prompt of this name; without one the default, or null when there is none. Throws ValueError,
-  /// naming those there are, for a name that no prompt has.
-  const Prompt* find(std::optional<std::string_view> name) const;
+  /// The index of the one that stands before a text unless another is asked for; null for none.
+  std::optional<std::size_t> default_index() const noexcept { return _default; }
+
+  /// The text of the prompt of this name; without one that of the default, empty when there is none.
+  /// Throws ValueError, naming those there are, for a name that no prompt has.
+  std::string_view text_of(std::optional<std::string_view> name) const;
 
  private:
   std::vector<Prompt> _all;

@@ -59,7 +59,8 @@ Batches make_batches(const std::vector<Ids>& ids, std::int64_t rows_per_batch) {
 struct SentenceTransformer::Call {
   std::span<const std::string_view> texts;
   const EncodeParameters& options;
-  const Prompt* prompt;  ///< Null for none.
+  std::string_view prompt;
+  std::size_t skipped;  ///< Tokens at each text's beginning that the pooling leaves out.
   float* vectors;
 };
 
@@ -93,9 +94,12 @@ SentenceTransformer::SentenceTransformer(FoundModel found, const Runtime& runtim
 
 void SentenceTransformer::encode(std::span<const std::string_view> texts,
                                  const EncodeParameters& options, float* vectors) const {
+  const std::string_view prompt =
+      options.prompt ? *options.prompt : _prompts.text_of(options.prompt_name);
   const Call call = {.texts = texts,
                      .options = options,
-                     .prompt = _prompts.find(options.prompt_name),
+                     .prompt = prompt,
+                     .skipped = _count_skipped(prompt),
                      .vectors = vectors};
   for (std::size_t first = 0; first < texts.size();) {
     const Round round = _tokenize(call, first);
@@ -104,16 +108,24 @@ void SentenceTransformer::encode(std::span<const std::string_view> texts,
   }
 }
 
+/// The tokens of a prompt, the special one before it included, if the pooling leaves them out.
+std::size_t SentenceTransformer::_count_skipped(std::string_view prompt) const {
+  if (prompt.empty() || _pooling.includes_prompt()) return 0;
+  const Ids ids = _tokenizer.encode(prompt, _max_length);
+  // The token that ends every text does not end the prompt.
+  const bool has_end = !ids.empty() && _tokenizer.is_special_id(ids.back());
+  return has_end ? ids.size() - 1 : ids.size();
+}
+
 SentenceTransformer::Round SentenceTransformer::_tokenize(const Call& call,
                                                           std::size_t first) const {
   Round round = {.first = first, .ids = {}};
-  const bool has_prompt = call.prompt != nullptr && !call.prompt->text.empty();
   std::string prompted;
   std::size_t tokens = 0;
   for (std::size_t text = first; text < call.texts.size() && tokens < kTokensPerRound; ++text) {
     std::string_view whole = call.texts[text];
-    if (has_prompt) {
-      prompted.assign(call.prompt->text).append(whole);
+    if (!call.prompt.empty()) {
+      prompted.assign(call.prompt).append(whole);
       whole = prompted;
     }
     const Ids& ids = round.ids.emplace_back(_tokenizer.encode(whole, _max_length));
@@ -142,8 +154,7 @@ void SentenceTransformer::_finish(const Call& call, const TokenBatch& batch, con
                          .stride = width,
                          .numbers = {}};
   vectors.numbers.resize(vectors.texts * width);
-  _pooling(states, batch, call.prompt == nullptr ? 0 : call.prompt->skipped_tokens,
-           vectors.numbers.data());
+  _pooling(states, batch, call.skipped, vectors.numbers.data());
   for (const SentenceModule& module : _modules) apply_module(module, _kernels, vectors);
   if (!is_finite(vectors.numbers)) {
     throw RuntimeError(

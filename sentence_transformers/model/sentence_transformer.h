@@ -23,6 +23,8 @@ struct EncodeParameters {
   /// The prompt that stands before every text, by its name; otherwise the model's default prompt, or
   /// none where it has no default.
   std::optional<std::string_view> prompt_name = std::nullopt;
+  /// A text that does so in place of any of the model's prompts.
+  std::optional<std::string_view> prompt = std::nullopt;
   bool normalize = false;  ///< Whether each vector is scaled to unit length.
   /// `[texts]`: how many tokens of each text were encoded, the prompt's and the special ones
   /// included, what was cut off not. Empty when nobody asks.
@@ -54,7 +56,7 @@ class SentenceTransformer {
   /// The floats of a vector.
   std::size_t dimension() const noexcept { return _dimension; }
 
-  const std::vector<Prompt>& prompts() const noexcept { return _prompts.all(); }
+  const Prompts& prompts() const noexcept { return _prompts; }
 
   /// Encodes well-formed UTF-8 texts into rows of `vectors`, `[texts.size() x dimension]`, in their
   /// order. A text beyond the model's length counts as far as that reaches. Memory beside the result
@@ -70,6 +72,7 @@ class SentenceTransformer {
 
   SentenceTransformer(FoundModel found, const Runtime& runtime);
 
+  std::size_t _count_skipped(std::string_view prompt) const;
   Round _tokenize(const Call& call, std::size_t first) const;
   void _encode(const Call& call, const Round& round) const;
   void _finish(const Call& call, const TokenBatch& batch, const float* states,

@@ -47,7 +47,7 @@ def test_fetches_once_and_prints_the_folder(hub, env, tmp_path):
 
 
 def test_has_the_model_library_check_the_model_where_there_is_one(env, tmp_path):
-    folder = tmp_path / "fail ValueError"  # what the fake library has to be told to fail
+    folder = tmp_path / "fail ModelFilesError"  # what the fake library has to be told to fail
     folder.mkdir()
     for name, content in FILES.items():
         (folder / name).write_bytes(content)

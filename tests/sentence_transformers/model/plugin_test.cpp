@@ -46,6 +46,7 @@ TEST(Plugin, EncodesThroughTheTable) {
                           .count = 2,
                           .normalize = 1,
                           .prompt_name = nullptr,
+                          .prompt = nullptr,
                           .vectors = vectors.data(),
                           .token_counts = counts.data()};
   ASSERT_EQ(described(table().encode(model, &call)), "");
@@ -74,7 +75,7 @@ TEST(Plugin, LetsFailuresThroughAsKindAndOneLine) {
                                       {path + "\nabsent", "\\nabsent: "}}) {
     const std::string message =
         described(table().load_model(text_of(folder), text_of(folder), &kFloat32, &model));
-    EXPECT_THAT(message, testing::StartsWith("ValueError: " + path + fault));
+    EXPECT_THAT(message, testing::StartsWith("ModelFilesError: " + path + fault));
     EXPECT_EQ(message.find_first_of("\n\x1b"), std::string::npos);
   }
   const abi::LoadOptions unknown = {.number_format = abi::NumberFormat{99}};

@@ -85,6 +85,7 @@ TEST(VariantsTest, AFolderWithoutModulesIsAModelWithAPoolingOfItsOwn) {
   plain.patch("config_sentence_transformers.json",
               {{"truncate_dim", 3}, {"prompts", {{"x", "x"}}}, {"default_prompt_name", "x"}});
   plain.patch("sentence_bert_config.json", {{"max_seq_length", 3}});
+  EXPECT_EQ(encode(plain, {kText}, {.prompt_name = "query"}), mean);
   EXPECT_EQ(encode(plain, {kText}), mean);
   plain.patch("config.json", {{"architectures", {"BertForCausalLM"}}});
   EXPECT_EQ(encode(plain, {kText}), pooled("lasttoken"));
@@ -100,12 +101,13 @@ TEST(VariantsTest, APromptIsTheDefaultOrTheOneThatIsNamed) {
   std::vector<std::uint32_t> count_with_prompt(1);
   const Floats plain = encode(model, {"file"});
   const Floats prompted = encode(model, {"query: file"}, {.token_counts = count_with_prompt});
-  model.patch(
-      "config_sentence_transformers.json",
-      {{"prompts", {{"query", "query: "}, {"none", ""}}}, {"default_prompt_name", "query"}});
+  model.patch("config_sentence_transformers.json",
+              {{"prompts", {{"query", "query: "}, {"document", nullptr}}},
+               {"default_prompt_name", "query"}});
   EXPECT_EQ(encode(model, {"file"}, {.token_counts = count}), prompted);
   EXPECT_EQ(count, count_with_prompt);
-  EXPECT_EQ(encode(model, {"file"}, {.prompt_name = "none"}), plain);
+  EXPECT_EQ(encode(model, {"file"}, {.prompt_name = "document"}), plain);
+  EXPECT_EQ(encode(model, {"file"}, {.prompt_name = "query", .prompt = ""}), plain);
   model.patch("config_sentence_transformers.json", {{"default_prompt_name", nullptr}});
   EXPECT_EQ(encode(model, {"file"}), plain);
   EXPECT_EQ(encode(model, {"file"}, {.prompt_name = "query"}), prompted);

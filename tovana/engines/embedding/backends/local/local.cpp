@@ -61,28 +61,28 @@ LocalEmbeddingBackend::LocalEmbeddingBackend(std::string model_name,
 
 LocalEmbeddingBackend::~LocalEmbeddingBackend() = default;
 
-std::vector<Vector> LocalEmbeddingBackend::embed(const std::vector<std::string>& texts) {
-  return rows(_encode(texts, /*count_tokens=*/false).vectors);
-}
-
 std::vector<Vector> LocalEmbeddingBackend::embed(const std::vector<std::string>& texts,
-                                                 std::vector<std::uint32_t>& token_counts) {
-  const EncodedTexts encoded = _encode(texts, /*count_tokens=*/true);
-  std::vector<Vector> vectors = rows(encoded.vectors);
-  token_counts.insert(token_counts.end(), encoded.token_counts.begin(), encoded.token_counts.end());
-  return vectors;
-}
-
-EncodedTexts LocalEmbeddingBackend::_encode(const std::vector<std::string>& texts,
-                                            bool count_tokens) {
+                                                 const PromptOptions& options,
+                                                 std::vector<std::uint32_t>* token_counts) {
   const LocalModel& model = _load_model();
   if (texts.empty()) return {};
   const WellFormedTexts given(texts);
-  return _threads->bounded(embed_threads(_environment), [&] {
-    return model.encode(given.views(),
-                        {.normalize_embeddings = true, .count_tokens = count_tokens});
-  });
+  const std::string prompt = repair_utf8(options.prompt.value_or(""));
+  EncodeOptions encoding = {.normalize_embeddings = true,
+                            .prompt_name = options.prompt_name,
+                            .count_tokens = token_counts != nullptr};
+  if (options.prompt) encoding.prompt = prompt;
+  const EncodedTexts encoded = _threads->bounded(
+      embed_threads(_environment), [&] { return model.encode(given.views(), encoding); });
+  if (token_counts != nullptr) {
+    token_counts->insert(token_counts->end(), encoded.token_counts.begin(),
+                         encoded.token_counts.end());
+  }
+  return rows(encoded.vectors);
 }
+}
+
+ModelPrompts LocalEmbeddingBackend::prompts() { return _load_model().prompts(); }
 
 const LocalModel& LocalEmbeddingBackend::_load_model() {
   const LockGuard guard(_model_lock);

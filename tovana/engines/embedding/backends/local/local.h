@@ -12,13 +12,13 @@
 #include "tovana/base/mutex.h"
 #include "tovana/engines/embedding/backends/backend.h"
 #include "tovana/engines/embedding/backends/local/model_library_errors.h"
+#include "tovana/engines/embedding/backends/local/prompts.h"
 #include "tovana/engines/embedding/settings.h"
 #include "tovana/engines/hub/fetch_errors.h"
 #include "tovana/files/model_files_error.h"
 
 namespace tovana::embedding {
 
-struct EncodedTexts;  // model_runtime.h
 class LocalModel;
 class ModelRuntime;
 class TorchThreads;
@@ -59,13 +59,20 @@ class TOVANA_API LocalEmbeddingBackend final : public EmbeddingBackend {
 
   /// `[texts.size() x the model's dimension]`, each vector of unit length. Loads the model first
   /// if need be, for no texts too, and throws what `warm_up` throws; RuntimeError when the model
-  /// fails. Blocks while it computes.
-  std::vector<Vector> embed(const std::vector<std::string>& texts) override;
+  /// fails. Blocks while it computes. Before each text stands the model's default prompt, if it has
+  /// one.
+  std::vector<Vector> embed(const std::vector<std::string>& texts) override {
+    return embed(texts, PromptOptions{});
+  }
+  /// The same with another prompt. Vectors compare across prompts: that is what those are for. Also
+  /// throws ValueError, naming the prompts there are, for a name that the model does not have.
+  /// Where they are asked for, adds to `token_counts` how many tokens of each text were encoded, the
+  /// prompt's and the special ones included, what was cut off not.
+  std::vector<Vector> embed(const std::vector<std::string>& texts, const PromptOptions& options,
+                            std::vector<std::uint32_t>* token_counts = nullptr);
 
-  /// The same, and adds to `token_counts` how many tokens of each text were encoded, the prompt's
-  /// and the special ones included, what was cut off not.
-  std::vector<Vector> embed(const std::vector<std::string>& texts,
-                            std::vector<std::uint32_t>& token_counts);
+  /// The model's prompts. Loads it if need be, and throws as `warm_up`.
+  ModelPrompts prompts();
 
   /// Loads the model unless it is loaded. Blocks for as long as that takes, which can be minutes
   /// where it has to be fetched. After a failure nothing is kept, and the next call starts anew.
@@ -87,8 +94,6 @@ class TOVANA_API LocalEmbeddingBackend final : public EmbeddingBackend {
   static std::int64_t _default_dimension(std::string_view model_name);
 
  private:
-  EncodedTexts _encode(const std::vector<std::string>& texts, bool count_tokens);
-
   const std::string _model_name;
   /// Null until the first load has succeeded, then never changed.
   std::unique_ptr<const LocalModel> _model TOVANA_GUARDED_BY(_model_lock);

@@ -32,7 +32,8 @@ std::string system_reason() { return std::generic_category().message(errno); }
   const std::string_view kind = abi::view_of(error->kind);
   std::string message(abi::view_of(error->message));
   if (kind == "std::bad_alloc") throw std::bad_alloc();
-  if (kind == "ValueError") throw files::ModelFilesError(message);
+  if (kind == "ModelFilesError") throw files::ModelFilesError(message);
+  if (kind == "ValueError") throw ValueError(message);
   if (kind == "RuntimeError") throw RuntimeError(message);
   throw RuntimeError(std::string(kind) + ": " + message);
 }
@@ -73,6 +74,7 @@ class LibraryModel final : public LocalModel {
     given.reserve(texts.size());
     for (const std::string_view each : texts) given.push_back(abi::text_of(each));
     const abi::Text prompt_name = abi::text_of(options.prompt_name.value_or(""));
+    const abi::Text prompt = abi::text_of(options.prompt.value_or(""));
     EncodedTexts encoded = {
         .vectors = {.columns = _dimension, .values = std::vector<float>(texts.size() * _dimension)},
         .token_counts = std::vector<std::uint32_t>(options.count_tokens ? texts.size() : 0)};
@@ -81,18 +83,24 @@ class LibraryModel final : public LocalModel {
         .count = given.size(),
         .normalize = options.normalize_embeddings,
         .prompt_name = options.prompt_name ? &prompt_name : nullptr,
+        .prompt = options.prompt ? &prompt : nullptr,
         .vectors = encoded.vectors.values.data(),
         .token_counts = options.count_tokens ? encoded.token_counts.data() : nullptr};
     call(_table, "encode", _table.encode, _model.get(), &wanted);
     return encoded;
   }
 
-  std::vector<std::string> prompt_names() const override {
-    std::vector<std::string> names(_table.prompt_count(_model.get()));
-    for (std::size_t i = 0; i < names.size(); ++i) {
-      names[i] = abi::view_of(_table.prompt_name(_model.get(), i));
+  ModelPrompts prompts() const override {
+    ModelPrompts prompts;
+    const std::size_t count = _table.prompt_count(_model.get());
+    const std::size_t of_default = _table.default_prompt(_model.get());
+    for (std::size_t i = 0; i < count; ++i) {
+      const abi::Prompt prompt = _table.prompt(_model.get(), i);
+      const auto place =
+          prompts.texts.emplace(abi::view_of(prompt.name), abi::view_of(prompt.text)).first;
+      if (i == of_default) prompts.default_name = place->first;
     }
-    return names;
+    return prompts;
   }
 
  private:

@@ -23,7 +23,7 @@
 /// A change to anything below takes a new `kVersion`; the component refuses every other one.
 namespace tovana::model_library_abi {
 
-inline constexpr std::uint32_t kVersion = 2;
+inline constexpr std::uint32_t kVersion = 3;
 
 /// The file's name, and the one symbol it exports: a `GetTable` with C linkage.
 inline constexpr const char* kFileName = "libtovana_sentence_transformers.so";
@@ -40,8 +40,8 @@ constexpr std::string_view view_of(Text text) { return {text.data, text.size}; }
 /// A failure: made by the model library, read by the component, freed by `Table::free_error`. It
 /// belongs to whoever the operation returned it to and to no other thread.
 struct Error {
-  /// "ValueError" (a malformed model file: the message names file and fault), "RuntimeError", or
-  /// "std::bad_alloc", whose message is not read.
+  /// "ModelFilesError" (a malformed model file: the message names file and fault), "ValueError" (of
+  /// what a caller gave), "RuntimeError", or "std::bad_alloc", whose message is not read.
   Text kind;
   /// One line: what failed, where, what to do. Control characters are escaped.
   Text message;
@@ -63,6 +63,12 @@ struct LoadOptions {
 /// A loaded model; never changes after it was loaded. The component sees only its address.
 struct Model;
 
+/// A text that the model wants before other texts, by a name.
+struct Prompt {
+  Text name;
+  Text text;
+};
+
 struct EncodeCall {
   const Text* texts;  ///< `[count]`, well-formed UTF-8.
   std::size_t count;
@@ -70,7 +76,8 @@ struct EncodeCall {
   /// The prompt that stands before every text, by its name; null for the model's default prompt,
   /// or none where it has no default.
   const Text* prompt_name;
-  float* vectors;  ///< `[count x dimension]`, row after row, in the order of the texts.
+  const Text* prompt;  ///< A text that does so in place of any of the model's prompts; null: none.
+  float* vectors;      ///< `[count x dimension]`, row after row, in the order of the texts.
   /// `[count]`: how many tokens of each text were encoded, the prompt's and the special ones
   /// included, what was cut off not; null when nobody asks.
   std::uint32_t* token_counts;
@@ -111,10 +118,13 @@ struct Table {
   /// The number of floats in each of the model's vectors, at least 1. Cannot fail.
   std::size_t (*dimension)(const Model* model);
 
-  /// How many named prompts the model has, and the name of each, by its index below that; the texts
-  /// live as long as the model. Cannot fail.
+  /// How many prompts the model has, and each of them, by its index below that; the texts live as
+  /// long as the model. Cannot fail.
   std::size_t (*prompt_count)(const Model* model);
-  Text (*prompt_name)(const Model* model, std::size_t index);
+  Prompt (*prompt)(const Model* model, std::size_t index);
+
+  /// The index of the default prompt; `prompt_count` where there is none. Cannot fail.
+  std::size_t (*default_prompt)(const Model* model);
 
   /// Encodes texts on the calling thread and on as many others as its count says. A prompt that
   /// the model does not have is a "ValueError" that names those it has. After a failure the vectors

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "tovana/engines/embedding/backends/local/prompts.h"
+
 /// What the local backend and its thread bound ask of the model library. The process has one
 /// runtime; tests hand in their own.
 ///
@@ -40,9 +42,9 @@ struct FloatMatrix {
 struct EncodeOptions {
   bool normalize_embeddings = false;  ///< Whether each vector is scaled to unit length.
 
-  /// The prompt that stands before every text; null for the model's default prompt, or none where
-  /// it has no default.
+  // As those of PromptOptions.
   std::optional<std::string_view> prompt_name = std::nullopt;
+  std::optional<std::string_view> prompt = std::nullopt;
 
   bool count_tokens = false;  ///< Whether `EncodedTexts::token_counts` is wanted.
 };
@@ -60,13 +62,12 @@ class LocalModel {
  public:
   virtual ~LocalModel() = default;
 
-  /// The texts are well-formed, and there is at least one. Throws ModelFilesError for a prompt that
-  /// the model does not have, naming those it has, and RuntimeError.
+  /// The texts, and what stands before them, are well-formed, and there is at least one. Throws
+  /// ValueError for a prompt that the model does not have, naming those it has, and RuntimeError.
   virtual EncodedTexts encode(std::span<const std::string_view> texts,
                               const EncodeOptions& options) const = 0;
 
-  /// The names of the model's prompts.
-  virtual std::vector<std::string> prompt_names() const = 0;
+  virtual ModelPrompts prompts() const = 0;
 };
 
 /// What the model library computes with. The texts live as long as the process.

@@ -68,20 +68,22 @@ class FakeModelRuntime final : public ModelRuntime, public TorchRuntime {
   }
 
  private:
-  /// Vectors `{length of the text, 1 if normalised}`.
+  /// Vectors `{length of the text and its prompt, 1 if normalised}`.
   class Model final : public LocalModel {
    public:
     explicit Model(FakeModelRuntime& runtime) : _runtime(runtime) {}
 
-    std::vector<std::string> prompt_names() const override { return {}; }
+    ModelPrompts prompts() const override { return {}; }
 
     EncodedTexts encode(std::span<const std::string_view> texts,
                         const EncodeOptions& options) const override {
       _runtime.note("encode " + std::to_string(_runtime.current()));
       _runtime.on_encode();
       FloatMatrix matrix{.columns = 2, .values = {}};
+      const std::size_t prompt =
+          options.prompt.value_or("").size() + options.prompt_name.value_or("").size();
       for (const std::string_view text : texts) {
-        matrix.values.push_back(static_cast<float>(text.size()));
+        matrix.values.push_back(static_cast<float>(prompt + text.size()));
         matrix.values.push_back(options.normalize_embeddings ? 1.0F : 0.0F);
       }
       return {.vectors = std::move(matrix), .token_counts = {}};

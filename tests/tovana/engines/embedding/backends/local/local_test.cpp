@@ -59,6 +59,9 @@ TEST_F(LocalBackendTest, EmbedsInOrderUnderTheBoundOfTheMoment) {
   EXPECT_THAT(_backend.embed({"abc", "", "caf\xC3", "a\xFF\xFF"}),
               ElementsAre(Vector{3, 1}, Vector{0, 1}, Vector{6, 1}, Vector{7, 1}));
   EXPECT_THAT(_runtime.take_calls(), ElementsAre("get", "set 2", "encode 2", "set 16"));
+  EXPECT_THAT(_backend.embed({"abc"}, {.prompt_name = "query"}), ElementsAre(Vector{8, 1}));
+  EXPECT_THAT(_backend.embed({"abc"}, {.prompt = "caf\xC3"}), ElementsAre(Vector{9, 1}));
+  _runtime.take_calls();
 
   _environment["TOVANA_EMBED_THREADS"] = "3";
   _runtime.on_encode = [] { throw RuntimeError("encode"); };

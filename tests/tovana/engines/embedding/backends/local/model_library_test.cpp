@@ -102,17 +102,22 @@ TEST(ModelLibraryTest, TurnsFailuresIntoErrorsAndGivesEverythingBack) {
   library->set_num_threads(4);
 
   auto model = load(*library, "model");
-  EXPECT_THAT(model->prompt_names(), ElementsAre("query", "document"));
+  EXPECT_THAT(model->prompts().texts, ElementsAre(Pair("document", "d: "), Pair("query", "q: ")));
+  EXPECT_EQ(model->prompts().default_name, "document");
   const EncodedTexts plain = encode(*model, "abc");
   EXPECT_THAT(plain.vectors.values, ElementsAre(2, 4, 0, 3, 4, 0));
   EXPECT_THAT(plain.token_counts, IsEmpty());
-  const EncodedTexts all = encode(
-      *model, "abc", {.normalize_embeddings = true, .prompt_name = "query", .count_tokens = true});
-  EXPECT_THAT(all.vectors.values, ElementsAre(7, 4, 1, 8, 4, 1));
+  const EncodedTexts all = encode(*model, "abc",
+                                  {.normalize_embeddings = true,
+                                   .prompt_name = "query",
+                                   .prompt = "a text of 20 bytes: ",
+                                   .count_tokens = true});
+  EXPECT_THAT(all.vectors.values, ElementsAre(27, 4, 1, 28, 4, 1));
   EXPECT_THAT(all.token_counts, ElementsAre(2, 3));
   library->check_model("/models/model", "/models");
   const std::vector<std::pair<std::string, std::string>> wishes = {
-      {"fail ValueError", "ModelFilesError: does not work"},
+      {"fail ModelFilesError", "ModelFilesError: does not work"},
+      {"fail ValueError", "ValueError: does not work"},
       {"fail c10::Error", "RuntimeError: c10::Error: does not work"},
       {"fail std::bad_alloc", "std::bad_alloc: std::bad_alloc"},
       {"throw", "with an exception, which it never should: std::logic_error: oops"},

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <stdexcept>
+#include <string>
 #include <string_view>
 
 #include <unistd.h>
@@ -71,9 +72,10 @@ void free_model(Model* model) {
 }
 
 Error* encode(const Model* /*model*/, const EncodeCall* call) {
-  const std::string_view prompt =
-      call->prompt_name != nullptr ? view_of(*call->prompt_name) : std::string_view();
-  if (Error* const error = act(prompt)) return error;
+  std::string prompt;
+  for (const Text* each : {call->prompt_name, call->prompt}) {
+    if (each != nullptr) prompt += view_of(*each);
+  }
   float* vector = call->vectors;
   for (std::size_t i = 0; i < call->count; ++i, vector += kPluginDimension) {
     const Text text = call->texts[i];
@@ -88,7 +90,10 @@ Error* encode(const Model* /*model*/, const EncodeCall* call) {
   return nullptr;
 }
 
-constexpr std::array kPrompts = {"query", "document"};
+constexpr std::array kPrompts = {
+    Prompt{.name = text_of("query"), .text = text_of("q: ")},
+    Prompt{.name = text_of("document"), .text = text_of("d: ")},
+};
 
 Table table = {
     .version = kVersion,
@@ -109,9 +114,8 @@ Table table = {
     .load_model = load_model,
     .dimension = [](const Model*) -> std::size_t { return kPluginDimension; },
     .prompt_count = [](const Model*) -> std::size_t { return kPrompts.size(); },
-    .prompt_name = [](const Model*, std::size_t index) -> Text {
-      return text_of(kPrompts.at(index));
-    },
+    .prompt = [](const Model*, std::size_t index) -> Prompt { return kPrompts.at(index); },
+    .default_prompt = [](const Model*) -> std::size_t { return 1; },
     .encode = encode,
     .free_model = free_model,
     .free_error = free_error,
