@@ -85,6 +85,9 @@ std::vector<Vector> LocalEmbeddingBackend::embed(const std::vector<std::string>&
 ModelPrompts LocalEmbeddingBackend::prompts() { return _load_model().prompts(); }
 
 const LocalModel& LocalEmbeddingBackend::_load_model() {
+  if (const LocalModel* const loaded = _loaded_model.load(std::memory_order_acquire)) {
+    return *loaded;
+  }
   const LockGuard guard(_model_lock);
   if (_model != nullptr) return *_model;
   _runtime->load_library();
@@ -96,6 +99,7 @@ const LocalModel& LocalEmbeddingBackend::_load_model() {
     model = _runtime->sentence_transformer(_model_name, /*local_files_only=*/false);
   }
   _model = std::move(model);
+  _loaded_model.store(_model.get(), std::memory_order_release);
   log.info("Loaded sentence-transformers model: %s", _model_name);
   return *_model;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -33,7 +34,8 @@ class TorchThreads;
 /// Each call computes under the bound of `embed_threads()`, read from the environment every time.
 ///
 /// Threads: any operation may be called from any number of threads at once; they encode in
-/// parallel. While one loads, the others wait for it in `embed` and `warm_up`.
+/// parallel. While one loads, the others wait for it in `embed` and `warm_up`. A forked child may
+/// go on with a backend whose model was loaded, whatever its parent's threads were doing.
 ///
 /// Exit: the process may exit at any moment of a load or a call, from any thread. Nothing is waited
 /// for, and the host's handlers and destructors run, unless the model library is one that guards
@@ -97,6 +99,9 @@ class TOVANA_API LocalEmbeddingBackend final : public EmbeddingBackend {
   const std::string _model_name;
   /// Null until the first load has succeeded, then never changed.
   std::unique_ptr<const LocalModel> _model TOVANA_GUARDED_BY(_model_lock);
+  /// The same for whoever does without the lock: in a forked child a thread that is not there may
+  /// hold it.
+  std::atomic<const LocalModel*> _loaded_model = nullptr;
   Mutex _model_lock;
   const std::string _name;
   const std::int64_t _dimension;

@@ -61,9 +61,11 @@ std::int64_t embed_threads(const Environment* environment) {
 }
 
 std::int64_t TorchThreads::_default_of(TorchRuntime& torch) {
-  const LockGuard guard(_lock);
-  if (!_default) _default = torch.get_num_threads();
-  return *_default;
+  std::int64_t known = _default;
+  if (known != 0) return known;
+  const std::int64_t read = torch.get_num_threads();
+  // What was read during another's bound comes too late: that one had stored the default before.
+  return _default.compare_exchange_strong(known, read) ? read : known;
 }
 
 TorchThreads::Bound::Bound(TorchThreads& threads, std::int64_t limit) {

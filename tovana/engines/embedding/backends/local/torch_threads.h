@@ -1,13 +1,12 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
-#include <optional>
 #include <type_traits>
 #include <utility>
 
 #include "tovana/base/environment.h"
 #include "tovana/base/export.h"
-#include "tovana/base/mutex.h"
 
 namespace tovana::embedding {
 
@@ -37,7 +36,8 @@ TOVANA_API std::int64_t embed_threads(const Environment* environment = nullptr);
 /// keeps a team of its own for as long as it lives, and one made inside a bound has the bound's
 /// size.
 ///
-/// Threads: several may be in bounds at the same time and do not disturb one another.
+/// Threads: several may be in bounds at the same time and do not disturb one another, nor a child that
+/// is forked meanwhile.
 class TOVANA_API TorchThreads {
  public:
   /// Null: the process's own runtime.
@@ -63,8 +63,8 @@ class TOVANA_API TorchThreads {
     }
   }
 
-  /// The library's own setting, read the first time this is asked and never again.
-  std::int64_t _default_of(TorchRuntime& torch) TOVANA_EXCLUDES(_lock);
+  /// The library's own setting, as the first one read it that asked for this.
+  std::int64_t _default_of(TorchRuntime& torch);
 
  private:
   class TOVANA_API Bound {
@@ -83,8 +83,8 @@ class TOVANA_API TorchThreads {
   };
 
   ModelRuntime* const _runtime;
-  Mutex _lock;
-  std::optional<std::int64_t> _default TOVANA_GUARDED_BY(_lock);
+  /// 0: not read yet. Without a lock, which a forked child might find held for ever.
+  std::atomic<std::int64_t> _default = 0;
 };
 
 /// The one instance of the process; every local embedding call goes through it. Has no destructor,

@@ -22,6 +22,7 @@ class FakeModelRuntime final : public ModelRuntime, public TorchRuntime {
   std::function<void()> on_load_library = [] {};
   std::function<void(bool local_files_only)> on_load_model = [](bool) {};
   std::function<void()> on_encode = [] {};
+  std::function<void()> on_get = [] {};
   std::function<void(std::int64_t count)> on_set = [](std::int64_t) {};
 
   /// Everything that was asked, in order: "library", "cached NAME", "fetch NAME", "get", "set N",
@@ -50,6 +51,7 @@ class FakeModelRuntime final : public ModelRuntime, public TorchRuntime {
 
   std::int64_t get_num_threads() override {
     note("get");
+    on_get();
     return current();
   }
 

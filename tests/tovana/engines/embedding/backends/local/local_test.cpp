@@ -9,6 +9,7 @@
 
 #include <gmock/gmock.h>
 
+#include "tests/support/child_process.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/waiting.h"
 #include "tests/tovana/engines/embedding/backends/local/fake_model_runtime.h"
@@ -90,6 +91,22 @@ TEST_F(LocalBackendTest, ThreadsThatMeetShareALoadAndEncodeAtOnce) {
   EXPECT_THAT(_runtime.take_calls(),
               AllOf(Contains("cached m").Times(1), Contains("encode 2").Times(kThreads)));
   EXPECT_EQ(_runtime.get_num_threads(), 16);  // the default, of a thread that never computed
+}
+
+TEST_F(LocalBackendTest, GoesOnInAChildForkedAmidTheFirstCall) {
+  std::vector<int> endings;
+  bool is_child = false;
+  const auto embed_in_child = [&] {
+    if (is_child) return;
+    endings.push_back(run_in_child([&] {
+      is_child = true;
+      return _backend.embed({"text"}).front() == Vector{4, 1} ? 0 : 1;
+    }));
+  };
+  set_log_sink([&](const LogRecord& /*loaded*/) { embed_in_child(); });
+  _runtime.on_get = embed_in_child;
+  _backend.embed({"text"});
+  EXPECT_THAT(endings, ElementsAre(0, 0));
 }
 
 TEST_F(LocalBackendTest, ThreadBoundIsSetOnlyBelowTorchsOwnAndGivenBackWhateverFails) {
