@@ -96,8 +96,6 @@ void Engine::release() {
 
 const SharedEngine& Engine::_of_this_process() {
   if (_process != getpid()) {
-    // Left as it is: a thread that this process does not have may hold its lock.
-    static_cast<void>(new SharedEngine(std::move(_engine)));
     _engine = make_engine(_configuration, _backend);
     _process = getpid();
     _is_inherited = true;

@@ -7,6 +7,9 @@
 #include <optional>
 #include <string>
 
+#include <sys/types.h>
+#include <unistd.h>
+
 #include "tovana/base/clock.h"
 #include "tovana/base/condition_variable.h"
 #include "tovana/base/mutex.h"
@@ -65,6 +68,9 @@ class BackendLoader : public std::enable_shared_from_this<BackendLoader> {
 
   Clock& clock() const noexcept { return _clock; }
 
+  /// False in a child that was forked since: it neither uses nor destroys this.
+  bool is_of_this_process() const noexcept { return _process == getpid(); }
+
  private:
   enum class State { idle, loading, ready, unavailable, closed };
 
@@ -85,6 +91,7 @@ class BackendLoader : public std::enable_shared_from_this<BackendLoader> {
   /// Reports a failed attempt and waits to try again: false when the engine was closed meanwhile.
   bool _retry_after(const Failure& failure, double delay) TOVANA_EXCLUDES(_lock);
 
+  const pid_t _process = getpid();
   const EngineConfiguration _config;
   Clock& _clock;
   ModelRuntime& _runtime;

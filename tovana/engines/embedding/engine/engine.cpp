@@ -1,6 +1,7 @@
 #include "tovana/engines/embedding/engine/engine.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "tovana/engines/embedding/backends/endpoint/embedding_stopped.h"
@@ -20,7 +21,14 @@ EmbeddingEngine::EmbeddingEngine(std::initializer_list<EngineConfiguration::valu
                                  std::shared_ptr<EmbeddingBackend> backend, EngineOptions options)
     : EmbeddingEngine(EngineConfiguration(config), std::move(backend), options) {}
 
-EmbeddingEngine::~EmbeddingEngine() { _loader->close(); }
+EmbeddingEngine::~EmbeddingEngine() {
+  if (_loader->is_of_this_process()) {
+    _loader->close();
+  } else {
+    // Left as it is: threads that this process does not have may hold its lock, or wait.
+    static_cast<void>(new (std::nothrow) std::shared_ptr(_loader));
+  }
+}
 
 EmbeddingStatus EmbeddingEngine::status() const { return _loader->status(); }
 

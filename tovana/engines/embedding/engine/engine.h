@@ -61,7 +61,8 @@ struct EmbedOptions {
 ///
 /// Lifetime: the engine may be destroyed while it loads, which ends like `close`, but not during a
 /// call of its own. The process may exit at any moment, from any thread, without waiting for the
-/// load; its handlers and destructors run as ever (but see LocalEmbeddingBackend).
+/// load; its handlers and destructors run as ever (but see LocalEmbeddingBackend). A forked child
+/// may destroy an engine of its parent's, whatever that was doing, and do nothing else with it.
 class TOVANA_API EmbeddingEngine {
  public:
   /// Loads nothing. With a `backend` the engine is ready with it at once, as its maker left it.

@@ -15,6 +15,7 @@
 
 #include <gmock/gmock.h>
 
+#include "tests/support/child_process.h"
 #include "tests/support/failure_text.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/manual_clock.h"
@@ -165,6 +166,26 @@ TEST_F(EngineTest, LoadsOnceWhoeverAsksAndHandsTheBackendToAll) {
   _engine->close();
   EXPECT_EQ(now(-5), "local:m");
   EXPECT_EQ(_loaders.size(), 1U);
+}
+
+TEST_F(EngineTest, AForkedChildDestroysItWhoeverHoldsItsLockOrWaits) {
+  const auto destroy_in_child = [&] {
+    return run_in_child([&] {
+      _engine.reset();
+      return 0;
+    });
+  };
+  int under_lock = -1;
+  _surroundings.start_thread = [&](const auto& /*loader*/) {  // with the lock held
+    under_lock = std::async(std::launch::async, destroy_in_child).get();
+  };
+  _engine = make();
+  auto waiting = waiter(60);
+  EXPECT_EQ(under_lock, 0);
+  _engine->status();  // once the waiter has let go of the lock, and so waits
+  EXPECT_EQ(destroy_in_child(), 0);
+  _engine->close();
+  EXPECT_EQ(waiting.get(), "was shut down before it was loaded");
 }
 
 TEST_F(EngineTest, FailuresAreToldAtOnceAndTriedAgainAfterGrowingWaits) {
