@@ -6,6 +6,7 @@
 #include <unicode/ucasemap.h>
 #include <unicode/uchar.h>
 
+#include "tovana/base/process_once.h"
 #include "tovana/base/text.h"
 #include "tovana/exceptions/exceptions.h"
 
@@ -18,12 +19,14 @@ constexpr std::size_t kCaseMapPiece = std::size_t{1} << 20;
 /// The case mapping of no language. Null names the process's own locale instead, in which a Turkish
 /// user's "I" would become a dotless "ı".
 const UCaseMap& root_case_map() {
-  static const UCaseMap* const map = [] {
+  static constinit ProcessOnce once;
+  static constinit const UCaseMap* map = nullptr;
+  once.call([] {
     UErrorCode status = U_ZERO_ERROR;
-    const UCaseMap* opened = ucasemap_open("", U_FOLD_CASE_DEFAULT, &status);
+    const UCaseMap* const opened = ucasemap_open("", U_FOLD_CASE_DEFAULT, &status);
     if (U_FAILURE(status)) throw RuntimeError(std::string("ICU: ") + u_errorName(status));
-    return opened;
-  }();
+    map = opened;
+  });
   return *map;
 }
 

@@ -3,16 +3,21 @@
 #include <memory>
 #include <utility>
 
+#include "tovana/base/held_across_forks.h"
 #include "tovana/base/mutex.h"
 #include "tovana/engines/hub/report_fetch_progress.h"
 
 namespace tovana::hub {
 namespace {
 
+/// Held only for moments: no foreign code runs under it.
+constinit Mutex observer_mutex;
+
+const HeldAcrossForks<observer_mutex> observer_mutex_is_held_across_forks;
+
 /// Never destroyed: a fetch may go on while the process exits.
 struct ObserverState {
-  Mutex mutex;
-  std::shared_ptr<const FetchObserver> observer TOVANA_GUARDED_BY(mutex);
+  std::shared_ptr<const FetchObserver> observer TOVANA_GUARDED_BY(observer_mutex);
 };
 
 ObserverState& observer_state() {
@@ -26,7 +31,7 @@ void set_fetch_observer(FetchObserver observer) {
   auto shared = observer ? std::make_shared<const FetchObserver>(std::move(observer)) : nullptr;
   ObserverState& state = observer_state();
   // The old one leaves with `shared`, after the lock: its destructor may be anybody's code.
-  const LockGuard lock(state.mutex);
+  const LockGuard lock(observer_mutex);
   state.observer.swap(shared);
 }
 
@@ -35,7 +40,7 @@ void report_fetch_progress(const FetchProgress& progress) noexcept {
     std::shared_ptr<const FetchObserver> observer;
     {
       ObserverState& state = observer_state();
-      const LockGuard lock(state.mutex);
+      const LockGuard lock(observer_mutex);
       observer = state.observer;
     }
     if (observer != nullptr) (*observer)(progress);

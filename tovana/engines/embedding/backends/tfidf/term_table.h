@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tovana/base/process_once.h"
 #include "tovana/engines/embedding/backends/tfidf/code_tokens.h"
 
 namespace tovana::embedding {
@@ -103,10 +104,12 @@ class TermTable {
 
   /// Random once a process: indexed code is anybody's, and nobody is to know which words collide.
   static std::uint64_t _process_seed() {
-    static const std::uint64_t drawn = [] {
+    static constinit ProcessOnce once;
+    static constinit std::uint64_t drawn = 0;
+    once.call([] {
       std::random_device random;
-      return std::uint64_t{random()} << 32U | random();
-    }();
+      drawn = std::uint64_t{random()} << 32U | random();
+    });
     return drawn;
   }
 
