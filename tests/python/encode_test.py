@@ -67,7 +67,7 @@ def test_says_how_far_a_fetch_is(tmp_path, monkeypatch):
 
     class Display(io.StringIO):
         def write(self, text):
-            if "0.1 of 0.1 MB" in text:
+            if "0.1 of 0.2 MB" in text:
                 far.set()
             return super().write(text)
 
