@@ -67,11 +67,9 @@ TokenizerOptions tokenizer_options(const std::optional<JsonObject>& sentence) {
   return options;
 }
 
-/// A template of a chat wraps every text in what it says, unless the model's settings say by which
-/// ways texts come in.
-void refuse_chat_template(const files::ModelDirectory& directory,
-                          const std::optional<JsonObject>& sentence) {
-  if (sentence && sentence->find("modality_config")) return;
+/// In a plain model's folder a template of a chat wraps every text in what it says. In a module's it
+/// does not, unless "modality_config" asks for that, which is refused where that is read.
+void refuse_chat_template(const files::ModelDirectory& directory) {
   const std::string fault = "a template of a chat, which is not supported; remove it";
   for (const char* name : {"chat_template.jinja", "additional_chat_templates/default.jinja"}) {
     if (directory.open(name, files::ModelDirectory::kLargestConfig)) {
@@ -164,7 +162,7 @@ TransformerConfig read_transformer_config(const files::ModelDirectory& directory
                   ", which leaves no position for a token");
   }
   const auto sentence = is_module ? read_sentence_settings(directory) : std::nullopt;
-  refuse_chat_template(directory, sentence);
+  if (!is_module) refuse_chat_template(directory);
   result.max_length = max_length_of(directory, sentence, longest);
   result.tokenizer = tokenizer_options(sentence);
   return result;

@@ -91,8 +91,10 @@ TEST(ModelFaults, OfTheConfiguration) {
 
   // Of a plain model.
   const ModelCopy plain;
-  plain.patch("modules.json", nullptr);
   plain.patch("tokenizer_config.json", {{"chat_template", "x"}});
+  plain.patch("sentence_bert_config.json", nullptr);
+  EXPECT_NO_THROW(SentenceTransformer::check(files::ModelDirectory(plain.path())));
+  plain.patch("modules.json", nullptr);
   expect_fault(plain, "/tokenizer_config.json: \"chat_template\" is a template of a chat");
   plain.patch("chat_template.jinja", "x");
   expect_fault(plain, "/chat_template.jinja: a template of a chat");
