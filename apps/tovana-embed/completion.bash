@@ -39,6 +39,7 @@ _tovana_embed() {
       --input | --output | --settings) ;;
       --model) _tovana_embed_model "$current" ;;
       --backend) _tovana_embed_words "auto local api openai tfidf" "$current" ;;
+      --prompt | --text-prompt) _tovana_embed_words "query document" "$current" ;;
       --format) _tovana_embed_words "jsonl npy" "$current" ;;
       --log-level) _tovana_embed_words "debug info warning" "$current" ;;
       --api-url | --base-url | --batch-size | --concurrency | --deadline | --dimension | --revision | --top | --wait-s)
@@ -50,8 +51,8 @@ _tovana_embed() {
     if [[ $current == -* ]]; then
       case $command in
         "") _tovana_embed_words "--help --version" "$current" ;;
-        embed) _tovana_embed_words "--help --input --jsonl --output --format --batch-size --concurrency --keep-going --deadline $engine" "$current" ;;
-        search) _tovana_embed_words "--help --input --jsonl --top --json $engine" "$current" ;;
+        embed) _tovana_embed_words "--help --input --jsonl --output --format --batch-size --concurrency --keep-going --deadline --prompt $engine" "$current" ;;
+        search) _tovana_embed_words "--help --input --jsonl --top --json --prompt --text-prompt $engine" "$current" ;;
         status) _tovana_embed_words "--help --wait --json $engine" "$current" ;;
         migrate-check) _tovana_embed_words "--help $engine" "$current" ;;
         pull) _tovana_embed_words "--help --revision --refresh --offline" "$current" ;;

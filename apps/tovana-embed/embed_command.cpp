@@ -78,7 +78,8 @@ ExitStatus embed(const EmbedArguments& arguments, const Interrupts& interrupts) 
   // First of all: a place that cannot be written to must not cost the work.
   Output output(arguments.output, limits);
   EngineSession session(arguments.engine, interrupts);
-  const Input input = open_input(arguments, session, limits);
+  Input input = open_input(arguments, session, limits);
+  input.texts.prompt = arguments.engine.prompt;
   if (arguments.npy && input.total == 0) {
     write_npy_header(output, 0, static_cast<std::size_t>(session.wait_ready(limits)->dimension()));
   }
@@ -154,6 +155,7 @@ Command add_embed_command(CLI::App& tool) {
   add_seconds(command, "--deadline", arguments->deadline,
               "Give up (status 69) when S seconds have passed. tfidf\n"
               "looks at it only until it starts to embed");
+  add_prompt_option(command, arguments->engine, "each text");
   add_engine_options(command, arguments->engine);
   command.footer(
       R"(The whole input is read and checked first; only for an endpoint is a pipe read

@@ -16,6 +16,7 @@
 #include "tovana/engines/embedding/backends/endpoint/embedding_stopped.h"
 #include "tovana/engines/embedding/backends/endpoint/http.h"
 #include "tovana/engines/embedding/backends/local/call_pace.h"
+#include "tovana/engines/embedding/backends/local/local.h"
 #include "tovana/engines/embedding/backends/tfidf/tfidf.h"
 #include "tovana/exceptions/exceptions.h"
 
@@ -38,6 +39,7 @@ struct BackendCall {
   std::shared_ptr<embedding::EmbeddingEngine> engine;
   std::shared_ptr<EmbeddingBackend> backend;
   RunLimits limits;
+  std::optional<std::string> prompt = std::nullopt;  ///< Which the engine knows nothing of.
 
   std::vector<Vector> operator()(const std::vector<std::string>& texts) const {
     try {
@@ -50,6 +52,10 @@ struct BackendCall {
 
   std::vector<Vector> _embed(const std::vector<std::string>& texts) const {
     try {
+      if (prompt) {
+        return dynamic_cast<embedding::LocalEmbeddingBackend&>(*backend).embed(
+            texts, {.prompt_name = prompt});
+      }
       return engine->embed(texts, {.wait = false,
                                    .should_stop = [this] { return limits.should_stop(); },
                                    .deadline = limits.deadline()});
@@ -153,7 +159,7 @@ void embed_in_batches(EngineSession& session, const InputTexts& input, const Bat
   const std::span<const std::string> texts(input.texts);
   if (texts.empty()) return;
   limits.check();
-  const BackendCall call{session.shared_engine(), session.wait_ready(limits), limits};
+  const BackendCall call{session.shared_engine(), session.wait_ready(limits), limits, input.prompt};
   if (is_endpoint(*call.backend)) {
     return embed_from(parts_of(input), session, batching, limits, sink);
   }

@@ -26,14 +26,17 @@ using embedding::EngineConfiguration;
 struct BackendKind {
   std::string_view name;
   bool takes_model;
+  bool takes_prompt;
   bool takes_api_url;
   bool takes_base_url;
 };
 
 constexpr std::array kBackendKinds = {
-    BackendKind{"auto", true, true, false},    BackendKind{"local", true, false, false},
-    BackendKind{"api", false, true, false},    BackendKind{"openai", true, false, true},
-    BackendKind{"tfidf", false, false, false},
+    BackendKind{"auto", true, true, true, false},
+    BackendKind{"local", true, true, false, false},
+    BackendKind{"api", false, false, true, false},
+    BackendKind{"openai", true, false, false, true},
+    BackendKind{"tfidf", false, false, false, false},
 };
 
 /// The kind of a name; of the settings' names, any that is not known stands for auto.
@@ -86,6 +89,8 @@ Config read_settings(const std::filesystem::path& file) {
 void check_options(const EngineArguments& arguments, const BackendKind& kind) {
   const std::string subject = "the backend " + std::string(kind.name);
   if (arguments.model && !kind.takes_model) throw_usage(subject + " has no --model");
+  if (!kind.takes_prompt && (arguments.prompt || arguments.text_prompt))
+    throw_usage(subject + " has no prompts; only local models have");
   if (arguments.api_url && !kind.takes_api_url) throw_usage(subject + " has no --api-url");
   if (arguments.base_url && !kind.takes_base_url) throw_usage(subject + " has no --base-url");
   if (arguments.no_wait && arguments.wait_s)
@@ -166,6 +171,15 @@ void add_engine_options(CLI::App& command, EngineArguments& arguments) {
                                         "or warning. By default warnings, but for those that say\n"
                                         "what the command's own last line says")
       ->type_name("LEVEL");
+}
+
+void add_prompt_option(CLI::App& command, EngineArguments& arguments,
+                       const std::string& stands_before) {
+  command
+      .add_option("--prompt", arguments.prompt,
+                  "local: the prompt of the model that stands before\n" + stands_before +
+                      ", by its name: \"query\" (the model's default)")
+      ->option_text("NAME");
 }
 
 EngineConfiguration engine_configuration(const EngineArguments& arguments) {

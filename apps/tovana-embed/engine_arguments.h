@@ -18,12 +18,19 @@ struct EngineArguments {
   std::optional<std::string> base_url;
   std::optional<std::string> api_url;
   std::optional<std::string> settings;  ///< Null: the user's file, if there is one.
-  std::optional<double> wait_s;         ///< Null: for as long as the load goes on.
+  // Names of prompts; null: the model's default.
+  std::optional<std::string> prompt;       ///< What stands before texts, or the query of a search.
+  std::optional<std::string> text_prompt;  ///< Before the texts of a search.
+  std::optional<double> wait_s;            ///< Null: for as long as the load goes on.
   bool no_wait = false;
 };
 
 /// Adds the options to a command. The log options take effect while the command line is parsed.
 void add_engine_options(CLI::App& command, EngineArguments& arguments);
+
+/// Adds --prompt, which `stands_before`: "each text".
+void add_prompt_option(CLI::App& command, EngineArguments& arguments,
+                       const std::string& stands_before);
 
 /// What the options and the settings ask for. An endpoint's key comes from the environment. Throws
 /// Failure: usage for options that do not go together and for a URL that is not complete, no_input

@@ -8,7 +8,9 @@
 #include "failure.h"
 #include "load_failure.h"
 #include "tovana/base/clock.h"
+#include "tovana/engines/embedding/backends/local/local.h"
 #include "tovana/engines/embedding/sharing/shared_engines.h"
+#include "tovana/exceptions/exceptions.h"
 
 namespace tovana::tool {
 namespace {
@@ -50,6 +52,7 @@ const std::shared_ptr<EmbeddingBackend>& EngineSession::wait_ready(const RunLimi
     if (error.cause() == nullptr) limits.check();
     throw load_failure(error);
   }
+  _check_prompts(*_backend);
   const std::optional<Fallback> taken = _engine->fallback();
   // Without a model library tfidf is what was asked for, unless a backend or a model was named.
   if (taken && (taken->cause != Fallback::Cause::library_not_installed ||
@@ -58,6 +61,26 @@ const std::shared_ptr<EmbeddingBackend>& EngineSession::wait_ready(const RunLimi
            remedy_for(taken->cause));
   }
   return _backend;
+}
+
+/// Before any text is embedded: the second prompt of a search comes late.
+void EngineSession::_check_prompts(EmbeddingBackend& backend) const {
+  for (const auto& name : {_arguments.prompt, _arguments.text_prompt}) {
+    if (!name) continue;
+    auto* const local = dynamic_cast<embedding::LocalEmbeddingBackend*>(&backend);
+    if (local == nullptr) {
+      const std::optional<Fallback> taken = _engine->fallback();
+      throw Failure(ExitStatus::call_failed, (taken ? taken->reason + ", and " : "") +
+                                                 "the backend " + backend.name() +
+                                                 " has no prompts; only local models have" +
+                                                 (taken ? "; " + remedy_for(taken->cause) : ""));
+    }
+    try {
+      local->embed({}, {.prompt_name = name});
+    } catch (const ValueError& error) {  // which names those there are
+      throw Failure(ExitStatus::usage, error.what());
+    }
+  }
 }
 
 }  // namespace tovana::tool

@@ -27,10 +27,13 @@ class EngineSession {
 
   /// The engine's backend, waited for as the options say, but not past the limits. The first time
   /// it says on stderr when the backend is not the one that was asked for. Throws Interrupted, and
-  /// Failure: as RunLimits::check when the deadline has passed, else as `load_failure` says.
+  /// Failure: as RunLimits::check when the deadline has passed, else as `load_failure` says; for
+  /// prompts usage when the model does not have them, and call_failed when the backend is no model.
   const std::shared_ptr<embedding::EmbeddingBackend>& wait_ready(const RunLimits& limits);
 
  private:
+  void _check_prompts(embedding::EmbeddingBackend& backend) const;
+
   const EngineArguments& _arguments;
   const embedding::EngineConfiguration _config;
   const std::shared_ptr<embedding::EmbeddingEngine> _engine;

@@ -115,8 +115,10 @@ ExitStatus search(const SearchArguments& arguments, const Interrupts& interrupts
   const RunLimits limits(interrupts);
   Output output("-", limits);
   EngineSession session(arguments.engine, interrupts);
-  const InputTexts input = TextReader(arguments.input, {"score"}, limits).read();
-  const InputTexts query = texts_of_arguments(arguments.query->results());
+  InputTexts input = TextReader(arguments.input, {"score"}, limits).read();
+  input.prompt = arguments.engine.text_prompt;
+  InputTexts query = texts_of_arguments(arguments.query->results());
+  query.prompt = arguments.engine.prompt;
   const Vector query_vector = embed_query(session, query, limits);
   if (std::ranges::all_of(query_vector, [](double value) { return value == 0; })) {
     report(why_nothing_is_like_zero(*session.wait_ready(limits)));
@@ -149,6 +151,12 @@ Command add_search_command(CLI::App& tool) {
                    "Print an object a text, {\"score\":…,\"line\":…,\"text\":…},\n"
                    "with all digits of the score and the text as it is;\n"
                    "with --jsonl \"score\" and the members of its object");
+  add_prompt_option(command, arguments->engine, "the query");
+  command
+      .add_option("--text-prompt", arguments->engine.text_prompt,
+                  "local: the same before each text of the input:\n"
+                  "\"document\"")
+      ->option_text("NAME");
   add_engine_options(command, arguments->engine);
   command.footer(
       R"(Prints the cosine similarity, a tab and the text, best first. Texts with a

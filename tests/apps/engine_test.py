@@ -61,6 +61,7 @@ def test_an_exit_status_says_whether_trying_again_helps(machine):
     for library, option, status, said in [
             ("endless.so", "--no-wait", 75, "is still loading"), ("endless.so", "--wait-s=0.1", 75, "is still loading"),
             ("endless.so", "--deadline=0.1", 69, "the deadline of 0.1 s has passed"),
+            ("none", "--prompt=query", 69, "the backend tfidf has no prompts; only local models have; install lib"),
             ("gone.so", "--model=m", 69, "gone.so: there is no such file; --backend tfidf needs no model")]:
         expect_error(machine.run(library, "embed", "a", option), status, said)
 

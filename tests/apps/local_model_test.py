@@ -19,6 +19,28 @@ def test_prints_pythons_vectors():
         assert record["vector"] == expected, reference["text"]
 
 
+def test_puts_the_prompt_that_is_named_before_the_texts():
+    """A model with the prompts "ask", its default, which pooling leaves out, and two that are empty."""
+    model = ("--backend", "local", "--model", str(TINY_MODEL.with_name("tiny_mpnet_odd_dense")))
+
+    def vector(*options):
+        return run("embed", "a file", *options, *model).records()[0]["vector"]
+
+    asked, bare = vector(), vector("--prompt", "query")
+    assert asked == vector("--prompt", "ask") != bare
+
+    def score(*options):
+        return run("search", "a file", "--json", *options, *model, given="a file\n").records()[0]["score"]
+
+    across = pytest.approx(sum(x * y for x, y in zip(asked, bare)))
+    assert score("--prompt", "query") == across == score("--text-prompt", "query") != pytest.approx(1)
+    assert score("--prompt", "query", "--text-prompt", "query") == pytest.approx(1)
+    for option in ("--prompt", "--text-prompt"):
+        expect_error(run("search", "a", option, "x", *model, given="a\n"), 64,
+                     'the model has no prompt "x"; it has "ask", "document", "query"')
+    expect_error(run("embed", "a", "--prompt", "query", "--backend", "tfidf"), 64, "tfidf has no prompts")
+
+
 @pytest.mark.parametrize("model, settings, status, said", [
     ("a/b/c", {}, 64, "neither a repository"),
     ("./nowhere", {}, 65, "'./nowhere': no such folder"),

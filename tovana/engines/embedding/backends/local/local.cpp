@@ -65,7 +65,7 @@ std::vector<Vector> LocalEmbeddingBackend::embed(const std::vector<std::string>&
                                                  const PromptOptions& options,
                                                  std::vector<std::uint32_t>* token_counts) {
   const LocalModel& model = _load_model();
-  if (texts.empty()) return {};
+  if (texts.empty() && !options.prompt_name) return {};
   const WellFormedTexts given(texts);
   const std::string prompt = repair_utf8(options.prompt.value_or(""));
   EncodeOptions encoding = {.normalize_embeddings = true,
@@ -79,7 +79,6 @@ std::vector<Vector> LocalEmbeddingBackend::embed(const std::vector<std::string>&
                          encoded.token_counts.end());
   }
   return rows(encoded.vectors);
-}
 }
 
 ModelPrompts LocalEmbeddingBackend::prompts() { return _load_model().prompts(); }

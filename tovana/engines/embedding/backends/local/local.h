@@ -67,9 +67,9 @@ class TOVANA_API LocalEmbeddingBackend final : public EmbeddingBackend {
     return embed(texts, PromptOptions{});
   }
   /// The same with another prompt. Vectors compare across prompts: that is what those are for. Also
-  /// throws ValueError, naming the prompts there are, for a name that the model does not have.
-  /// Where they are asked for, adds to `token_counts` how many tokens of each text were encoded, the
-  /// prompt's and the special ones included, what was cut off not.
+  /// throws ValueError, naming the prompts there are, for a name that the model does not have, for
+  /// no texts too. Where they are asked for, adds to `token_counts` how many tokens of each text were
+  /// encoded, the prompt's and the special ones included, what was cut off not.
   std::vector<Vector> embed(const std::vector<std::string>& texts, const PromptOptions& options,
                             std::vector<std::uint32_t>* token_counts = nullptr);
 

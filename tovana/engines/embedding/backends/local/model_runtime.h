@@ -62,8 +62,8 @@ class LocalModel {
  public:
   virtual ~LocalModel() = default;
 
-  /// The texts, and what stands before them, are well-formed, and there is at least one. Throws
-  /// ValueError for a prompt that the model does not have, naming those it has, and RuntimeError.
+  /// The texts, and what stands before them, are well-formed. Throws ValueError for a prompt that
+  /// the model does not have, naming those it has, with no texts too, and RuntimeError.
   virtual EncodedTexts encode(std::span<const std::string_view> texts,
                               const EncodeOptions& options) const = 0;
 
