@@ -81,6 +81,11 @@ std::string text_of(nb::handle text) {
   return without_surrogates({bytes.c_str(), bytes.size()});
 }
 
+std::optional<std::string> optional_text_of(nb::handle text) {
+  if (text.is_none()) return std::nullopt;
+  return text_of(text);
+}
+
 std::vector<std::string> texts_of(const nb::tuple& texts) {
   std::vector<std::string> converted;
   converted.reserve(texts.size());

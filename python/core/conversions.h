@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +20,8 @@ nanobind::object python_text(std::string_view text);
 
 /// A text in UTF-8. Surrogates, which have no place there, become U+FFFD.
 std::string text_of(nanobind::handle text);
+/// The same; null for None.
+std::optional<std::string> optional_text_of(nanobind::handle text);
 std::vector<std::string> texts_of(const nanobind::tuple& texts);
 
 /// Nones, whole numbers and texts by name.

@@ -72,7 +72,8 @@ class StopAtReturn {
 }  // namespace
 
 void embed_in_parts(embedding::LocalEmbeddingBackend& model, std::vector<std::string> texts,
-                    embedding::CallPace& pace, const CallLimits& limits, VectorArray& array,
+                    const embedding::PromptOptions& prompt, embedding::CallPace& pace,
+                    const CallLimits& limits, VectorArray& array,
                     std::vector<std::uint32_t>* token_counts) {
   for (std::size_t first = 0; first < texts.size();) {
     limits.check();
@@ -84,7 +85,7 @@ void embed_in_parts(embedding::LocalEmbeddingBackend& model, std::vector<std::st
     {
       const WithoutInterpreter others_may_run;
       const double start = system_clock().now();
-      vectors = model.embed(part, {}, token_counts);
+      vectors = model.embed(part, prompt, token_counts);
       pace.took(part, system_clock().now() - start);
     }
     array.add(vectors);

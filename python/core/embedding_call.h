@@ -19,7 +19,8 @@ using SharedEngine = std::shared_ptr<embedding::EmbeddingEngine>;
 /// Part after part, for a model, whose vectors are the same whatever they are embedded with. Adds
 /// to the counts of tokens where they are asked for.
 void embed_in_parts(embedding::LocalEmbeddingBackend& model, std::vector<std::string> texts,
-                    embedding::CallPace& pace, const CallLimits& limits, VectorArray& array,
+                    const embedding::PromptOptions& prompt, embedding::CallPace& pace,
+                    const CallLimits& limits, VectorArray& array,
                     std::vector<std::uint32_t>* token_counts);
 
 /// All texts in one call, on this thread: for what is quick.

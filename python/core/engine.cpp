@@ -10,6 +10,7 @@
 #include "conversions.h"
 #include "embedding_call.h"
 #include "interpreter.h"
+#include "tovana/exceptions/exceptions.h"
 #include "vector_array.h"
 
 namespace tovana::python {
@@ -123,8 +124,15 @@ std::shared_ptr<EmbeddingBackend> Engine::wait_ready(double wait_s, const CallLi
   }
 }
 
-nb::object Engine::embed(const nb::tuple& given, double wait_s, const CallLimits& limits,
-                         bool single_precision, std::vector<std::uint32_t>* token_counts) {
+embedding::ModelPrompts Engine::prompts(double wait_s) {
+  const auto backend = wait_ready(wait_s, CallLimits(wait_s, nb::none()));
+  auto* const model = dynamic_cast<embedding::LocalEmbeddingBackend*>(backend.get());
+  return model != nullptr ? model->prompts() : embedding::ModelPrompts();
+}
+
+nb::object Engine::embed(const nb::tuple& given, const embedding::PromptOptions& prompt,
+                         double wait_s, const CallLimits& limits, bool single_precision,
+                         std::vector<std::uint32_t>* token_counts) {
   std::vector<std::string> texts = texts_of(given);
   VectorArray array(texts.size(), single_precision);
   if (texts.empty()) return array.release();
@@ -132,9 +140,12 @@ nb::object Engine::embed(const nb::tuple& given, double wait_s, const CallLimits
   const std::shared_ptr<EmbeddingBackend> backend = wait_ready(wait_s, limits);
   const SharedEngine engine = _engine;
   if (auto* const model = dynamic_cast<embedding::LocalEmbeddingBackend*>(backend.get())) {
-    embed_in_parts(*model, std::move(texts), _pace, limits, array, token_counts);
+    embed_in_parts(*model, std::move(texts), prompt, _pace, limits, array, token_counts);
   } else if (token_counts != nullptr) {
     throw ValueError("the backend " + backend->name() + " does not count tokens");
+  } else if (prompt.prompt_name || prompt.prompt) {
+    throw ValueError("the backend " + backend->name() +
+                     " has no prompts; put a text before the texts yourself");
   } else if (dynamic_cast<embedding::_HTTPEmbeddingBackend*>(backend.get()) != nullptr) {
     embed_apart(engine, std::move(texts), true, limits, array);
   } else if (is_quick(texts)) {

@@ -42,10 +42,15 @@ class Engine {
   /// EmbeddingNotReadyError, and what the limits throw but for the time.
   std::shared_ptr<embedding::EmbeddingBackend> wait_ready(double wait_s, const CallLimits& limits);
 
-  /// The vectors as a numpy array, `[texts x dimension]`. Where they are asked for, adds the tokens
-  /// of each text, and throws ValueError when the backend is not a local model, which counts them.
-  nanobind::object embed(const nanobind::tuple& texts, double wait_s, const CallLimits& limits,
-                         bool single_precision, std::vector<std::uint32_t>* token_counts);
+  /// The vectors as a numpy array, `[texts x dimension]`. Throws ValueError for a prompt that the
+  /// model does not have, and for any where the backend is no local model. Where they are asked
+  /// for, adds the tokens of each text, which only a local model counts: else ValueError.
+  nanobind::object embed(const nanobind::tuple& texts, const embedding::PromptOptions& prompt,
+                         double wait_s, const CallLimits& limits, bool single_precision,
+                         std::vector<std::uint32_t>* token_counts);
+
+  /// The local model's; none for another backend. Waits as `wait_ready`.
+  embedding::ModelPrompts prompts(double wait_s);
 
   /// As `EmbeddingEngine::check_backend_migration`; `fetchone` is asked once for the row.
   bool check_backend_migration(const nanobind::callable& fetchone, double wait_s);

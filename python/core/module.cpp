@@ -66,6 +66,15 @@ nb::object fallback(Engine& engine) {
   return nb::make_tuple(cause_name(taken->cause), python_text(taken->reason));
 }
 
+/// Their texts by name, and the name of the default or None.
+nb::tuple prompts(Engine& engine, double wait_s) {
+  const embedding::ModelPrompts prompts = engine.prompts(wait_s);
+  nb::dict texts;
+  for (const auto& [name, text] : prompts.texts) texts[python_text(name)] = python_text(text);
+  return nb::make_tuple(
+      texts, prompts.default_name ? python_text(*prompts.default_name) : nb::object(nb::none()));
+}
+
 void bind_engine(nb::module_& core) {
   nb::class_<Engine>(core, "Engine")
       .def("__init__",
@@ -99,23 +108,20 @@ void bind_engine(nb::module_& core) {
       .def(
           "embed",
           [](Engine& self, const nb::tuple& texts, double wait_s, double timeout,
-             nb::object should_stop, bool single_precision) {
-            const CallLimits limits(timeout, std::move(should_stop));
-            return self.embed(texts, wait_s, limits, single_precision, nullptr);
-          },
-          nb::arg("texts"), nb::arg("wait_s"), nb::arg("timeout"), nb::arg("should_stop").none(),
-          nb::arg("single_precision"))
-      .def(
-          "embed_and_count",
-          [](Engine& self, const nb::tuple& texts, double wait_s, double timeout,
-             nb::object should_stop, bool single_precision) {
+             nb::object should_stop, bool single_precision, const nb::handle prompt_name,
+             const nb::handle prompt, bool count_tokens) {
             const CallLimits limits(timeout, std::move(should_stop));
             std::vector<std::uint32_t> counts;
-            nb::object vectors = self.embed(texts, wait_s, limits, single_precision, &counts);
+            nb::object vectors = self.embed(
+                texts,
+                {.prompt_name = optional_text_of(prompt_name), .prompt = optional_text_of(prompt)},
+                wait_s, limits, single_precision, count_tokens ? &counts : nullptr);
             return std::pair(std::move(vectors), std::move(counts));
           },
           nb::arg("texts"), nb::arg("wait_s"), nb::arg("timeout"), nb::arg("should_stop").none(),
-          nb::arg("single_precision"))
+          nb::arg("single_precision"), nb::arg("prompt_name").none(), nb::arg("prompt").none(),
+          nb::arg("count_tokens"))
+      .def("prompts", prompts)
       .def("check_backend_migration", &Engine::check_backend_migration);
 }
 

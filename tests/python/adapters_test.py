@@ -14,6 +14,7 @@ from sklearn.linear_model import LogisticRegression
 from sklearn.model_selection import cross_val_score
 from sklearn.pipeline import make_pipeline
 from sklearn.utils import get_tags
+from tovana_embedding import SentenceTransformer
 from tovana_embedding.langchain import TovanaEmbeddings
 from tovana_embedding.sklearn import TextEmbedder
 
@@ -46,6 +47,20 @@ def test_a_cancelled_task_ends_its_call():
     with Server(lambda request: (asked.set(), request.stall())) as server:
         asyncio.run(cancel_amid_call(server.url))  # ends by waiting for the call's thread
         assert len(server.requests) == 1
+
+
+def test_puts_the_prompts_that_are_named_before_texts():
+    folder = MODEL.with_name("tiny_mpnet_odd_dense")
+    model = SentenceTransformer(folder)
+    asked, bare = (model.encode("a", prompt_name=name).tolist() for name in ("ask", "query"))
+    assert TovanaEmbeddings(folder, document_prompt_name="query").embed_query("a") == asked
+    embeddings = pickle.loads(pickle.dumps(TovanaEmbeddings(folder, query_prompt_name="query")))
+    assert (embeddings.embed_query("a"), embeddings.embed_documents(["a"])) == (bare, [asked])
+    assert asyncio.run(embeddings.aembed_query("a")) == bare
+    assert asyncio.run(embeddings.aembed_documents(["a"])) == [asked]
+    assert TextEmbedder(folder, prompt_name="query").transform(["a"]).tolist() == [bare]
+    with pytest.raises(ValueError, match="the backend tfidf has no prompts"):
+        TextEmbedder(backend="tfidf", prompt_name="query").transform(["a"])
 
 
 def test_works_in_a_pipeline():

@@ -32,12 +32,30 @@ def test_encodes_as_python_does(model, batch_size, capsys):
 
 
 @pytest.mark.parametrize("given, error", [
-    ({"normalize_embeddings": False}, ValueError), ({"prompt_name": "query"}, NotImplementedError),
-    ({"prompt": "query: "}, NotImplementedError), ({"batch_size": 0}, ValueError),
+    ({"normalize_embeddings": False}, ValueError), ({"prompt_name": "other"}, ValueError), ({"batch_size": 0}, ValueError),
 ])
 def test_refuses_what_it_does_not_do(model, given, error):
     with pytest.raises(error):
         model.encode(["a"], **given)
+
+
+def test_puts_prompts_before_sentences_as_python_does():
+    folder = pathlib.Path(LOCAL["model_name"]).with_name("tiny_mpnet_odd_dense")  # its pooling leaves prompts out
+    with SentenceTransformer(folder) as model:
+        assert model.prompts == {"ask": "which one: ", "document": "", "query": ""}
+        assert model.default_prompt_name == "ask"
+        asked, bare = model.encode("a file"), model.encode("a file", prompt="", prompt_name="ask")
+        assert not np.allclose(asked, bare, atol=1e-3)
+        for vector in (model.encode("a file", prompt_name="ask"), model.encode(["a file"], prompt="which one: ")[0],
+                       model.encode_query("a file", prompt_name="ask")):
+            assert (vector == asked).all()
+        for vector in (model.encode("a file", prompt_name="query"), model.encode_query("a file"),
+                       model.encode_document("a file")):
+            assert (vector == bare).all()
+    with SentenceTransformer(folder, prompts={"ask": ""}) as model:
+        assert (pickle.loads(pickle.dumps(model)).encode("a file") == bare).all()
+    with pytest.raises(ValueError, match="no prompt 'other'; it has"):
+        SentenceTransformer(folder, default_prompt_name="other")
 
 
 # Vectors of the hashing embedder, which an engine would fall back to, are none of a model's.

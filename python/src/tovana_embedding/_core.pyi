@@ -26,15 +26,11 @@ class Engine:
         timeout: float,
         should_stop: Optional[Callable[[], bool]],
         single_precision: bool,
-    ) -> np.ndarray: ...
-    def embed_and_count(
-        self,
-        texts: tuple[str, ...],
-        wait_s: float,
-        timeout: float,
-        should_stop: Optional[Callable[[], bool]],
-        single_precision: bool,
+        prompt_name: Optional[str],
+        prompt: Optional[str],
+        count_tokens: bool,
     ) -> tuple[np.ndarray, list[int]]: ...
+    def prompts(self, wait_s: float, /) -> tuple[dict[str, str], Optional[str]]: ...
     def check_backend_migration(self, fetchone: Callable[[str], Optional[tuple]], wait_s: float, /) -> bool: ...
 
 def engine_config(backend: str, base_url: Optional[str], embedding_model: Optional[str]) -> dict[str, Any]: ...

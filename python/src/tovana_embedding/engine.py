@@ -87,17 +87,22 @@ class EmbeddingEngine:
         timeout: Optional[float] = None,
         should_stop: Optional[Callable[[], bool]] = None,
         dtype: Any = np.float64,
+        prompt_name: Optional[str] = None,
+        prompt: Optional[str] = None,
     ) -> np.ndarray:
         """One vector a text, in order: a numpy array `[texts x dimension]`, `[0 x 0]` for no texts.
 
         `wait`: whether to wait for a model that is being loaded, for the engine's `wait_s` at most. `timeout`:
         seconds from now for the whole call. `should_stop`: called on this thread now and then; True ends the call.
-        `dtype`: float64 or float32.
+        `dtype`: float64 or float32. `prompt_name`: which of a local model's `prompts` stands before each text, in place
+        of its default; `prompt`: a text that does so in place of any of them.
 
         Raises EmbeddingNotReadyError when the model is not ready in time, EmbeddingStopped when the stop test said
-        so, RuntimeError when the time is up or the backend fails, and what `should_stop` raises.
+        so, RuntimeError when the time is up or the backend fails, and what `should_stop` raises; ValueError for a
+        prompt that the model does not have, and for any where the backend is no local model.
         """
-        return self._core.embed(*self._call(texts, wait, timeout), should_stop, _is_single_precision(dtype))
+        call = self._call(texts, wait, timeout, should_stop, dtype, prompt_name, prompt)
+        return self._core.embed(*call, False)[0]
 
     def embed_and_count(
         self,
@@ -107,21 +112,50 @@ class EmbeddingEngine:
         timeout: Optional[float] = None,
         should_stop: Optional[Callable[[], bool]] = None,
         dtype: Any = np.float64,
+        prompt_name: Optional[str] = None,
+        prompt: Optional[str] = None,
     ) -> tuple[np.ndarray, list[int]]:
         """As `embed`, and how many tokens of each text a local model encoded: the prompt's and the special ones
         included, what was cut off not. Raises ValueError when the backend is another.
         """
-        return self._core.embed_and_count(*self._call(texts, wait, timeout), should_stop, _is_single_precision(dtype))
+        return self._core.embed(*self._call(texts, wait, timeout, should_stop, dtype, prompt_name, prompt), True)
 
-    def embed_single(self, text: str, *, wait: bool = True, dtype: Any = np.float64) -> np.ndarray:
+    def embed_single(
+        self,
+        text: str,
+        *,
+        wait: bool = True,
+        dtype: Any = np.float64,
+        prompt_name: Optional[str] = None,
+        prompt: Optional[str] = None,
+    ) -> np.ndarray:
         """The vector of one text, as a batch of it alone has it: `[dimension]`. Raises as `embed`."""
-        return self.embed([text], wait=wait, dtype=dtype)[0]
+        return self.embed([text], wait=wait, dtype=dtype, prompt_name=prompt_name, prompt=prompt)[0]
 
-    def _call(self, texts: Iterable[str], wait: bool, timeout: Optional[float]) -> tuple[tuple[str, ...], float, float]:
-        """Texts, the wait for the model and the limit of a call."""
+    def prompts(self) -> dict[str, str]:
+        """The texts that a local model wants before others, by name; of another backend none. Waits as `wait_ready`."""
+        return self._core.prompts(self._wait_s)[0]
+
+    def default_prompt_name(self) -> Optional[str]:
+        """The one of them that stands before a text unless another is asked for; None for none."""
+        return self._core.prompts(self._wait_s)[1]
+
+    def _call(
+        self,
+        texts: Iterable[str],
+        wait: bool,
+        timeout: Optional[float],
+        should_stop: Optional[Callable[[], bool]],
+        dtype: Any,
+        prompt_name: Optional[str],
+        prompt: Optional[str],
+    ) -> tuple:
+        """What the core is given for a call."""
         if isinstance(texts, (str, bytes)):
             raise TypeError("texts are a list of str; a single one is for embed_single")
-        return tuple(texts), self._wait_s if wait else 0.0, math.inf if timeout is None else timeout
+        limit = math.inf if timeout is None else timeout
+        wait_s = self._wait_s if wait else 0.0
+        return tuple(texts), wait_s, limit, should_stop, _is_single_precision(dtype), prompt_name, prompt
 
     def check_backend_migration(self, db: Any) -> bool:
         """Whether the vectors stored in `db` were made by another backend, and have to be made anew.

@@ -18,8 +18,8 @@ except ImportError:
 class TextEmbedder(*_BASES):  # type: ignore[misc]
     """Turns texts into their vectors: `[texts] -> [texts x dimension]`.
 
-    The parameters are the configuration of an engine (`tovana_embedding.EmbeddingEngine`), and `dtype`, float32 or
-    float64. There is nothing to fit: `fit` checks that the model can be had. The hashing embedder ("tfidf") weighs a
+    The parameters are the configuration of an engine (`tovana_embedding.EmbeddingEngine`), `dtype`, float32 or
+    float64, and `prompt_name`, which of a local model's prompts stands before each text. There is nothing to fit: `fit` checks that the model can be had. The hashing embedder ("tfidf") weighs a
     term by the other texts of a call, so with it the vectors of two calls compare by shared terms alone.
     """
 
@@ -33,6 +33,7 @@ class TextEmbedder(*_BASES):  # type: ignore[misc]
         api_key: Optional[str] = None,
         dimension: Optional[int] = None,
         dtype: Any = np.float32,
+        prompt_name: Optional[str] = None,
     ):
         self.model_name = model_name
         self.backend = backend
@@ -41,6 +42,7 @@ class TextEmbedder(*_BASES):  # type: ignore[misc]
         self.api_key = api_key
         self.dimension = dimension
         self.dtype = dtype
+        self.prompt_name = prompt_name
 
     def fit(self, X: Iterable[str], y: Any = None) -> "TextEmbedder":
         """Loads the model, and learns how many numbers its vectors have."""
@@ -49,7 +51,7 @@ class TextEmbedder(*_BASES):  # type: ignore[misc]
 
     def transform(self, X: Iterable[str]) -> np.ndarray:
         """The texts' vectors, in their order."""
-        return self._engine().embed(X, dtype=self.dtype)
+        return self._engine().embed(X, dtype=self.dtype, prompt_name=self.prompt_name)
 
     def _engine(self) -> Any:
         holder = self.__dict__.setdefault("_holder", EngineHolder())
