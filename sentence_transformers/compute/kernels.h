@@ -26,7 +26,11 @@ struct Product {
   bool adds;  ///< Whether to add to what is there; `bias` is null then.
 };
 
-/// One head of attention over one text: out = softmax(scale Q K^T + bias) V.
+/// Every token of a text, on one of its sides.
+inline constexpr std::size_t kAllTokens = static_cast<std::size_t>(-1);
+
+/// One head of attention over one text: out = softmax(scale Q K^T + bias) V. Of the keys, a query
+/// sees those in its window; work grows with that, and memory with the length alone.
 struct Attention {
   std::size_t length;  ///< Rows of each matrix.
   std::size_t width;   ///< Columns of each.
@@ -34,6 +38,8 @@ struct Attention {
   const float* key;
   const float* value;
   std::size_t stride;  ///< Of these three.
+  std::size_t before;  ///< How many keys before its own row a query sees; or `kAllTokens`.
+  std::size_t behind;  ///< The same of those behind it.
   float scale;
   /// `distance_bias[key - query]` is added to a score, and `panel` numbers behind the last are
   /// readable; null for none.
@@ -41,6 +47,17 @@ struct Attention {
   float* out;
   std::size_t out_stride;
   float* scratch;  ///< `Kernels::attention_scratch(length, width)` floats.
+};
+
+/// Vectors turned by their row's angles: halves x and y of a vector become x cos - y sin and
+/// y cos + x sin.
+struct Rotation {
+  std::size_t rows;
+  std::size_t vectors;  ///< Of each row, side by side.
+  std::size_t width;    ///< Of each, even.
+  const float* angles;  ///< `[rows x width]`: the cosines of a row's, then the sines.
+  float* numbers;       ///< `[rows x vectors * width]`
+  std::size_t stride;   ///< Of these.
 };
 
 /// out = (in - mean) / sqrt(variance + eps) * weight + bias, of each row.
@@ -79,6 +96,11 @@ struct Kernels {
   void (*add)(const Sum&);
   /// The activation of each of `count` numbers, in place.
   void (*activate)(Activation activation, float* numbers, std::size_t count);
+  /// The activation of the first `width` numbers of each row times the `width` behind those, in
+  /// place of the former.
+  void (*activate_gated)(Activation activation, std::size_t rows, std::size_t width, float* numbers,
+                         std::size_t stride);
+  void (*rotate)(const Rotation&);
   std::size_t (*attention_scratch)(std::size_t length, std::size_t width);
 
   std::size_t padded(std::size_t columns) const { return (columns + panel - 1) / panel * panel; }

@@ -14,8 +14,10 @@
 namespace tovana::sentence_transformers {
 namespace {
 
-std::string current_name(std::string_view name, std::string_view prefix) {
-  if (name.starts_with(prefix)) name.remove_prefix(prefix.size());
+std::string current_name(std::string_view name, std::span<const std::string_view> prefixes) {
+  const auto prefix = std::ranges::find_if(
+      prefixes, [name](std::string_view before) { return name.starts_with(before); });
+  if (prefix != prefixes.end()) name.remove_prefix(prefix->size());
   constexpr std::array<std::pair<std::string_view, std::string_view>, 2> kRenamed = {{
       {"LayerNorm.gamma", "LayerNorm.weight"},
       {"LayerNorm.beta", "LayerNorm.bias"},
@@ -80,10 +82,11 @@ std::string shape_text(std::span<const std::int64_t> shape) {
   return text + "]";
 }
 
-Checkpoint::Checkpoint(const files::ModelDirectory& directory, std::string_view prefix)
+Checkpoint::Checkpoint(const files::ModelDirectory& directory,
+                       std::span<const std::string_view> prefixes)
     : _weights(Weights::open(directory)) {
   for (const auto& [name, tensor] : _weights.tensors()) {
-    const std::string current = current_name(name, prefix);
+    const std::string current = current_name(name, prefixes);
     if (!_tensors.try_emplace(current, &tensor).second) {
       refuse("the tensor " + files::in_quotes(name) + " is there under another name, too: as " +
              files::in_quotes(current) + ", or as what stands for that in older models");
@@ -129,23 +132,28 @@ Matrix Checkpoint::tensor(const std::string& name) const {
   return matrix;
 }
 
-void Checkpoint::for_rows(const std::string& name, const RowsBody& body) const {
+void Checkpoint::for_rows(const std::string& name, Range rows, const RowsBody& body) const {
   const StoredTensor& tensor = _find(name);
-  const auto [rows, columns] = extents_of(*tensor.entry);
+  const std::size_t columns = extents_of(*tensor.entry).columns;
   const std::optional<std::span<const float>> in_place = tensor.file->in_place(*tensor.entry);
-  const FloatBlock copy(in_place ? 0 : std::min(rows, kRowsAtOnce) * columns);
-  for (std::size_t first = 0; first < rows; first += kRowsAtOnce) {
-    const std::size_t count = std::min(kRowsAtOnce, rows - first);
+  const FloatBlock copy(in_place ? 0 : std::min(rows.count, kRowsAtOnce) * columns);
+  for (std::size_t done = 0; done < rows.count; done += kRowsAtOnce) {
+    const std::size_t count = std::min(kRowsAtOnce, rows.count - done);
+    const std::size_t begin = (rows.first + done) * columns;
     std::span<const float> numbers(copy.data(), count * columns);
     if (in_place) {
-      numbers = in_place->subspan(first * columns, count * columns);
+      numbers = in_place->subspan(begin, count * columns);
     } else {
-      tensor.file->read_float32(*tensor.entry, first * columns, {copy.data(), count * columns});
+      tensor.file->read_float32(*tensor.entry, begin, {copy.data(), count * columns});
     }
     if (!is_finite(numbers)) _refuse_not_finite(name);
-    body(first, count, numbers.data());
+    body(done, count, numbers.data());
   }
-  tensor.file->discard(*tensor.entry);
+  tensor.file->discard(*tensor.entry, rows.first * columns, rows.count * columns);
+}
+
+void Checkpoint::for_rows(const std::string& name, const RowsBody& body) const {
+  for_rows(name, {.first = 0, .count = extents_of(*_find(name).entry).rows}, body);
 }
 
 Table Checkpoint::table(const std::string& name, std::size_t threads) const {
@@ -159,7 +167,7 @@ Table Checkpoint::table(const std::string& name, std::size_t threads) const {
   TableCopy copy(tensor, {table.matrix.mutable_data(), table.matrix.size()});
   run_steps(copy, 1, copy.parts(), threads);
   if (!copy.is_finite()) _refuse_not_finite(name);
-  tensor.file->discard(*tensor.entry);
+  tensor.file->discard(*tensor.entry, 0, table.matrix.size());
   return table;
 }
 

@@ -20,6 +20,12 @@ namespace tovana::sentence_transformers {
 /// The numbers of a shape, as a message shows them.
 std::string shape_text(std::span<const std::int64_t> shape);
 
+/// A part of something that is counted.
+struct Range {
+  std::size_t first;
+  std::size_t count;
+};
+
 /// A matrix of which few rows are read.
 struct Table {
   Matrix matrix;
@@ -36,11 +42,12 @@ struct Table {
 /// Threads: immutable; any number may read. Reading blocks on the disk.
 class Checkpoint {
  public:
-  /// The tensors in a module's folder. `prefix` is what some checkpoints put before every name
-  /// ("bert."); it may be missing. Old names of a layer norm's tensors (gamma, beta) are known by
+  /// The tensors in a module's folder. `prefixes` are what some checkpoints put before every name
+  /// ("bert."); they may be missing. Old names of a layer norm's tensors (gamma, beta) are known by
   /// the new ones. Throws as `Weights::open` does, and ModelFilesError for two tensors that are the
   /// same one by that.
-  Checkpoint(const files::ModelDirectory& directory, std::string_view prefix);
+  explicit Checkpoint(const files::ModelDirectory& directory,
+                      std::span<const std::string_view> prefixes = {});
 
   bool contains(std::string_view name) const { return _tensors.contains(name); }
 
@@ -54,11 +61,13 @@ class Checkpoint {
   /// A tensor's numbers. Throws ModelFilesError for one that is not finite.
   Matrix tensor(const std::string& name) const;
 
-  /// `count` rows, from the one with the index `first` on.
+  /// `count` rows, from the one with the index `first` among those asked for on.
   using RowsBody = std::function<void(std::size_t first, std::size_t count, const float* rows)>;
 
-  /// Goes over the rows of a tensor once, in their order, a few at a time; never has more of them in
-  /// memory, and none afterwards. Throws what `tensor` does, and what `body` does.
+  /// Goes over some rows of a tensor once, in their order, a few at a time; never has more of them
+  /// in memory, and none afterwards. Throws what `tensor` does, and what `body` does.
+  void for_rows(const std::string& name, Range rows, const RowsBody& body) const;
+  /// The same of all its rows.
   void for_rows(const std::string& name, const RowsBody& body) const;
 
   /// A tensor of which few rows will be read. In a mapped file it is used where it lies, and its

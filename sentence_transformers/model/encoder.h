@@ -9,12 +9,10 @@
 
 namespace tovana::sentence_transformers {
 
-/// The encoder of BERT and of MPNet, in float32: from tokens to a vector for each token that knows
-/// its neighbours.
+/// An encoder, in float32: from tokens to a vector for each token that knows its neighbours.
 ///
-/// The two differ in where a token's position comes in. BERT adds a vector for it. MPNet adds one
-/// too, counted differently, and adds to every attention score a number that depends on how far
-/// apart the two tokens are.
+/// Layers of two halves, attention and what follows it, each of which adds to a token's vector.
+/// How its parts differ among the families of encoders is in `TransformerConfig`.
 ///
 /// Threads: immutable; any number may encode at once.
 class Encoder {

@@ -61,7 +61,6 @@ constexpr std::array kConfig = std::to_array<KnownMember>({
     {"add_cross_attention", "false"},
     {"is_causal", "false"},
     {"is_decoder", "false"},
-    {"position_embedding_type", R"("absolute")"},
     {"pruned_heads", "{}"},
     {"quantization_config", "null"},
     {"transformers_weights", R"("model.safetensors")"},

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
 #include <vector>
 
 #include "sentence_transformers/compute/float_block.h"
@@ -20,13 +21,36 @@ std::size_t longest_text(const TokenBatch& batch) {
   return static_cast<std::size_t>(longest);
 }
 
+std::optional<PackedMatrix> load_projection(const Checkpoint& checkpoint,
+                                            const TransformerConfig& config,
+                                            const Kernels& kernels) {
+  if (config.embedding_width == config.hidden) return std::nullopt;
+  const std::string name(EncoderNames(checkpoint, config)->projection);
+  const auto depth = static_cast<std::size_t>(config.embedding_width);
+  const Matrix weight = checkpoint.tensor(name + ".weight");
+  PackedMatrix packed(kernels, depth, weight.rows());
+  packed.set_columns(0, weight.rows(), weight.data(), depth,
+                     checkpoint.tensor(name + ".bias").data());
+  return packed;
+}
+
+std::vector<std::optional<RotaryAngles>> rotary_angles(const TransformerConfig& config) {
+  std::vector<std::optional<RotaryAngles>> angles;
+  for (const AttentionKind& kind : config.attention) {
+    auto& own = angles.emplace_back();
+    if (kind.rotary) own.emplace(*kind.rotary, static_cast<std::size_t>(config.head_width));
+  }
+  return angles;
+}
+
 }  // namespace
 
 struct NativeEncoder::Workspace {
   BlockPool::Borrowed memory;
-  float* hidden;              ///< `[rows x hidden]`
-  float* sum;                 ///< `[rows x padded]`
-  std::vector<float*> parts;  ///< The same for each shard, when shards work side by side.
+  float* hidden;               ///< `[rows x hidden]`: what a half layer is given.
+  float* sum;                  ///< `[rows x padded]`
+  std::vector<float*> angles;  ///< `[longest text x head width]`, of each kind of attention.
+  std::vector<float*> parts;   ///< As the sum, for each shard, when shards work side by side.
   std::vector<Bench> benches;
 };
 
@@ -36,30 +60,76 @@ NativeEncoder::NativeEncoder(const Checkpoint& checkpoint, const TransformerConf
       _kernels(kernels),
       _hidden(static_cast<std::size_t>(config.hidden)),
       _padded(kernels.padded(_hidden)),
-      _head_width(_hidden / static_cast<std::size_t>(config.heads)),
+      _head_width(static_cast<std::size_t>(config.head_width)),
       _embedding(checkpoint, config, threads_to_compute_on()),
-      _embedding_norm(load_norm(checkpoint, "embeddings.LayerNorm", config)),
+      _embedding_norm(
+          load_norm(checkpoint, EncoderNames(checkpoint, config)->embedding_norm, config)),
+      _projection(load_projection(checkpoint, config, kernels)),
       _distance_bias(load_distance_bias(checkpoint, config, kernels.panel)),
+      _rotary(rotary_angles(config)),
       _weights(checkpoint, config, kernels, threads_to_compute_on()) {}
 
 void NativeEncoder::_begin(const TokenBatch& batch, const Workspace& workspace) const {
+  const std::size_t rows = rows_of(batch);
+  const std::size_t width = _embedding.width();
   _embedding(batch, workspace.hidden);
-  _embedding_norm(_kernels, rows_of(batch), workspace.hidden, _hidden, workspace.hidden, _hidden);
+  _embedding_norm(_kernels, rows, workspace.hidden, width, workspace.hidden, width);
+  if (_projection) {
+    _projection->multiply(rows, workspace.hidden, width, workspace.sum);
+    for (std::size_t row = 0; row < rows; ++row) {
+      std::copy_n(workspace.sum + row * _padded, _hidden, workspace.hidden + row * _hidden);
+    }
+  }
+  for (std::size_t kind = 0; kind < _rotary.size(); ++kind) {
+    if (_rotary[kind]) _rotary[kind]->fill(longest_text(batch), workspace.angles[kind]);
+  }
 }
 
-void NativeEncoder::_attend(const Shard& shard, const TokenBatch& batch, const float* hidden,
-                            const Bench& bench, float* out, bool adds) const {
+void NativeEncoder::_run_shard(std::size_t half, std::size_t index, const TokenBatch& batch,
+                               const Workspace& workspace, const Bench& bench, float* out,
+                               bool adds) const {
+  const Shard& shard = _weights.layers()[half / 2].shards[index];
   const std::size_t rows = rows_of(batch);
+  if (half % 2 == 0) {
+    _attend(half / 2, shard, batch, workspace, bench);
+    shard.attention_output.multiply_unbiased(rows, bench.context, shard.heads.count * _head_width,
+                                             out, adds);
+    return;
+  }
+  const std::size_t stride = shard.intermediate.padded_columns();
+  shard.intermediate.multiply(rows, workspace.hidden, _hidden, bench.intermediate);
+  if (_config.family->is_gated()) {
+    _kernels.activate_gated(_config.activation, rows, shard.inner, bench.intermediate, stride);
+  } else {
+    _kernels.activate(_config.activation, bench.intermediate, rows * stride);
+  }
+  shard.output.multiply_unbiased(rows, bench.intermediate, stride, out, adds);
+}
+
+void NativeEncoder::_attend(std::size_t layer, const Shard& shard, const TokenBatch& batch,
+                            const Workspace& workspace, const Bench& bench) const {
+  const std::size_t kind =
+      _config.attention_of_layer.empty() ? 0 : _config.attention_of_layer[layer];
+  const AttentionKind& attention = _config.attention[kind];
   const std::size_t width = shard.heads.count * _head_width;
   const std::size_t stride = shard.query_key_value.padded_columns();
-  shard.query_key_value.multiply(rows, hidden, _hidden, bench.query_key_value);
+  shard.query_key_value.multiply(rows_of(batch), workspace.hidden, _hidden, bench.query_key_value);
 
   std::size_t row = 0;
   for (const TokenBatch::Group& group : batch.groups()) {
     const auto length = static_cast<std::size_t>(group.length);
     for (std::int64_t text = 0; text < group.texts; ++text, row += length) {
+      float* const queries = bench.query_key_value + row * stride;
+      if (attention.rotary) {
+        _kernels.rotate({.rows = length,
+                         .vectors = 2 * shard.heads.count,  // Queries, and keys behind them.
+                         .width = _head_width,
+                         .angles = workspace.angles[kind],
+                         .numbers = queries,
+                         .stride = stride});
+      }
       for (std::size_t head = 0; head < shard.heads.count; ++head) {
-        const float* const query = bench.query_key_value + row * stride + head * _head_width;
+        const float* const query = queries + head * _head_width;
         const float* distance_bias = nullptr;
         if (!_distance_bias.empty()) {
           distance_bias =
@@ -71,6 +141,8 @@ void NativeEncoder::_attend(const Shard& shard, const TokenBatch& batch, const f
                          .key = query + width,
                          .value = query + 2 * width,
                          .stride = stride,
+                         .before = attention.before,
+                         .behind = attention.behind,
                          .scale = 1.0F / std::sqrt(static_cast<float>(_head_width)),
                          .distance_bias = distance_bias,
                          .out = bench.context + row * width + head * _head_width,
@@ -79,16 +151,22 @@ void NativeEncoder::_attend(const Shard& shard, const TokenBatch& batch, const f
       }
     }
   }
-  shard.attention_output.multiply_unbiased(rows, bench.context, width, out, adds);
 }
 
-void NativeEncoder::_feed_forward(const Shard& shard, const TokenBatch& batch, const float* hidden,
-                                  const Bench& bench, float* out, bool adds) const {
-  const std::size_t rows = rows_of(batch);
-  const std::size_t inner = shard.intermediate.padded_columns();
-  shard.intermediate.multiply(rows, hidden, _hidden, bench.intermediate);
-  _kernels.activate(_config.activation, bench.intermediate, rows * inner);
-  shard.output.multiply_unbiased(rows, bench.intermediate, inner, out, adds);
+void NativeEncoder::_begin_sum(std::size_t half, const TokenBatch& batch,
+                               const Workspace& workspace) const {
+  const Layer& layer = _weights.layers()[half / 2];
+  const Matrix& bias = half % 2 == 0 ? layer.attention_bias : layer.output_bias;
+  const bool is_kept = _config.family->norms_first && half > 0;
+  const float* const before = is_kept ? workspace.sum : workspace.hidden;
+  _add(batch, before, is_kept ? _padded : _hidden, bias.data(), 0, workspace.sum);
+}
+
+void NativeEncoder::_normalize_sum(std::size_t half, const TokenBatch& batch,
+                                   const Workspace& workspace) const {
+  const Layer& layer = _weights.layers()[half / 2];
+  const LayerNorm& norm = half % 2 == 0 ? layer.attention_norm : layer.output_norm;
+  norm(_kernels, rows_of(batch), workspace.sum, _padded, workspace.hidden, _hidden);
 }
 
 void NativeEncoder::_add(const TokenBatch& batch, const float* left, std::size_t left_stride,
@@ -114,26 +192,15 @@ class NativeEncoder::BatchesApart final : public SteppedWork {
     const TokenBatch& batch = _batches[part];
     const Workspace workspace = _encoder._take_workspace(batch, 1);
     _encoder._begin(batch, workspace);
-    const Bench& bench = workspace.benches.front();
-    float* const hidden = workspace.hidden;
-    float* const sum = workspace.sum;
-    const std::size_t width = _encoder._hidden;
-    const auto normalize = [&](const LayerNorm& norm) {
-      norm(_encoder._kernels, rows_of(batch), sum, _encoder._padded, hidden, width);
-    };
-    for (const Layer& layer : _encoder._weights.layers()) {
-      _encoder._add(batch, hidden, width, layer.attention_bias.data(), 0, sum);
-      for (const Shard& shard : layer.shards) {
-        _encoder._attend(shard, batch, hidden, bench, sum, true);
+    for (std::size_t half = 0; half < _encoder._halves(); ++half) {
+      _encoder._begin_sum(half, batch, workspace);
+      for (std::size_t shard = 0; shard < _encoder._weights.shards(); ++shard) {
+        _encoder._run_shard(half, shard, batch, workspace, workspace.benches.front(), workspace.sum,
+                            true);
       }
-      normalize(layer.attention_norm);
-      _encoder._add(batch, hidden, width, layer.output_bias.data(), 0, sum);
-      for (const Shard& shard : layer.shards) {
-        _encoder._feed_forward(shard, batch, hidden, bench, sum, true);
-      }
-      normalize(layer.output_norm);
+      _encoder._normalize_sum(half, batch, workspace);
     }
-    _consume(part, hidden);
+    _consume(part, workspace.hidden);
   }
 
   void finish(std::size_t) override {}
@@ -156,29 +223,18 @@ class NativeEncoder::BatchTogether final : public SteppedWork {
 
   const float* states() const { return _workspace.hidden; }
 
-  void run(std::size_t step, std::size_t part) override {
-    const Shard& shard = _encoder._weights.layers()[step / 2].shards[part];
-    const Bench& bench = _workspace.benches[part];
-    float* const out = _workspace.parts[part];
-    if (step % 2 == 0) {
-      _encoder._attend(shard, _batch, _workspace.hidden, bench, out, false);
-    } else {
-      _encoder._feed_forward(shard, _batch, _workspace.hidden, bench, out, false);
-    }
+  void run(std::size_t half, std::size_t shard) override {
+    _encoder._run_shard(half, shard, _batch, _workspace, _workspace.benches[shard],
+                        _workspace.parts[shard], false);
   }
 
-  void finish(std::size_t step) override {
-    const Layer& layer = _encoder._weights.layers()[step / 2];
-    const bool is_attention = step % 2 == 0;
-    const Matrix& bias = is_attention ? layer.attention_bias : layer.output_bias;
-    const LayerNorm& norm = is_attention ? layer.attention_norm : layer.output_norm;
-    float* const hidden = _workspace.hidden;
+  void finish(std::size_t half) override {
+    _encoder._begin_sum(half, _batch, _workspace);
     float* const sum = _workspace.sum;
-    _encoder._add(_batch, hidden, _encoder._hidden, bias.data(), 0, sum);
     for (const float* part : _workspace.parts) {
       _encoder._add(_batch, sum, _encoder._padded, part, _encoder._padded, sum);
     }
-    norm(_encoder._kernels, rows_of(_batch), sum, _encoder._padded, hidden, _encoder._hidden);
+    _encoder._normalize_sum(half, _batch, _workspace);
   }
 
  private:
@@ -198,7 +254,7 @@ void NativeEncoder::operator()(std::span<const TokenBatch> batches, const Consum
   run_steps(work, 1, apart.size(), threads);
   for (std::size_t index = apart.size(); index < batches.size(); ++index) {
     BatchTogether batch(*this, batches[index]);
-    run_steps(batch, 2 * _weights.layers().size(), _weights.shards(), threads);
+    run_steps(batch, _halves(), _weights.shards(), threads);
     consume(index, batch.states());
   }
 }
@@ -209,21 +265,29 @@ NativeEncoder::Workspace NativeEncoder::_take_workspace(const TokenBatch& batch,
   const std::size_t width = _weights.most_heads() * _head_width;
   const std::size_t query_key_value = FloatSlices::size(rows * _kernels.padded(3 * width));
   const std::size_t context = FloatSlices::size(rows * width);
-  const std::size_t intermediate = FloatSlices::size(rows * _kernels.padded(_weights.most_inner()));
+  const std::size_t intermediate =
+      FloatSlices::size(rows * _kernels.padded(_weights.most_intermediate()));
   const std::size_t scratch =
       FloatSlices::size(_kernels.attention_scratch(longest_text(batch), _head_width));
+  const std::size_t hidden = FloatSlices::size(rows * std::max(_padded, _embedding.width()));
   const std::size_t sum = FloatSlices::size(rows * _padded);
-  const std::size_t size = 2 * sum + benches * (query_key_value + context + intermediate + scratch +
-                                                (benches > 1 ? sum : 0));
+  const std::size_t angles = FloatSlices::size(longest_text(batch) * _head_width);
+  const std::size_t size =
+      hidden + sum + _rotary.size() * angles +
+      benches * (query_key_value + context + intermediate + scratch + (benches > 1 ? sum : 0));
 
   Workspace workspace = {.memory = _workspaces.borrow(size),
                          .hidden = nullptr,
                          .sum = nullptr,
+                         .angles = {},
                          .parts = {},
                          .benches = {}};
   FloatSlices slices(workspace.memory->data());
-  workspace.hidden = slices.take(sum);
+  workspace.hidden = slices.take(hidden);
   workspace.sum = slices.take(sum);
+  for (std::size_t kind = 0; kind < _rotary.size(); ++kind) {
+    workspace.angles.push_back(slices.take(angles));
+  }
   for (std::size_t i = 0; i < benches; ++i) {
     workspace.benches.push_back({.query_key_value = slices.take(query_key_value),
                                  .context = slices.take(context),

@@ -2,15 +2,19 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
+#include <vector>
 
 #include "sentence_transformers/compute/block_pool.h"
 #include "sentence_transformers/compute/kernels.h"
 #include "sentence_transformers/compute/matrix.h"
+#include "sentence_transformers/compute/packed_matrix.h"
 #include "sentence_transformers/model/checkpoint.h"
 #include "sentence_transformers/model/encoder.h"
 #include "sentence_transformers/model/layer_norm.h"
 #include "sentence_transformers/model/native_layers.h"
+#include "sentence_transformers/model/rotary_angles.h"
 #include "sentence_transformers/model/token_embedding.h"
 #include "sentence_transformers/model/transformer_config.h"
 
@@ -27,6 +31,10 @@ namespace tovana::sentence_transformers {
 ///
 /// A token's vector is the sum of the shards' parts in their order in both cases. So the same text
 /// gives the same states to the bit, whatever it is encoded with and on however many threads.
+///
+/// Half layers end with a norm: of what they were given and what they add to it. Where they begin
+/// with one in the models' own words, that is the one at the end of the half before, and the next
+/// adds to what was there before the norm.
 class NativeEncoder final : public Encoder {
  public:
   /// Reads the weights: throws what `Checkpoint::tensor` does.
@@ -56,12 +64,18 @@ class NativeEncoder final : public Encoder {
   class BatchesApart;
   class BatchTogether;
 
+  // The half layers are counted: attention has an even number, what follows it the next.
+  std::size_t _halves() const noexcept { return 2 * _weights.layers().size(); }
+
   void _begin(const TokenBatch& batch, const Workspace& workspace) const;
-  /// One shard's part of a half layer, attention or what follows it: `out = part`, or added to it.
-  void _attend(const Shard& shard, const TokenBatch& batch, const float* hidden, const Bench& bench,
-               float* out, bool adds) const;
-  void _feed_forward(const Shard& shard, const TokenBatch& batch, const float* hidden,
-                     const Bench& bench, float* out, bool adds) const;
+  /// One shard's part of what a half layer adds: `out = part`, or added to it.
+  void _run_shard(std::size_t half, std::size_t shard, const TokenBatch& batch,
+                  const Workspace& workspace, const Bench& bench, float* out, bool adds) const;
+  void _attend(std::size_t layer, const Shard& shard, const TokenBatch& batch,
+               const Workspace& workspace, const Bench& bench) const;
+  /// Begins the sum that a half layer ends with: what there was before it, and the bias.
+  void _begin_sum(std::size_t half, const TokenBatch& batch, const Workspace& workspace) const;
+  void _normalize_sum(std::size_t half, const TokenBatch& batch, const Workspace& workspace) const;
   void _add(const TokenBatch& batch, const float* left, std::size_t left_stride, const float* right,
             std::size_t right_stride, float* out) const;
 
@@ -74,7 +88,9 @@ class NativeEncoder final : public Encoder {
   std::size_t _head_width;
   TokenEmbedding _embedding;
   LayerNorm _embedding_norm;
-  Matrix _distance_bias;  ///< Empty for BERT.
+  std::optional<PackedMatrix> _projection;           ///< From the embeddings' width to the layers'.
+  Matrix _distance_bias;                             ///< Or empty.
+  std::vector<std::optional<RotaryAngles>> _rotary;  ///< Of each kind of attention.
   NativeLayers _weights;
   mutable BlockPool _workspaces;  ///< The memory of earlier batches, for the next.
 };

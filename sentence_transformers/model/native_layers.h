@@ -14,12 +14,6 @@
 
 namespace tovana::sentence_transformers {
 
-/// A part of something that is counted.
-struct Range {
-  std::size_t first;
-  std::size_t count;
-};
-
 /// The weights of an encoder's layers, arranged for the native encoder (which says what shards are
 /// for). Immutable.
 class NativeLayers {
@@ -28,14 +22,15 @@ class NativeLayers {
     Range heads;
     PackedMatrix query_key_value;  ///< Of its heads: all queries, then all keys, then all values.
     PackedMatrix attention_output;
-    PackedMatrix intermediate;
+    std::size_t inner;          ///< Its part of the inner vector.
+    PackedMatrix intermediate;  ///< `inner` columns, and behind them those of as many factors.
     PackedMatrix output;
   };
 
   struct Layer {
     std::vector<Shard> shards;
     Matrix attention_bias;
-    LayerNorm attention_norm;
+    LayerNorm attention_norm;  ///< Of what is there behind attention; `output_norm` behind all.
     Matrix output_bias;
     LayerNorm output_norm;
   };
@@ -48,16 +43,16 @@ class NativeLayers {
   std::span<const Layer> layers() const noexcept { return _layers; }
 
   std::size_t shards() const noexcept { return _shards; }
-  /// What the largest shard has of the heads, and of the inner vector.
+  /// What the largest shard has of the heads, and the columns of its `intermediate`.
   std::size_t most_heads() const noexcept { return _most_heads; }
-  std::size_t most_inner() const noexcept { return _most_inner; }
+  std::size_t most_intermediate() const noexcept { return _most_intermediate; }
 
  private:
   class Load;
 
   std::size_t _shards;
   std::size_t _most_heads;
-  std::size_t _most_inner;
+  std::size_t _most_intermediate;
   FloatBlock _memory;  ///< That of the shards' matrices.
   std::vector<Layer> _layers;
 };

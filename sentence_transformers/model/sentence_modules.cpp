@@ -128,7 +128,7 @@ FoundModule find_dense(const files::ModelDirectory& directory, std::int64_t widt
   const bool has_residual = settings.flag("use_residual").value_or(false);
   const bool has_bias = settings.flag("bias").value_or(true);
 
-  const auto checkpoint = std::make_shared<const Checkpoint>(directory, "");
+  const auto checkpoint = std::make_shared<const Checkpoint>(directory);
   checkpoint->expect("linear.weight", {out, width});
   if (has_bias) checkpoint->expect("linear.bias", {out});
   if (has_residual && out != width) checkpoint->expect("residual.weight", {out, width});
@@ -151,7 +151,7 @@ FoundModule find_dense(const files::ModelDirectory& directory, std::int64_t widt
 
 FoundModule find_layer_norm(const files::ModelDirectory& directory, std::int64_t width) {
   check_width(JsonObject::read_required(directory, "config.json"), "dimension", width);
-  const auto checkpoint = std::make_shared<const Checkpoint>(directory, "");
+  const auto checkpoint = std::make_shared<const Checkpoint>(directory);
   for (const char* name : {"norm.weight", "norm.bias"}) checkpoint->expect(name, {width});
   const auto load = [checkpoint](const Kernels&) {
     LayerNorm norm = {.weight = checkpoint->tensor("norm.weight"),

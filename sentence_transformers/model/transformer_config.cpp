@@ -1,34 +1,33 @@
 #include "sentence_transformers/model/transformer_config.h"
 
 #include <algorithm>
-#include <array>
 #include <optional>
 #include <string>
 
 #include "sentence_transformers/model/known_members.h"
 #include "sentence_transformers/tokenizer/json_object.h"
-#include "tovana/files/architectures.h"
 
 namespace tovana::sentence_transformers {
 namespace {
 
-/// MPNet's positions begin behind the padding's index, 1.
-constexpr std::int64_t kMPNetFirstPosition = 2;
-
-Architecture architecture_of(const JsonObject& config) {
-  const std::string_view type = config.text("model_type").value_or("");
-  if (!files::is_known_architecture(type)) {
-    config.refuse("\"model_type\" is " + files::in_quotes(type) +
-                  "; supported: " + files::known_architectures());
-  }
-  return type == "mpnet" ? Architecture::mpnet : Architecture::bert;
+std::int64_t read(const JsonObject& config, const Setting<std::int64_t>& setting) {
+  if (setting.name.empty()) return setting.otherwise;
+  return config.count(setting.name_in(config), setting.least).value_or(setting.otherwise);
 }
 
-Activation hidden_activation(const JsonObject& config) {
-  const std::string_view name = config.text("hidden_act").value_or("gelu");
+double read(const JsonObject& config, const Setting<double>& setting) {
+  if (setting.name.empty()) return setting.otherwise;
+  const std::string_view name = setting.name_in(config);
+  const double value = config.number(name).value_or(setting.otherwise);
+  if (!(value >= 0)) config.refuse(files::in_quotes(name) + " is negative");
+  return value;
+}
+
+Activation read(const JsonObject& config, const Setting<std::string_view>& setting) {
+  const std::string_view name = config.text(setting.name).value_or(setting.otherwise);
   const std::optional<Activation> activation = activation_from_hidden_act(name);
   if (!activation) {
-    config.refuse("\"hidden_act\" is " + files::in_quotes(name) +
+    config.refuse(files::in_quotes(setting.name) + " is " + files::in_quotes(name) +
                   "; supported: " + std::string(kHiddenActs));
   }
   return *activation;
@@ -106,64 +105,93 @@ std::int64_t length_of_call(const std::optional<JsonObject>& sentence, std::int6
 
 /// The length that is set above the tokenizer's files wins, and a null there means none; then the
 /// model's, then the tokenizer's. None reaches beyond the table of positions, whatever it says: the
-/// texts that would are those on which the models' own library fails.
-std::optional<std::int64_t> own_length(const files::ModelDirectory& directory,
-                                       const std::optional<JsonObject>& sentence) {
+/// texts that would are those on which the models' own library fails. Without such a table, the
+/// model's own reaches as far as it says.
+std::int64_t own_length(const files::ModelDirectory& directory,
+                        const std::optional<JsonObject>& sentence, std::int64_t longest,
+                        bool has_table) {
   constexpr const char* kOfTokenizer = "model_max_length";
+  const auto limited = [longest](std::optional<std::int64_t> length) {
+    return std::min(length.value_or(longest), longest);
+  };
   const auto above = processor_settings(sentence);
-  if (above && above->contains(kOfTokenizer)) return above->limit(kOfTokenizer);
-  if (const auto own = sentence ? sentence->limit("max_seq_length") : std::nullopt) return own;
+  if (above && above->contains(kOfTokenizer)) return limited(above->limit(kOfTokenizer));
+  if (const auto own = sentence ? sentence->limit("max_seq_length") : std::nullopt) {
+    return has_table ? limited(own) : *own;
+  }
   const auto tokenizer = JsonObject::read(directory, "tokenizer_config.json");
-  return tokenizer ? tokenizer->limit(kOfTokenizer) : std::nullopt;
+  return limited(tokenizer ? tokenizer->limit(kOfTokenizer) : std::nullopt);
 }
 
-std::size_t max_length_of(const files::ModelDirectory& directory,
-                          const std::optional<JsonObject>& sentence, std::int64_t longest) {
-  const std::int64_t length = std::min(own_length(directory, sentence).value_or(longest), longest);
-  return static_cast<std::size_t>(length_of_call(sentence, length));
+/// Throws unless heads divide what they share.
+void check_heads(const JsonObject& config, const TransformerConfig& result) {
+  const Family& family = *result.family;
+  if (result.head_width == 0) {
+    config.refuse(files::in_quotes(family.hidden.name_in(config)) + ", " +
+                  std::to_string(result.hidden) + ", is not a multiple of " +
+                  files::in_quotes(family.heads.name_in(config)) + ", " +
+                  std::to_string(result.heads));
+  }
+  const bool turns = std::ranges::any_of(
+      result.attention, [](const AttentionKind& kind) { return kind.rotary.has_value(); });
+  if (turns && result.head_width % 2 != 0) {
+    config.refuse("heads are " + std::to_string(result.head_width) +
+                  " wide, and rotary positions ask for an even number");
+  }
+}
+
+/// Tokens for which the model has a position.
+std::int64_t longest_text(const JsonObject& config, const TransformerConfig& result) {
+  const bool has_padding = result.family->position_table == PositionTable::behind_padding;
+  const std::int64_t longest = result.positions - (has_padding ? result.padding_id + 1 : 0);
+  if (longest < 1) {
+    config.refuse(files::in_quotes(result.family->positions.name_in(config)) + " is " +
+                  std::to_string(result.positions) + ", which leaves no position for a token");
+  }
+  return longest;
 }
 
 }  // namespace
 
 TransformerConfig read_transformer_config(const files::ModelDirectory& directory, bool is_module) {
   const JsonObject config = JsonObject::read_required(directory, "config.json");
-  const Architecture architecture = architecture_of(config);
-  const bool is_bert = architecture == Architecture::bert;
-
+  const Family& family = family_of(config);
   check_members(config, kConfigMembers);
+  if (family.members != nullptr) check_members(config, *family.members);
 
+  const std::int64_t hidden = read(config, family.hidden);
+  const std::int64_t heads = read(config, family.heads);
   TransformerConfig result = {
-      .architecture = architecture,
-      .vocabulary = config.count("vocab_size").value_or(is_bert ? 30522 : 30527),
-      .positions = config.count("max_position_embeddings").value_or(512),
-      .token_types = is_bert ? config.count("type_vocab_size").value_or(2) : 0,
-      .hidden = config.count("hidden_size").value_or(768),
-      .layers = config.count("num_hidden_layers").value_or(12),
-      .heads = config.count("num_attention_heads").value_or(12),
-      .distance_buckets = is_bert ? 0
-                                  : config.count("relative_attention_num_buckets", kMPNetBuckets)
-                                        .value_or(kMPNetBuckets),
-      .intermediate = config.count("intermediate_size").value_or(3072),
-      .activation = hidden_activation(config),
-      .layer_norm_eps = config.number("layer_norm_eps").value_or(1e-12),
+      .family = &family,
+      .vocabulary = read(config, family.vocabulary),
+      .positions = read(config, family.positions),
+      .padding_id = read(config, family.padding_id),
+      .token_types = read(config, family.token_types),
+      .embedding_width = hidden,
+      .distance_buckets = 0,
+      .layers = read(config, family.layers),
+      .hidden = hidden,
+      .heads = heads,
+      .head_width = hidden % heads == 0 ? hidden / heads : 0,
+      .intermediate = read(config, family.intermediate),
+      .attention = {},
+      .attention_of_layer = {},
+      .biases = family.biases,
+      .activation = read(config, family.activation),
+      .norm_eps = read(config, family.norm_eps),
       .generates = generates_text(config),
       .max_length = 0,
       .tokenizer = {},
   };
-  if (result.hidden % result.heads != 0) {
-    config.refuse("\"hidden_size\", " + std::to_string(result.hidden) +
-                  ", is not a multiple of \"num_attention_heads\", " +
-                  std::to_string(result.heads));
-  }
-  if (!(result.layer_norm_eps >= 0)) config.refuse("\"layer_norm_eps\" is negative");
-  const std::int64_t longest = is_bert ? result.positions : result.positions - kMPNetFirstPosition;
-  if (longest < 1) {
-    config.refuse("\"max_position_embeddings\" is " + std::to_string(result.positions) +
-                  ", which leaves no position for a token");
-  }
+  if (family.complete != nullptr) family.complete(config, result);
+  if (result.attention.empty()) result.attention.emplace_back();
+  check_heads(config, result);
+
   const auto sentence = is_module ? read_sentence_settings(directory) : std::nullopt;
   if (!is_module) refuse_chat_template(directory);
-  result.max_length = max_length_of(directory, sentence, longest);
+  const std::int64_t length = own_length(directory, sentence, longest_text(config, result),
+                                         family.position_table != PositionTable::none);
+  result.max_length = static_cast<std::size_t>(length_of_call(sentence, length));
   result.tokenizer = tokenizer_options(sentence);
   return result;
 }

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include <ATen/ops/cat.h>
@@ -28,8 +29,7 @@ at::Tensor tensor_of(Matrix matrix, at::IntArrayRef shape) {
   return tensor;
 }
 
-at::Tensor load_vector(const Checkpoint& checkpoint, const std::string& name) {
-  Matrix matrix = checkpoint.tensor(name);
+at::Tensor vector_of(Matrix matrix) {
   const auto size = static_cast<std::int64_t>(matrix.size());
   return tensor_of(std::move(matrix), {size});
 }
@@ -41,50 +41,61 @@ at::Tensor load_matrix(const Checkpoint& checkpoint, const std::string& name) {
   return tensor_of(std::move(matrix), {rows, columns});
 }
 
+const TransformerConfig& check_family(const Checkpoint& checkpoint,
+                                      const TransformerConfig& config) {
+  if (config.family != &kBert && config.family != &kMPNet) {
+    checkpoint.refuse("an encoder of the " + std::string(config.family->title) +
+                      " family, which this model library, on libtorch, does not run: "
+                      "supported are BERT and MPNet");
+  }
+  return config;
+}
+
 }  // namespace
 
 TorchEncoder::TorchEncoder(const Checkpoint& checkpoint, const TransformerConfig& config,
                            std::size_t threads)
-    : _config(config),
+    : _config(check_family(checkpoint, config)),
       _embedding(checkpoint, config, threads),
-      _embedding_norm(_load_norm(checkpoint, "embeddings.LayerNorm")),
+      _embedding_norm(_load_norm(checkpoint, EncoderNames(checkpoint, config)->embedding_norm)),
       _distance_bias(load_distance_bias(checkpoint, config, 0)) {
   const c10::InferenceMode inference;  // A setting of this thread's.
+  const EncoderNames names(checkpoint, config);
   for (std::int64_t index = 0; index < config.layers; ++index) {
-    _layers.push_back(_load_layer(checkpoint, index));
+    _layers.push_back(_load_layer(checkpoint, names.layer(index)));
   }
 }
 
 TorchEncoder::Linear TorchEncoder::_load_linear(const Checkpoint& checkpoint,
-                                                const std::string& name) {
-  return {.weight = load_matrix(checkpoint, name + ".weight"),
-          .bias = load_vector(checkpoint, name + ".bias")};
+                                                const StoredLinear& linear) {
+  return {.weight = load_matrix(checkpoint, linear.name + ".weight"),
+          .bias = vector_of(load_bias(checkpoint, linear))};
 }
 
 TorchEncoder::Norm TorchEncoder::_load_norm(const Checkpoint& checkpoint,
-                                            const std::string& name) const {
-  return {.weight = load_vector(checkpoint, name + ".weight"),
-          .bias = load_vector(checkpoint, name + ".bias"),
-          .eps = _config.layer_norm_eps};
+                                            std::string_view name) const {
+  LayerNorm norm = load_norm(checkpoint, name, _config);
+  return {.weight = vector_of(std::move(norm.weight)),
+          .bias = vector_of(std::move(norm.bias)),
+          .eps = norm.eps};
 }
 
 TorchEncoder::Layer TorchEncoder::_load_layer(const Checkpoint& checkpoint,
-                                              std::int64_t index) const {
-  const LayerNames names(_config.architecture, index);
+                                              const LayerTensors& tensors) const {
   std::vector<at::Tensor> weights;
   std::vector<at::Tensor> biases;
-  for (const std::string* name : {&names.query, &names.key, &names.value}) {
-    Linear linear = _load_linear(checkpoint, *name);
+  for (const StoredLinear* part : {&tensors.query, &tensors.key, &tensors.value}) {
+    Linear linear = _load_linear(checkpoint, *part);
     weights.push_back(std::move(linear.weight));
     biases.push_back(std::move(linear.bias));
   }
   return {
       .query_key_value = {.weight = at::cat(weights), .bias = at::cat(biases)},
-      .attention_output = _load_linear(checkpoint, names.attention_output),
-      .attention_norm = _load_norm(checkpoint, names.attention_norm),
-      .intermediate = _load_linear(checkpoint, names.intermediate),
-      .output = _load_linear(checkpoint, names.output),
-      .output_norm = _load_norm(checkpoint, names.output_norm),
+      .attention_output = _load_linear(checkpoint, tensors.attention_output),
+      .attention_norm = _load_norm(checkpoint, tensors.attention_norm),
+      .intermediate = _load_linear(checkpoint, tensors.inner),
+      .output = _load_linear(checkpoint, tensors.output),
+      .output_norm = _load_norm(checkpoint, tensors.output_norm),
   };
 }
 

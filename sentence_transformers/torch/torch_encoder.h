@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <string>
+#include <string_view>
 #include <vector>
 
 #include <ATen/core/Tensor.h>
@@ -11,15 +11,18 @@
 #include "sentence_transformers/compute/matrix.h"
 #include "sentence_transformers/model/checkpoint.h"
 #include "sentence_transformers/model/encoder.h"
+#include "sentence_transformers/model/encoder_tensors.h"
 #include "sentence_transformers/model/token_embedding.h"
 #include "sentence_transformers/model/transformer_config.h"
 
 namespace tovana::sentence_transformers {
 
-/// The encoder as a chain of libtorch's operators, for any processor that libtorch is built for.
+/// The encoder of BERT or MPNet as a chain of libtorch's operators, for any processor that libtorch
+/// is built for.
 class TorchEncoder final : public Encoder {
  public:
-  /// Reads the weights, on that many threads where it can: throws what `Checkpoint::tensor` does.
+  /// Reads the weights, on that many threads where it can: throws what `Checkpoint::tensor` does, and
+  /// ModelFilesError for an encoder of another family.
   TorchEncoder(const Checkpoint& checkpoint, const TransformerConfig& config, std::size_t threads);
 
   std::int64_t rows_per_batch() const noexcept override { return 1024; }
@@ -50,9 +53,9 @@ class TorchEncoder final : public Encoder {
     Norm output_norm;
   };
 
-  static Linear _load_linear(const Checkpoint& checkpoint, const std::string& name);
-  Norm _load_norm(const Checkpoint& checkpoint, const std::string& name) const;
-  Layer _load_layer(const Checkpoint& checkpoint, std::int64_t index) const;
+  static Linear _load_linear(const Checkpoint& checkpoint, const StoredLinear& linear);
+  Norm _load_norm(const Checkpoint& checkpoint, std::string_view name) const;
+  Layer _load_layer(const Checkpoint& checkpoint, const LayerTensors& tensors) const;
 
   at::Tensor _encode(const TokenBatch& batch) const;
   /// What is added to the scores of texts of `length` tokens, `[1 x heads x length x length]`.

@@ -286,10 +286,11 @@ void SafetensorsFile::read_float32(const TensorEntry& tensor, std::size_t first,
   }
 }
 
-void SafetensorsFile::discard(const TensorEntry& tensor) const noexcept {
-  if (_mapping != nullptr) {
-    _mapping->discard(_mapping->bytes().subspan(tensor.offset, tensor.size));
-  }
+void SafetensorsFile::discard(const TensorEntry& tensor, std::size_t first,
+                              std::size_t count) const noexcept {
+  if (_mapping == nullptr) return;
+  const std::size_t width = bits_of(tensor.dtype) / 8;
+  _mapping->discard(_mapping->bytes().subspan(tensor.offset + first * width, count * width));
 }
 
 }  // namespace tovana::sentence_transformers

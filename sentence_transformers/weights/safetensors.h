@@ -54,8 +54,9 @@ class SafetensorsFile {
   /// RuntimeError when the file cannot be read.
   void read_float32(const TensorEntry& tensor, std::size_t first, std::span<float> out) const;
 
-  /// Gives back the memory of a mapped tensor, which nobody is to look at again.
-  void discard(const TensorEntry& tensor) const noexcept;
+  /// Gives back the memory of `count` elements of a mapped tensor, from `first` on, which nobody is
+  /// to look at again.
+  void discard(const TensorEntry& tensor, std::size_t first, std::size_t count) const noexcept;
 
   /// Throws RuntimeError if the file has changed since it was opened.
   void check_unchanged() const { _file.check_unchanged(); }

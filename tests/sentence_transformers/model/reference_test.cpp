@@ -44,7 +44,12 @@ std::vector<ReferenceCase> reference_cases() {
                                     {"tiny_mpnet_mean", "embedding"},
                                     {"tiny_mpnet_odd_dense", "embedding"},
                                     {"tiny_bert_old_modules", "embedding"},
-                                    {"tiny_bert_old_modules", "embedding_normalized"}}) {
+                                    {"tiny_bert_old_modules", "embedding_normalized"},
+                                    {"tiny_distilbert_mean", "embedding_normalized"},
+                                    {"tiny_electra_mean_max", "embedding_normalized"},
+                                    {"tiny_nomic_prompts", "embedding_normalized"},
+                                    {"tiny_nomic_newnames", "embedding_normalized"},
+                                    {"tiny_gte_cls", "embedding_normalized"}}) {
       const fs::path model = tiny_model(name);
       cases.push_back({name, model, model / "reference.jsonl", key,
                        std::string_view(key).ends_with("normalized"), 1e-5, kernels});

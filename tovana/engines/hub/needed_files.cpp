@@ -135,8 +135,7 @@ void check_architecture(const Account& account, const std::string& config_name) 
   }
   const auto& name = type->get_ref<const std::string&>();
   if (files::is_known_architecture(name)) return;
-  account.refuse(config_name, "\"model_type\" is " + in_quotes(name) +
-                                  "; supported: " + files::known_architectures());
+  account.refuse(config_name, files::unknown_architecture(name));
 }
 
 void expect_transformer(Account& account, const std::string& prefix) {
