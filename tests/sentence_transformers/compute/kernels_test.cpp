@@ -1,5 +1,5 @@
 // Every set of kernels that this processor runs, against the same arithmetic in double precision.
-// Attention, sums and norms are seen in the vectors of the tiny models, whose sizes are made for it.
+// Sums and norms are seen in the vectors of the tiny models, whose sizes are made for it.
 
 #include "sentence_transformers/compute/kernels.h"
 
@@ -92,6 +92,87 @@ TEST_P(KernelsTest, ActivationsAreTheirDefinitions) {
   check(Activation::sigmoid, [](double x) { return 1 / (1 + std::exp(-x)); });
   check(Activation::silu, [](double x) { return x / (1 + std::exp(-x)); });
   check(Activation::tanh, [](double x) { return std::tanh(x); });
+}
+
+TEST_P(KernelsTest, AQuerySeesTheKeysOfItsWindow) {
+  struct Row {
+    std::size_t length, width, before, behind;
+  };
+  for (const auto& [length, width, before, behind] :
+       {Row{1, 5, 0, 0}, Row{150, 17, 0, 0}, Row{150, 33, 40, 3}, Row{150, 4, kAllTokens, 0},
+        Row{70, 40, 5, kAllTokens}, Row{65, 16, 64, 64}, Row{33, 8, kAllTokens, kAllTokens}}) {
+    const std::size_t stride = 3 * width + 1;
+    const Numbers rows = random_numbers(length * stride);
+    Numbers out(length * width);
+    Numbers scratch(_kernels.attention_scratch(length, width));
+    _kernels.attend({.length = length,
+                     .width = width,
+                     .query = rows.data(),
+                     .key = rows.data() + width,
+                     .value = rows.data() + 2 * width,
+                     .stride = stride,
+                     .before = before,
+                     .behind = behind,
+                     .scale = 0.3F,
+                     .distance_bias = nullptr,
+                     .out = out.data(),
+                     .out_stride = width,
+                     .scratch = scratch.data()});
+    std::vector<double> expected(length * width);
+    for (std::size_t query = 0; query < length; ++query) {
+      std::vector<double> sums(width);
+      double total = 0;
+      for (std::size_t key = 0; key < length; ++key) {
+        if (key < query ? query - key > before : key - query > behind) continue;
+        double score = 0;
+        for (std::size_t i = 0; i < width; ++i) {
+          score += double{rows[query * stride + i]} * double{rows[key * stride + width + i]};
+        }
+        const double power = std::exp(double{0.3F} * score);
+        total += power;
+        for (std::size_t i = 0; i < width; ++i) {
+          sums[i] += power * double{rows[key * stride + 2 * width + i]};
+        }
+      }
+      for (std::size_t i = 0; i < width; ++i) expected[query * width + i] = sums[i] / total;
+    }
+    SCOPED_TRACE(std::to_string(length) + ", window " + std::to_string(before));
+    expect_near(out, expected, 5e-6);
+  }
+}
+
+TEST_P(KernelsTest, GatesAndRotationsOfEveryWidth) {
+  constexpr std::size_t kRows = 3;
+  for (std::size_t width = 1; width <= 40; ++width) {
+    const std::size_t stride = 2 * width + 5;
+    const Numbers in = random_numbers(kRows * stride);
+    const Numbers angles = random_numbers(kRows * 2 * width);
+    Numbers gated = in;
+    _kernels.activate_gated(Activation::relu, kRows, width, gated.data(), stride);
+    Numbers turned = in;
+    _kernels.rotate({.rows = kRows,
+                     .vectors = 1,
+                     .width = 2 * width,
+                     .angles = angles.data(),
+                     .numbers = turned.data(),
+                     .stride = stride});
+    std::vector<double> products(in.begin(), in.end());
+    std::vector<double> rotated(in.begin(), in.end());
+    for (std::size_t row = 0; row < kRows; ++row) {
+      for (std::size_t i = 0; i < width; ++i) {
+        const std::size_t left = row * stride + i;
+        const double x = in[left];
+        const double y = in[left + width];
+        const double cosine = angles[row * 2 * width + i];
+        const double sine = angles[row * 2 * width + width + i];
+        products[left] = std::max(x, 0.0) * y;
+        rotated[left] = x * cosine - y * sine;
+        rotated[left + width] = y * cosine + x * sine;
+      }
+    }
+    expect_near(gated, products, 1e-6);
+    expect_near(turned, rotated, 2e-6);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(All, KernelsTest,

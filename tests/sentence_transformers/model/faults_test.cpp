@@ -66,6 +66,38 @@ TEST(ModelFaults, OfTheConfiguration) {
                 {{"{'max_position_embeddings': 2}", "'max_position_embeddings' is 2"},
                  {"{'relative_attention_num_buckets': 31}",
                   "'relative_attention_num_buckets' is 31 and should be a whole number from 32"}});
+  expect_faults("tiny_roberta_mean", "config.json",
+                {{"{'pad_token_id': 129}", "'max_position_embeddings' is 130, which leaves no"},
+                 {"{'position_embedding_type': 'relative_key'}", "'position_embedding_type' is"}});
+  expect_faults("tiny_distilbert_mean", "config.json",
+                {{"{'n_heads': 7}", "'dim', 40, is not a multiple of 'n_heads', 7"},
+                 {"{'n_layers': 2}", "'n_layers' is 2, and the weights have more"}});
+  expect_faults("tiny_electra_mean_max", "config.json",
+                {{"{'embedding_size': 25}", "'embedding_size' is 25, and 'embeddings.word_e"}});
+  expect_faults(
+      "tiny_nomic_prompts", "config.json",
+      {{"{'rope_scaling': {'type': 'ntk', 'factor': 2}}",
+        "'rope_scaling': 'type' is 'ntk'; supported: default, linear"},
+       {"{'rope_scaling': {'rope_type': 'linear'}}", "'rope_scaling': 'factor' is not positive"},
+       {"{'rope_parameters': {'rope_theta': -1}}", "'rope_parameters': 'rope_theta' is not"},
+       {"{'rope_parameters': {'partial_rotary_factor': 0.5}}",
+        "'rope_parameters': 'partial_rotary_factor' is not 1"},
+       {"{'head_dim': 11}", "heads are 11 wide, and rotary positions ask for an even number"},
+       {"{'head_dim': 10}",
+        "/model.safetensors: the tensor 'encoder.layers.0.attn.Wqkv.weight' has the shape [144, "},
+       {"{'rotary_emb_interleaved': true}", "'rotary_emb_interleaved' is true; supported: false"}});
+  expect_faults(
+      "tiny_gte_cls", "config.json",
+      {{"{'intermediate_size': 57}",
+        "/model.safetensors: the tensor 'encoder.layer.0.mlp.up_gate_proj.weight' has the shape"},
+       {"{'logn_attention_scale': true}", "'logn_attention_scale' is true; supported"}});
+  expect_faults(
+      "tiny_modernbert_cls", "config.json",
+      {{"{'layer_types': ['full_attention']}", "'layer_types' are 1, and 'num_hidden_"},
+       {"{'layer_types': ['x']}", "'layer_types' holds 'x'; supported: full_attention"},
+       {"{'rope_scaling': {'type': 'linear'}}", "'rope_scaling' is {"},
+       {"{'rope_parameters': {'sliding_attention': {'rope_type': 'yarn'}}}",
+        "'rope_parameters': 'sliding_attention': 'rope_type' is 'yarn'; supported: default"}});
   expect_faults("tiny_bert_cls", "sentence_bert_config.json",
                 {{"{'max_seq_length': 2.5}", "'max_seq_length' is 2.5 and should be a whole"},
                  {"{'processing_kwargs': {'text': {'truncation': false}}}",
@@ -156,7 +188,11 @@ TEST(ModelFaults, OfTheTensors) {
 TEST(ModelFaults, OfEachTensorThatIsMissing) {
   for (const auto& [model, file] : {std::pair("tiny_bert_max_dense", "model.safetensors"),
                                     {"tiny_bert_max_dense", "2_Dense/model.safetensors"},
-                                    {"tiny_mpnet_mean", "model.safetensors"}}) {
+                                    {"tiny_distilbert_mean", "model.safetensors"},
+                                    {"tiny_electra_mean_max", "model.safetensors"},
+                                    {"tiny_gte_cls", "model.safetensors"},
+                                    {"tiny_mpnet_mean", "model.safetensors"},
+                                    {"tiny_nomic_newnames", "model.safetensors"}}) {
     const nlohmann::json tensors = read_safetensors(tiny_model(model) / file).first;
     for (const auto& [name, entry] : tensors.items()) {
       if (name == "__metadata__" || name.starts_with("pooler.")) continue;

@@ -7,11 +7,13 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <span>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -52,8 +54,9 @@ TEST(VariantsTest, OfSeveralLengthsOneCounts) {
     const char* sentence_bert;
     const char* tokenizer;
     std::size_t length;
+    const char* model = "tiny_bert_cls";
   };
-  for (const auto& [sentence_bert, tokenizer, length] : {
+  for (const auto& [sentence_bert, tokenizer, length, name] : {
            Row{R"({"max_seq_length": 300})", "{}", 128},
            {R"({"max_seq_length": 9})", R"({"model_max_length": 5})", 9},
            {"{}", R"({"model_max_length": 5})", 5},
@@ -63,8 +66,11 @@ TEST(VariantsTest, OfSeveralLengthsOneCounts) {
                 "tokenizer_args": {"model_max_length": 5}})",
             "{}", 5},
            {R"({"max_seq_length": 5, "processor_kwargs": {"model_max_length": 1e30}})", "{}", 128},
+           {R"({"max_seq_length": 300})", "{}", 128, "tiny_roberta_mean"},
+           {R"({"max_seq_length": 300})", "{}", 300, "tiny_gte_cls"},
+           {"{}", R"({"model_max_length": 300})", 192, "tiny_gte_cls"},
        }) {
-    const ModelCopy model;
+    const ModelCopy model(name);
     model.patch("sentence_bert_config.json", json::parse(sentence_bert));
     model.patch("tokenizer_config.json", json::parse(tokenizer));
     const auto config = read_transformer_config(files::ModelDirectory(model.path()), true);
@@ -141,40 +147,91 @@ std::string bytes_of(float number, std::string_view dtype) {
   return bytes.substr(0, dtype == "F32" ? 4 : 2);
 }
 
-TEST(VariantsTest, TheTypeOfTheWeightsAndTheWayToReadThemMakeNoDifference) {
-  Floats expected;
-  // The weights lie behind one byte, so that nothing is aligned, or behind four.
-  for (const auto& [dtype, before] :
-       {std::pair("F32", 1U), {"F32", 4U}, {"F64", 1U}, {"BF16", 1U}, {"F16", 1U}}) {
-    const ModelCopy model("tiny_mpnet_odd_dense");
-    const auto file = model.path() / "model.safetensors";
-    auto [header, data] = read_safetensors(file);
-    std::string converted(before, 'x');
-    for (auto& [name, entry] : header.items()) {
-      if (name == "__metadata__") continue;
-      const std::size_t begin = converted.size();
-      for (std::size_t at = entry["data_offsets"][0]; at < entry["data_offsets"][1]; at += 4) {
-        std::uint32_t bits = 0;
-        std::memcpy(&bits, data.data() + at, sizeof bits);
-        // What every one of the types has.
-        const auto number = std::bit_cast<float>(bits & 0xFFFF0000U);
-        converted += bytes_of(std::abs(number) < 0x1p-14F ? 0.F : number, dtype);
-      }
-      entry["dtype"] = dtype;
-      entry["data_offsets"] = {begin, converted.size()};
+/// A file with some of a model's tensors in a type that has them all, behind so many bytes.
+std::string converted_weights(const json& header, const std::string& data, const char* dtype,
+                              std::size_t before, const std::vector<std::string>& names) {
+  std::string converted(before, 'x');
+  json fields = {{"bytes", {{"dtype", "U8"}, {"shape", {before}}, {"data_offsets", {0, before}}}}};
+  for (const std::string& name : names) {
+    const json& entry = header[name];
+    const std::size_t begin = converted.size();
+    for (std::size_t at = entry["data_offsets"][0]; at < entry["data_offsets"][1]; at += 4) {
+      std::uint32_t bits = 0;
+      std::memcpy(&bits, data.data() + at, sizeof bits);
+      // What every one of the types has.
+      const auto number = std::bit_cast<float>(bits & 0xFFFF0000U);
+      converted += bytes_of(std::abs(number) < 0x1p-14F ? 0.F : number, dtype);
     }
-    header["bytes"] = {{"dtype", "U8"}, {"shape", {before}}, {"data_offsets", {0, before}}};
-    std::string text = header.dump();
-    text.resize((text.size() + 7) / 8 * 8, ' ');  // So that the data are aligned.
-    write_file(file, safetensors_file(text, converted));
+    fields[name] = {
+        {"dtype", dtype}, {"shape", entry["shape"]}, {"data_offsets", {begin, converted.size()}}};
+  }
+  std::string text = fields.dump();
+  text.resize((text.size() + 7) / 8 * 8, ' ');  // So that the data are aligned.
+  return safetensors_file(text, converted);
+}
+
+void expect_the_same_of_every_file(const char* name) {
+  Floats expected;
+  // The weights lie behind one byte, so that nothing is aligned, or behind four; in one file or two.
+  for (const auto& [dtype, before, files] : {std::tuple("F32", 1U, 1U),
+                                             {"F32", 4U, 1U},
+                                             {"F64", 1U, 1U},
+                                             {"BF16", 1U, 2U},
+                                             {"F16", 1U, 1U}}) {
+    const ModelCopy model(name);
+    const auto [header, data] = read_safetensors(model.path() / "model.safetensors");
+    std::vector<std::vector<std::string>> names(files);
+    json index;
+    std::size_t next = 0;
+    for (const auto& [tensor, entry] : header.items()) {
+      if (tensor == "__metadata__") continue;
+      const std::size_t file = next++ % files;
+      names[file].push_back(tensor);
+      index["weight_map"][tensor] = std::to_string(file) + ".safetensors";
+    }
+    for (std::size_t file = 0; file < files; ++file) {
+      write_file(model.path() / (std::to_string(file) + ".safetensors"),
+                 converted_weights(header, data, dtype, before, names[file]));
+    }
+    model.patch("model.safetensors", nullptr);
+    model.patch("model.safetensors.index.json", index);
     for (const files::ModelDirectory& directory :
          {files::ModelDirectory(model.path()),
           files::ModelDirectory(model.path(), model.path().parent_path())}) {
       const Floats vector = encode(*load(directory), {kText});
       if (expected.empty()) expected = vector;
-      EXPECT_EQ(vector, expected) << dtype << before << directory.is_snapshot();
+      EXPECT_EQ(vector, expected) << name << dtype << before << directory.is_snapshot();
     }
   }
+}
+
+TEST(VariantsTest, TheTypeOfTheWeightsAndTheWayToReadThemMakeNoDifference) {
+  expect_the_same_of_every_file("tiny_mpnet_odd_dense");
+  expect_the_same_of_every_file("tiny_gte_cls");  // Several matrices are one tensor.
+}
+
+TEST(VariantsTest, MembersHaveOldNames) {
+  const ModelCopy model("tiny_nomic_prompts");
+  const Floats expected = encode(model, {kText});
+  model.patch("config.json", {{"rope_parameters", nullptr}, {"rope_theta", 500}});
+  const Floats other = encode(model, {kText});
+  EXPECT_NE(other, expected);
+  model.patch("config.json", {{"rope_theta", nullptr}, {"rotary_emb_base", 500}});
+  EXPECT_EQ(encode(model, {kText}), other);
+  model.patch("config.json",
+              {{"rope_scaling", {{"type", "linear"}, {"factor", 2}, {"rope_theta", 500}}}});
+  EXPECT_NE(encode(model, {kText}), other);
+  model.patch("config.json", {{"rope_scaling", nullptr}, {"rotary_emb_base", nullptr}});
+  std::ifstream file(model.path() / "config.json");
+  const json config = json::parse(file);
+  for (const auto& [now, before] : {std::pair("hidden_size", "n_embd"),
+                                    {"num_hidden_layers", "n_layer"},
+                                    {"num_attention_heads", "n_head"},
+                                    {"intermediate_size", "n_inner"},
+                                    {"layer_norm_eps", "layer_norm_epsilon"}}) {
+    model.patch("config.json", {{now, nullptr}, {before, config[now]}});
+  }
+  EXPECT_EQ(encode(model, {kText}), expected);
 }
 
 /// The native runtime, and something else that happens while it loads.
