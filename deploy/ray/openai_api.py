@@ -72,7 +72,7 @@ def check_key(authorization: Optional[str], key: Optional[str]) -> None:
             headers={"WWW-Authenticate": "Bearer"},
         )
     # Servers hand on the bytes of a header as Latin-1.
-    if not hmac.compare_digest(given.strip().encode("latin-1", errors="replace"), key.encode()):
+    if not hmac.compare_digest(given.strip().encode("latin-1"), key.encode()):
         raise ApiError(
             401, "Incorrect API key provided.", code="invalid_api_key", headers={"WWW-Authenticate": "Bearer"}
         )
