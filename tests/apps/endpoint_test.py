@@ -131,7 +131,7 @@ def test_writes_what_comes_before_a_fault(tmp_path, in_flight, line, status, sai
             refused.wait(60)
         answer_openai(request)
 
-    given = '{"text":"%s"}\n\n%s\n{"text":"b"}\n' % ("a" * 1_200_000, line)  # more than is held back
+    given = '{"text":"%s"}\n\n%s\n{"text":"b"}' % ("a" * 1_200_000, line)  # more than is held back
     with Server(answer) as server:
         command = openai(server, in_flight, "--jsonl", "--batch-size=1")
         result = run(*command, given=given)
