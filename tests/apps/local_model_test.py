@@ -23,18 +23,20 @@ def test_puts_the_prompt_that_is_named_before_the_texts():
     """A model with the prompts "ask", its default, which pooling leaves out, and two that are empty."""
     model = ("--backend", "local", "--model", str(TINY_MODEL.with_name("tiny_mpnet_odd_dense")))
 
-    def vector(*options):
-        return run("embed", "a file", *options, *model).records()[0]["vector"]
-
-    asked, bare = vector(), vector("--prompt", "query")
-    assert asked == vector("--prompt", "ask") != bare
+    def vectors(*options):
+        return [record["vector"] for record in run("embed", "a file", "read it", *options, *model).records()]
 
     def score(*options):
-        return run("search", "a file", "--json", *options, *model, given="a file\n").records()[0]["score"]
+        return run("search", "a file", "--json", *options, *model, given="read it\n").records()[0]["score"]
 
-    across = pytest.approx(sum(x * y for x, y in zip(asked, bare)))
-    assert score("--prompt", "query") == across == score("--text-prompt", "query") != pytest.approx(1)
-    assert score("--prompt", "query", "--text-prompt", "query") == pytest.approx(1)
+    def cosine(query, text):
+        return pytest.approx(sum(x * y for x, y in zip(query, text)))
+
+    (query, text), (bare_query, bare_text) = vectors(), vectors("--prompt", "query")
+    assert vectors("--prompt", "ask") == [query, text] and query != bare_query
+    assert score() == cosine(query, text)
+    assert score("--prompt", "query") == cosine(bare_query, text)
+    assert score("--text-prompt", "query") == cosine(query, bare_text)
     for option in ("--prompt", "--text-prompt"):
         expect_error(run("search", "a", option, "x", *model, given="a\n"), 64,
                      'the model has no prompt "x"; it has "ask", "document", "query"')
