@@ -2,7 +2,8 @@
 
     compare.py ENCODE_LINES MODEL_DIRECTORY TINY_MODELS [TEXTS [SEED]]
 
-The real model gets TEXTS texts (20,000), each of the variants of its configuration and of the tiny models' a tenth.
+The real model and each of the trained tokenizers of other kinds get TEXTS texts (20,000), each of the variants of the
+model's configuration and of the tiny models' a tenth.
 Ends with status 1 after the first ten texts whose ids differ.
 """
 
@@ -16,6 +17,8 @@ import tempfile
 
 from tokenizers import normalizers
 from transformers import AutoTokenizer
+
+from make_tokenizers import make_tokenizers
 
 SURROGATES = range(0xD800, 0xE000)
 TOKENIZER_FILES = ["tokenizer.json", "tokenizer_config.json", "vocab.txt", "special_tokens_map.json", "config.json"]
@@ -37,9 +40,16 @@ ALPHABETS = [
 SNIPPETS = ["[CLS]", "[SEP]", "[MASK]", "[PAD]", "[UNK]", "[mask]", "<s>", "</s>", "<mask>", "<MASK>", "<pad>", "<unk>",
             "<UNK>", "<ma\u0301sk>", "<foo>", "<FOO>", "##ing", "__init__", "\u0130", "\u03a3", "\u1e9e", "a" * 99,
             "b" * 101, "\u00e9" * 100, " ", "\t", "\u000b", "\u0085", "\u00a0", "\u200b", "\u200d", "\u0301", "\ufffd"]
+# What other kinds of tokenizers might trip over.
+OTHER_SNIPPETS = ["<bos>", "<eos>", "<|endoftext|>", "<think>", "</think>", "<s>NOTUSED", "<unk>NOTUSED", "|||IP_ADDRESS|||",
+                  "<0x0A>", "\uff1cs\uff1e", "\u2581", "\u2581\u2581", "  ", "    ", "\t\t", "\n", "\n\n", "\r\n", " \n ",
+                  "'s", "'LL", "'\u017f", "'\u212a", "don't", "1234567", "\u0663\u00b2\u00bd", "\u3386\u033f", "\u00a9\u200d\u00ae",
+                  "\u0915\u094d\u0924\u0301", "\u1112\u1161\u11ab", "\uac00\u11a8", "\u1161\u0308", "\u0600a", "\u0600 ",
+                  "\u0958", "\u212b", "\ufb01", "\u32ff", "\u0344", "q\u0307\u0323", "\u1e9b\u0323", "\U0001f468\u200d\U0001f469",
+                  "\U0001f1e9\U0001f1ea\u0301", "\U0001d15e", "\u30ac", "\uff76\uff9e", "\ua7f2", "\u0e33", "foo", "[X]", "__", "--"]
 
 
-def random_text(source, words):
+def random_text(source, words, snippets=SNIPPETS):
     parts = []
     for _ in range(source.randrange(0, 12)):
         kind = source.random()
@@ -47,7 +57,7 @@ def random_text(source, words):
             word = source.choice(words)
             parts.append(source.choice([word, word.upper(), word.title(), word.removeprefix("##")]))
         elif kind < 0.65:
-            parts.append(source.choice(SNIPPETS))
+            parts.append(source.choice(snippets))
         else:
             alphabet = source.choice(ALPHABETS)
             codes = [code for code in source.choices(alphabet, k=source.randrange(1, 9)) if code not in SURROGATES]
@@ -140,6 +150,13 @@ def compare(name, program, directory, texts, lowercase_first=False):
     return not differing
 
 
+def texts_for(source, folder, count):
+    """Texts of a tokenizer's own tokens, and of much else."""
+    vocabulary = json.loads((folder / "tokenizer.json").read_text())["model"]["vocab"]
+    words = [entry if isinstance(entry, str) else entry[0] for entry in vocabulary]
+    return [random_text(source, words, SNIPPETS + OTHER_SNIPPETS) for _ in range(count)]
+
+
 def main():
     program, model, tiny = sys.argv[1], pathlib.Path(sys.argv[2]), pathlib.Path(sys.argv[3])
     count = int(sys.argv[4]) if len(sys.argv) > 4 else 20_000
@@ -164,6 +181,12 @@ def main():
                 equal.append(compare(f"{original.name}, {name}", program, copy, few))
                 if name in ("unchanged", "cased", "added tokens, cased"):
                     equal.append(compare(f"{original.name}, {name}, do_lower_case", program, copy, few, True))
+    with tempfile.TemporaryDirectory() as directory:
+        for name, folder in make_tokenizers(pathlib.Path(directory)):
+            equal.append(compare(name, program, folder, texts_for(source, folder, count)))
+    for folder in sorted(tiny.iterdir()):
+        if folder.name != "tiny_bert_f16":  # The same as the first.
+            equal.append(compare(folder.name, program, folder, texts_for(source, folder, count // 10)))
     sys.exit(0 if all(equal) else 1)
 
 

@@ -187,7 +187,10 @@ class ByteTrie::Builder {
 
 ByteTrie::ByteTrie(std::vector<Entry> entries) {
   std::size_t size = 0;
-  for (const Entry& entry : entries) size += entry.key.size();
+  for (const Entry& entry : entries) {
+    size += entry.key.size();
+    _largest_value = std::max(_largest_value, entry.value);
+  }
   if (size > kMostKeyBytes) {
     throw ValueError("a vocabulary of " + std::to_string(size) + " bytes: the limit is " +
                      std::to_string(kMostKeyBytes));

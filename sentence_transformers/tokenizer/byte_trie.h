@@ -37,11 +37,30 @@ class ByteTrie {
   /// How many different keys there are.
   std::size_t size() const noexcept { return _size; }
 
+  /// 0 when there are none.
+  std::int32_t largest_value() const noexcept { return _largest_value; }
+
   /// The node that the keys beginning with `prefix` hang below.
   std::optional<Node> find(std::string_view prefix) const noexcept;
 
   /// The value of exactly this key.
   std::optional<std::int32_t> value_of(std::string_view key) const noexcept;
+
+  /// Calls `on_match(value, size)` for each key that [at, end) begins with, the shortest first.
+  template <class OnMatch>
+  void for_each_match(const char* at, const char* end, const OnMatch& on_match) const {
+    const Slot* const slots = _slots.data();
+    Node node = kRoot;
+    for (const char* next = at; next != end;) {
+      const Node child = (slots[node].children & ~kEnds) ^ static_cast<unsigned char>(*next);
+      if (slots[child].parent != node) return;
+      node = child;
+      ++next;
+      if ((slots[node].children & kEnds) != 0) {
+        on_match(_values[node], static_cast<std::size_t>(next - at));
+      }
+    }
+  }
 
   /// Of the keys below `from` that [at, end) goes on with, the longest.
   Match longest_match(const char* at, const char* end, Node from = kRoot) const noexcept {
@@ -76,6 +95,7 @@ class ByteTrie {
   std::vector<Slot> _slots;  ///< A multiple of 256, so that no byte leads out of it.
   std::vector<std::int32_t> _values;
   std::size_t _size = 0;
+  std::int32_t _largest_value = 0;
 };
 
 }  // namespace tovana::sentence_transformers

@@ -42,6 +42,67 @@ constexpr NamedTokens kMPNetTokens = {{{"bos_token", "<s>"},
                                        {"cls_token", "<s>"},
                                        {"mask_token", "<mask>", true}}};
 
+constexpr NamedTokens kRobertaTokens = {{{"bos_token", "<s>"},
+                                         {"eos_token", "</s>"},
+                                         {"unk_token", "<unk>"},
+                                         {"sep_token", "</s>"},
+                                         {"pad_token", "<pad>"},
+                                         {"cls_token", "<s>"},
+                                         {"mask_token", "<mask>"}}};
+constexpr NamedTokens kCamembertTokens = {{{"bos_token", "<s>"},
+                                           {"eos_token", "</s>"},
+                                           {"unk_token", "<unk>"},
+                                           {"sep_token", "</s>"},
+                                           {"pad_token", "<pad>"},
+                                           {"cls_token", "<s>"},
+                                           {"mask_token", "<mask>", true}}};
+constexpr NamedTokens kQwen2Tokens = {{{"bos_token", ""},
+                                       {"eos_token", "<|endoftext|>"},
+                                       {"unk_token", "<|endoftext|>"},
+                                       {"sep_token", ""},
+                                       {"pad_token", "<|endoftext|>"},
+                                       {"cls_token", ""},
+                                       {"mask_token", ""}}};
+constexpr NamedTokens kGemmaTokens = {{{"bos_token", "<bos>"},
+                                       {"eos_token", "<eos>"},
+                                       {"unk_token", "<unk>"},
+                                       {"sep_token", ""},
+                                       {"pad_token", "<pad>"},
+                                       {"cls_token", ""},
+                                       {"mask_token", "<mask>"}}};
+
+const NamedTokens& named_tokens(TokenizerKind kind) {
+  switch (kind) {
+    case TokenizerKind::bert:
+      return kBertTokens;
+    case TokenizerKind::mpnet:
+      return kMPNetTokens;
+    case TokenizerKind::roberta:
+    case TokenizerKind::xlm_roberta:
+      return kRobertaTokens;
+    case TokenizerKind::camembert:
+      return kCamembertTokens;
+    case TokenizerKind::qwen2:
+      return kQwen2Tokens;
+    case TokenizerKind::gemma:
+      return kGemmaTokens;
+    case TokenizerKind::as_it_is:
+      break;
+  }
+  return kUnnamed;
+}
+
+/// The names of the tokens without which a class does not work: its padding, and those around every
+/// text. MPNet's class keeps the latter whatever the files say.
+bool is_needed(TokenizerKind kind, std::string_view name) {
+  if (kind == TokenizerKind::as_it_is) return false;
+  if (name == "pad_token") return true;
+  const bool has_ends = kind == TokenizerKind::bert || kind == TokenizerKind::roberta;
+  const bool has_bounds = kind == TokenizerKind::xlm_roberta || kind == TokenizerKind::camembert;
+  return (has_ends && (name == "cls_token" || name == "sep_token")) ||
+         (has_bounds && (name == "bos_token" || name == "eos_token"));
+}
+
 std::string_view checked(const JsonObject& file, std::string_view content, std::string_view key) {
   if (content.size() > AddedTokens::kLongestContent) {
     file.refuse(key, "is a token of " + std::to_string(content.size()) + " bytes: the limit is " +
@@ -118,11 +179,8 @@ std::int32_t id_of_key(const JsonObject& config, std::string_view key) {
 
 SpecialTokens::SpecialTokens(const TokenizerSources& sources, TokenizerKind kind)
     : _sources(sources), _kind(kind) {
-  const NamedTokens& named = kind == TokenizerKind::bert    ? kBertTokens
-                             : kind == TokenizerKind::mpnet ? kMPNetTokens
-                                                            : kUnnamed;
   const bool use_map = _sources.special_map && !_sources.lists_added_tokens();
-  for (const NamedToken& token : named) {
+  for (const NamedToken& token : named_tokens(kind)) {
     _refuse_null(token.name, use_map);
     std::optional<AddedToken> found;
     if (use_map) found = find_token(*_sources.special_map, token);
@@ -131,21 +189,26 @@ SpecialTokens::SpecialTokens(const TokenizerSources& sources, TokenizerKind kind
     if (found) _named.emplace(token.name, found->content);
     if (found) _in_order.push_back(std::move(*found));
   }
-  for (const std::string_view key : {"additional_special_tokens", "extra_special_tokens"}) {
+  constexpr std::string_view kExtra = "additional_special_tokens";
+  const bool names_extra = (_sources.config && _sources.config->find(kExtra)) ||
+                           (use_map && _sources.special_map->find(kExtra));
+  for (const std::string_view key : {kExtra, std::string_view("extra_special_tokens")}) {
     if (use_map) _read_extra(*_sources.special_map, key);
     if (_sources.config) _read_extra(*_sources.config, key);
+  }
+  if (kind == TokenizerKind::camembert && !names_extra) {
+    for (const char* const token : {"<s>NOTUSED", "</s>NOTUSED", "<unk>NOTUSED"}) {
+      _in_order.push_back(plain_token(token));
+    }
   }
   for (const AddedToken& token : _in_order) {
     _contents.insert(token.content);
   }
 }
 
-/// A null takes away the token that a class would have otherwise; MPNet's keeps those at the ends.
+/// A null takes away the token that a class would have otherwise.
 void SpecialTokens::_refuse_null(std::string_view name, bool use_map) const {
-  const bool is_needed =
-      (_kind != TokenizerKind::as_it_is && name == "pad_token") ||
-      (_kind == TokenizerKind::bert && (name == "cls_token" || name == "sep_token"));
-  if (!is_needed) return;
+  if (!is_needed(_kind, name)) return;
   const bool in_map = use_map && _sources.special_map->contains(name);
   const std::optional<JsonObject>& file = in_map ? _sources.special_map : _sources.config;
   if (file && file->contains(name) && !file->find(name)) {

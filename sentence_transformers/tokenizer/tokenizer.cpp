@@ -8,21 +8,10 @@
 #include <unordered_map>
 
 #include "sentence_transformers/tokenizer/tokenizer_settings.h"
-#include "sentence_transformers/tokenizer/words.h"
 #include "tovana/exceptions/exceptions.h"
 #include "tovana/files/model_directory.h"
 
 namespace tovana::sentence_transformers {
-namespace {
-
-std::int32_t largest_id_in(const std::vector<ByteTrie::Entry>& vocabulary) {
-  std::int32_t largest = 0;
-  for (const ByteTrie::Entry& entry : vocabulary) largest = std::max(largest, entry.value);
-  return largest;
-}
-
-}  // namespace
-
 Tokenizer::Tokenizer(TokenizerFiles files, const TokenizerOptions& options)
     : Tokenizer(read_tokenizer_settings(std::move(files), options)) {}
 
@@ -31,9 +20,9 @@ Tokenizer Tokenizer::load(const files::ModelDirectory& directory, const Tokenize
 }
 
 Tokenizer::Tokenizer(TokenizerSettings&& settings)
-    : _normalizer(settings.normalizer),
-      _largest_id(largest_id_in(settings.vocabulary)),
-      _word_piece(std::move(settings.vocabulary), settings.word_piece),
+    : _pipeline(make_pipeline(std::move(settings.normalizers), std::move(settings.pre_tokenizers),
+                              std::move(settings.model))),
+      _largest_id(_pipeline->model().largest_id()),
       _keeps_end(settings.keeps_end) {
   _give_ids(settings.added_tokens);
   _read_special_tokens(settings);
@@ -42,7 +31,7 @@ Tokenizer::Tokenizer(TokenizerSettings&& settings)
   std::vector<AddedToken> normalized;
   for (AddedToken& token : settings.added_tokens) {
     if (token.normalized) {
-      token.content = _normalizer.normalize(token.content);
+      token.content = _pipeline->normalize(token.content);
       normalized.push_back(std::move(token));
     } else {
       raw.push_back(std::move(token));
@@ -53,12 +42,12 @@ Tokenizer::Tokenizer(TokenizerSettings&& settings)
 }
 
 /// An added token that the vocabulary has keeps its id there; the others get the numbers behind the
-/// vocabulary's size in the order of addition, whatever ids the files list them under.
+/// vocabulary and behind those before them, whatever ids the files list them under.
 void Tokenizer::_give_ids(std::vector<AddedToken>& tokens) {
-  auto next = static_cast<std::int32_t>(_word_piece.vocabulary_size());
+  auto next = static_cast<std::int32_t>(_pipeline->model().vocabulary_size());
   for (AddedToken& token : tokens) {
-    const std::optional<std::int32_t> known = _word_piece.id_of(token.content);
-    token.id = known ? *known : next++;
+    token.id = _pipeline->model().id_of(token.content).value_or(next);
+    next = std::max(next, token.id + 1);
     _largest_id = std::max(_largest_id, token.id);
   }
 }
@@ -71,12 +60,12 @@ void Tokenizer::_read_special_tokens(const TokenizerSettings& settings) {
   }
   const auto id_of = [&](std::string_view content) {
     if (const auto found = added.find(content); found != added.end()) return found->second;
-    if (const auto known = _word_piece.id_of(content)) return *known;
-    throw files::ModelFilesError(settings.word_piece.vocabulary_file +
+    if (const auto known = _pipeline->model().id_of(content)) return *known;
+    throw files::ModelFilesError(settings.vocabulary_path +
                                  ": the vocabulary lacks the special token " +
                                  files::in_quotes(content));
   };
-  const auto ids_of = [&](const std::vector<TokenizerSettings::TemplateToken>& tokens) {
+  const auto ids_of = [&](const std::vector<SpecialEnds::Token>& tokens) {
     std::vector<std::int32_t> ids;
     for (const auto& token : tokens) {
       ids.push_back(token.id ? *token.id : id_of(token.content));
@@ -85,8 +74,8 @@ void Tokenizer::_read_special_tokens(const TokenizerSettings& settings) {
     }
     return ids;
   };
-  _before = ids_of(settings.before);
-  _behind = ids_of(settings.behind);
+  _before = ids_of(settings.ends.before);
+  _behind = ids_of(settings.ends.behind);
   id_of(settings.pad_token);  // Texts are not padded here, but a tokenizer has it.
   std::sort(_special_ids.begin(), _special_ids.end());
 }
@@ -107,28 +96,29 @@ std::vector<std::int32_t> Tokenizer::encode(std::string_view text, std::size_t m
     ids.push_back(id);
     return ids.size() < most;
   };
-  const auto on_word = [&](std::string_view word, std::size_t characters) {
-    _word_piece.append_ids(word, characters, ids);
-    return ids.size() < most;
-  };
   // A cut that no word and no token reaches across changes no id.
-  const bool may_cut = !_keeps_end && !_normalized_tokens.holds_space();
-  if (ids.size() < most) {
-    if (_normalized_tokens.empty()) {
-      Words words(_normalizer);
-      _raw_tokens.split(
-          text, may_cut, [&](std::string_view piece) { return words.for_each(piece, on_word); },
-          on_token);
-    } else {
-      Words words(_as_is);
-      const auto on_text = [&](std::string_view piece) { return words.for_each(piece, on_word); };
-      _raw_tokens.split(
-          text, may_cut,
-          [&](std::string_view piece) {
-            return _normalized_tokens.split(_normalizer.normalize(piece), false, on_text, on_token);
-          },
-          on_token);
-    }
+  const bool may_cut = !_keeps_end && !_normalized_tokens.holds_space() && _pipeline->may_be_cut();
+  if (ids.size() < most && _normalized_tokens.empty()) {
+    _raw_tokens.split(
+        text, may_cut,
+        [&](std::string_view part) {
+          return _pipeline->append_ids({part, part.data() == text.data()}, most, ids);
+        },
+        on_token);
+  } else if (ids.size() < most) {
+    _raw_tokens.split(
+        text, may_cut,
+        [&](std::string_view part) {
+          const std::string normalized = _pipeline->normalize(part);
+          return _normalized_tokens.split(
+              normalized, false,
+              [&](std::string_view rest) {
+                const bool begins = part.data() == text.data() && rest.data() == normalized.data();
+                return _pipeline->append_normalized_ids({rest, begins}, most, ids);
+              },
+              on_token);
+        },
+        on_token);
   }
   if (ids.size() > end && _keeps_end) {
     const auto first = ids.begin() + std::ssize(_before);

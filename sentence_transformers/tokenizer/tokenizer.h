@@ -2,14 +2,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "sentence_transformers/tokenizer/added_tokens.h"
-#include "sentence_transformers/tokenizer/bert_normalizer.h"
+#include "sentence_transformers/tokenizer/pipeline.h"
 #include "sentence_transformers/tokenizer/tokenizer_files.h"
-#include "sentence_transformers/tokenizer/word_piece.h"
 
 namespace tovana::files {
 class ModelDirectory;
@@ -35,13 +35,14 @@ class Tokenizer {
   static Tokenizer load(const files::ModelDirectory& directory,
                         const TokenizerOptions& options = {});
 
-  /// The ids of a text: the first special token, those of the text, the last special token. A text
+  /// The ids of a text: the special tokens before it, its own, those behind it; at least one. A text
   /// that would have more than `max_length` ids is cut at its end, and what is cut off is not
-  /// looked at; or at its beginning, where the files say so. Ill-formed UTF-8 reads as U+FFFD.
-  /// Throws ValueError when `max_length` is below `special_count()`.
+  /// cut into tokens; or at its beginning, where the files say so. Ill-formed UTF-8 reads as U+FFFD.
+  /// Throws ValueError when `max_length` is below `special_count()`, and when an expression of the
+  /// files takes far too long on the text.
   std::vector<std::int32_t> encode(std::string_view text, std::size_t max_length) const;
 
-  /// How many special tokens every text gets; 2 for BERT and MPNet.
+  /// How many special tokens every text gets, at least 1; 2 for BERT.
   std::size_t special_count() const noexcept { return _before.size() + _behind.size(); }
 
   /// Whether an id is that of a special token: one at the ends of every text, or one that the files
@@ -57,10 +58,8 @@ class Tokenizer {
   void _give_ids(std::vector<AddedToken>& tokens);
   void _read_special_tokens(const TokenizerSettings& settings);
 
-  BertNormalizer _normalizer;
-  BertNormalizer _as_is;  ///< For text that is normalized already.
-  std::int32_t _largest_id;
-  WordPiece _word_piece;
+  std::unique_ptr<const Pipeline> _pipeline;
+  std::int32_t _largest_id = 0;
   AddedTokens _raw_tokens = AddedTokens({});         ///< Looked for in the text.
   AddedTokens _normalized_tokens = AddedTokens({});  ///< Looked for in its normalized pieces.
   std::vector<std::int32_t> _before;

@@ -1,12 +1,19 @@
 #include "sentence_transformers/tokenizer/tokenizer_settings.h"
 
 #include <algorithm>
+#include <memory>
+#include <optional>
 #include <utility>
 
+#include "sentence_transformers/tokenizer/models/read_model.h"
+#include "sentence_transformers/tokenizer/normalizers/bert_normalizer.h"
+#include "sentence_transformers/tokenizer/normalizers/plain_normalizers.h"
+#include "sentence_transformers/tokenizer/normalizers/read_normalizers.h"
+#include "sentence_transformers/tokenizer/post_processors/read_post_processor.h"
+#include "sentence_transformers/tokenizer/pre_tokenizers/read_pre_tokenizers.h"
 #include "sentence_transformers/tokenizer/special_tokens.h"
-#include "sentence_transformers/tokenizer/tokenizer_json.h"
+#include "sentence_transformers/tokenizer/tokenizer_classes.h"
 #include "sentence_transformers/tokenizer/tokenizer_sources.h"
-#include "sentence_transformers/tokenizer/vocabulary.h"
 #include "tovana/files/model_directory.h"
 
 namespace tovana::sentence_transformers {
@@ -36,7 +43,6 @@ void refuse_unsupported_settings(const JsonObject& config) {
   constexpr std::pair<std::string_view, std::string_view> kOnly[] = {
       {"fast_tokenizer_files", "[\"tokenizer.json\"]"},
       {"model_specific_special_tokens", "{}"},
-      {"padding_side", "\"right\""},
       {"split_special_tokens", "false"},
   };
   for (const auto& [name, only] : kOnly) {
@@ -49,17 +55,26 @@ void refuse_unsupported_settings(const JsonObject& config) {
   refuse_without_mask(config);
 }
 
-void refuse_unsupported_settings(const TokenizerSources& sources) {
-  if (sources.config) refuse_unsupported_settings(*sources.config);
-  if (!sources.tokenizer) return;
-  const JsonObject& tokenizer = *sources.tokenizer;
-  word_piece_of(tokenizer);
-  if (tokenizer.text("version").value_or("1.0") != "1.0") {
-    tokenizer.refuse("version", "is not \"1.0\", which alone is known");
+/// Decoders look back from a text's end, and are padded in front of its beginning; that changes no
+/// vector, while a model that knows places by numbers would see others.
+void refuse_padding_side(const TokenizerSources& sources, TokenizerKind kind) {
+  if (kind == TokenizerKind::qwen2 || kind == TokenizerKind::gemma) return;
+  constexpr std::string_view kSide = "padding_side";
+  const auto side = sources.config ? sources.config->text(kSide) : std::nullopt;
+  if (side) {
+    if (*side != "right") {
+      sources.config->refuse(kSide, "is something else than \"right\", which alone is supported");
+    }
+  } else if (direction_of(sources.tokenizer, "padding").value_or("Right") != "Right") {
+    sources.tokenizer->refuse("padding", "is not on the right, where alone it is supported");
   }
-  const bool has_side = sources.config && sources.config->find("padding_side").has_value();
-  if (!has_side && direction_of(sources.tokenizer, "padding").value_or("Right") != "Right") {
-    tokenizer.refuse("padding", "is not on the right, where alone it is supported");
+}
+
+void refuse_unsupported_settings(const TokenizerSources& sources, TokenizerKind kind) {
+  if (sources.config) refuse_unsupported_settings(*sources.config);
+  refuse_padding_side(sources, kind);
+  if (sources.tokenizer && sources.tokenizer->text("version").value_or("1.0") != "1.0") {
+    sources.tokenizer->refuse("version", "is not \"1.0\", which alone is known");
   }
 }
 
@@ -84,25 +99,6 @@ bool read_keeps_end(const TokenizerSources& sources) {
   return direction == "Left";
 }
 
-/// A tokenizer of a known class, which has all of the tokens.
-void build_anew(const std::optional<JsonObject>& config, const SpecialTokens& tokens,
-                const TokenizerOptions& options, TokenizerSettings& settings) {
-  const auto flag = [&config](std::string_view key, std::optional<bool> asked, bool otherwise) {
-    const auto said = config ? config->flag(key) : std::nullopt;
-    return asked.value_or(said.value_or(otherwise));
-  };
-  NormalizerOptions& normalizer = settings.normalizer;
-  normalizer.clean_text = true;
-  normalizer.handle_chinese_chars =
-      flag("tokenize_chinese_chars", options.tokenize_chinese_chars, true);
-  normalizer.lowercase = flag("do_lower_case", options.do_lower_case, true);
-  normalizer.strip_accents = flag("strip_accents", options.strip_accents, normalizer.lowercase);
-  settings.word_piece.unknown_token = *tokens.find("unk_token");
-  settings.before.push_back({*tokens.find("cls_token"), std::nullopt});
-  settings.behind.push_back({*tokens.find("sep_token"), std::nullopt});
-  settings.pad_token = *tokens.find("pad_token");
-}
-
 /// A tokenizer as tokenizer.json has it.
 void take_as_it_is(const TokenizerSources& sources, const SpecialTokens& tokens,
                    TokenizerSettings& settings) {
@@ -112,7 +108,10 @@ void take_as_it_is(const TokenizerSources& sources, const SpecialTokens& tokens,
                                  std::string(kSupportedTokenizers));
   }
   const JsonObject& tokenizer = *sources.tokenizer;
-  read_components(tokenizer, settings);
+  settings.normalizers = read_normalizers(tokenizer);
+  settings.pre_tokenizers = read_pre_tokenizers(tokenizer);
+  settings.model = read_model(tokenizer);
+  settings.ends = read_post_processor(tokenizer);
   if (const std::string* const pad = tokens.find("pad_token")) {
     settings.pad_token = *pad;
   } else if (const auto padding = tokenizer.object("padding")) {
@@ -125,26 +124,37 @@ void take_as_it_is(const TokenizerSources& sources, const SpecialTokens& tokens,
   }
 }
 
+/// What "do_lower_case" of a model asks for.
+void lowercase_first(std::vector<NormalizerStep>& normalizers) {
+  const auto* const bert = normalizers.size() == 1
+                               ? dynamic_cast<const BertNormalizerStep*>(normalizers.front().get())
+                               : nullptr;
+  if (bert == nullptr) {
+    normalizers.insert(normalizers.begin(), std::make_unique<Lowercase>());
+    return;
+  }
+  NormalizerOptions options = bert->options();
+  options.lowercase_first = true;
+  normalizers.front() = std::make_unique<BertNormalizerStep>(options);
+}
+
 }  // namespace
 
 TokenizerSettings read_tokenizer_settings(TokenizerFiles files, const TokenizerOptions& options) {
-  const auto sources = std::make_shared<const TokenizerSources>(std::move(files));
-  const TokenizerKind kind = sources->kind();
-  refuse_unsupported_settings(*sources);
+  const TokenizerSources sources(std::move(files));
+  const TokenizerKind kind = sources.kind();
+  refuse_unsupported_settings(sources, kind);
   TokenizerSettings settings;
-  settings.keeps_end = read_keeps_end(*sources);
-  const SpecialTokens tokens(*sources, kind);
+  settings.vocabulary_path = sources.tokenizer ? sources.tokenizer_path : sources.vocab_txt_path;
+  settings.keeps_end = read_keeps_end(sources);
+  const SpecialTokens tokens(sources, kind);
   if (kind == TokenizerKind::as_it_is) {
-    take_as_it_is(*sources, tokens, settings);
+    take_as_it_is(sources, tokens, settings);
   } else {
-    build_anew(sources->config, tokens, options, settings);
+    build_class(sources, kind, tokens, options, settings);
   }
-  settings.vocabulary = read_vocabulary(*sources);
-  settings.word_piece.vocabulary_file =
-      sources->tokenizer ? sources->tokenizer_path : sources->vocab_txt_path;
   settings.added_tokens = tokens.read_added();
-  settings.normalizer.lowercase_first = options.lowercase_first;
-  settings.source = sources;
+  if (options.lowercase_first) lowercase_first(settings.normalizers);
   return settings;
 }
 

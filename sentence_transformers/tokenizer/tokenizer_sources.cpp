@@ -1,5 +1,6 @@
 #include "sentence_transformers/tokenizer/tokenizer_sources.h"
 
+#include <span>
 #include <utility>
 
 #include "tovana/files/model_directory.h"
@@ -7,16 +8,52 @@
 namespace tovana::sentence_transformers {
 namespace {
 
+using Kinds = std::span<const std::pair<std::string_view, TokenizerKind>>;
+
+std::optional<TokenizerKind> find_kind(Kinds kinds, std::string_view name) {
+  for (const auto& [known, kind] : kinds) {
+    if (known == name) return kind;
+  }
+  return std::nullopt;
+}
+
 TokenizerKind kind_of_class(const JsonObject& file, std::string_view name) {
+  constexpr std::pair<std::string_view, TokenizerKind> kClasses[] = {
+      {"BertTokenizer", TokenizerKind::bert},
+      {"CamembertTokenizer", TokenizerKind::camembert},
+      {"DistilBertTokenizer", TokenizerKind::bert},
+      {"ElectraTokenizer", TokenizerKind::bert},
+      {"GemmaTokenizer", TokenizerKind::gemma},
+      {"MPNetTokenizer", TokenizerKind::mpnet},
+      {"PreTrainedTokenizer", TokenizerKind::as_it_is},
+      {"Qwen2Tokenizer", TokenizerKind::qwen2},
+      {"RobertaTokenizer", TokenizerKind::roberta},
+      {"TokenizersBackend", TokenizerKind::as_it_is},
+      {"XLMRobertaTokenizer", TokenizerKind::xlm_roberta},
+  };
   constexpr std::string_view kFast = "Fast";
   std::string_view plain = name;
   if (plain.ends_with(kFast)) plain.remove_suffix(kFast.size());
-  if (plain == "BertTokenizer" || plain == "DistilBertTokenizer") return TokenizerKind::bert;
-  if (plain == "MPNetTokenizer") return TokenizerKind::mpnet;
-  if (plain == "PreTrainedTokenizer" || plain == "TokenizersBackend")
-    return TokenizerKind::as_it_is;
+  if (const auto kind = find_kind(kClasses, plain)) return *kind;
   file.refuse("tokenizer_class", "is " + files::in_quotes(name) + ", which is not supported; " +
                                      std::string(kSupportedTokenizers));
+}
+
+TokenizerKind kind_of_model(std::string_view type) {
+  constexpr std::pair<std::string_view, TokenizerKind> kModels[] = {
+      {"bert", TokenizerKind::bert},
+      {"camembert", TokenizerKind::camembert},
+      {"distilbert", TokenizerKind::bert},
+      {"electra", TokenizerKind::bert},
+      {"gemma3_text", TokenizerKind::gemma},
+      {"gte", TokenizerKind::xlm_roberta},
+      {"mpnet", TokenizerKind::mpnet},
+      {"nomic_bert", TokenizerKind::bert},
+      {"qwen3", TokenizerKind::qwen2},
+      {"roberta", TokenizerKind::roberta},
+      {"xlm-roberta", TokenizerKind::xlm_roberta},
+  };
+  return find_kind(kModels, type).value_or(TokenizerKind::as_it_is);
 }
 
 }  // namespace
@@ -40,13 +77,13 @@ TokenizerKind TokenizerSources::kind() const {
   const auto from = [](const std::optional<JsonObject>& file, std::string_view key) {
     return file ? file->text(key) : std::nullopt;
   };
+  const std::string_view model = from(model_config, "model_type").value_or("bert");
+  // Many of these name a class that their tokenizer is not.
+  if (model == "modernbert") return TokenizerKind::as_it_is;
   for (const auto* const file : {&config, &model_config}) {
     if (const auto name = from(*file, "tokenizer_class")) return kind_of_class(**file, *name);
   }
-  const std::string_view model = from(model_config, "model_type").value_or("bert");
-  if (model == "mpnet") return TokenizerKind::mpnet;
-  if (model == "bert" || model == "distilbert") return TokenizerKind::bert;
-  return TokenizerKind::as_it_is;
+  return kind_of_model(model);
 }
 
 bool TokenizerSources::lists_added_tokens() const {

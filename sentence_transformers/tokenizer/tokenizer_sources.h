@@ -10,13 +10,13 @@
 namespace tovana::sentence_transformers {
 
 /// How a model's files are read together; see `TokenizerSettings`.
-enum class TokenizerKind { bert, mpnet, as_it_is };
+enum class TokenizerKind { bert, mpnet, roberta, xlm_roberta, camembert, qwen2, gemma, as_it_is };
 
 /// For messages.
 inline constexpr std::string_view kSupportedTokenizers =
-    "supported are BertTokenizer, DistilBertTokenizer, MPNetTokenizer, and tokenizer.json with "
-    "BertNormalizer, BertPreTokenizer, WordPiece and TemplateProcessing, BertProcessing or "
-    "RobertaProcessing";
+    "supported are BertTokenizer, DistilBertTokenizer, ElectraTokenizer, MPNetTokenizer, "
+    "RobertaTokenizer, XLMRobertaTokenizer, CamembertTokenizer, Qwen2Tokenizer, GemmaTokenizer and "
+    "PreTrainedTokenizerFast";
 
 /// A model's files, parsed; what is read from them may refer to their text.
 struct TokenizerSources {

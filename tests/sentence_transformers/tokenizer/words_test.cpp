@@ -1,15 +1,17 @@
 // What texts are cut into, against the models' own library and against plainer ways to the same.
 
-#include "sentence_transformers/tokenizer/words.h"
+#include "sentence_transformers/tokenizer/pre_tokenizers/words.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <random>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "sentence_transformers/tokenizer/byte_trie.h"
 #include "sentence_transformers/tokenizer/tokenizer.h"
@@ -20,6 +22,7 @@
 namespace tovana::sentence_transformers {
 namespace {
 
+using Ids = std::vector<std::int32_t>;
 using Cut = std::vector<std::pair<std::string, std::size_t>>;
 
 Cut words_of(std::string_view text, const BertNormalizer& normalizer) {
@@ -131,35 +134,58 @@ TEST(ByteTrie, FindsWhatASearchThroughAllKeysFinds) {
   }
 }
 
-/// The real model's vocabulary, if it is there, and small ones.
+/// Every model whose references are there: each text with the model's own prompt, if it has one that
+/// is put in front of all, and with each prompt that the references name.
 TEST(Tokenizers, EveryReferenceTextHasItsIdsAtEveryLength) {
-  struct Model {
-    std::filesystem::path folder;
-    std::filesystem::path references;
-    std::size_t max_length;
-  };
-  std::vector<Model> models;
-  for (const auto& [name, max_length] :
-       {std::pair("tiny_bert_cls", 128U), {"tiny_bert_max_dense", 48U}, {"tiny_mpnet_mean", 64U}}) {
-    models.push_back({tiny_model(name), tiny_model(name) / "reference.jsonl", max_length});
-  }
-#ifdef TOVANA_MINILM_DIR
   const std::filesystem::path data = TOVANA_TEST_DATA;
-  models.push_back({TOVANA_MINILM_DIR, data / "minilm_reference.jsonl", 256});
+  std::map<std::filesystem::path, std::filesystem::path> models;  // References by folders.
+  for (const auto& entry : std::filesystem::directory_iterator(data / "tiny_models")) {
+    models[entry.path()] = entry.path() / "reference.jsonl";
+  }
+  ASSERT_GE(models.size(), 20U);
+#ifdef TOVANA_MINILM_DIR
+  models[TOVANA_MINILM_DIR] = data / "minilm_reference.jsonl";
 #endif
-  for (const auto& [folder, references, max_length] : models) {
+  const auto read = [](const std::filesystem::path& file) {
+    return nlohmann::json::parse(std::ifstream(file));
+  };
+  for (const auto& [folder, references] : models) {
     SCOPED_TRACE(folder);
-    const Tokenizer tokenizer = Tokenizer::load(files::ModelDirectory(folder));
-    for (const nlohmann::json& reference : read_references(references)) {
-      const std::string text = reference.at("text");
-      const std::vector<std::int32_t> ids = reference.at("ids");
+    const nlohmann::json sentence = read(folder / "sentence_bert_config.json");
+    const Tokenizer tokenizer = Tokenizer::load(
+        files::ModelDirectory(folder), {.lowercase_first = sentence.value("do_lower_case", false)});
+    const auto expect_ids = [&](const std::string& text, const Ids& ids, std::size_t max_length) {
       ASSERT_EQ(tokenizer.encode(text, max_length), ids) << text;
       EXPECT_TRUE(tokenizer.is_special_id(ids.back()));
+      EXPECT_THAT(ids, testing::Each(testing::Le(tokenizer.largest_id())));
       // A shorter limit keeps the beginning and the last token, also amid the pieces of a word.
-      for (std::size_t length = 2; length < ids.size(); ++length) {
-        auto cut = ids;
+      for (std::size_t length = tokenizer.special_count(); length < ids.size(); ++length) {
+        Ids cut = ids;
         cut.erase(cut.begin() + static_cast<std::ptrdiff_t>(length) - 1, cut.end() - 1);
         ASSERT_EQ(tokenizer.encode(text, length), cut) << text;
+      }
+    };
+    const std::size_t max_length =
+        read(folder / "sentence_bert_config.json")
+            .value(
+                "max_seq_length",
+                read(folder / "tokenizer_config.json").at("model_max_length").get<std::size_t>());
+    const nlohmann::json prompts = read(folder / "config_sentence_transformers.json");
+    const nlohmann::json default_prompt = prompts.value("default_prompt_name", nlohmann::json());
+    for (const nlohmann::json& reference : read_references(references)) {
+      const std::string text = reference.at("text");
+      for (const auto& [member, ids] : reference.items()) {
+        constexpr std::string_view kIds = "ids";
+        constexpr std::string_view kIdsOfPrompt = "ids_prompt_";
+        std::string prompt;
+        if (member.starts_with(kIdsOfPrompt)) {
+          prompt = prompts.at("prompts").at(member.substr(kIdsOfPrompt.size()));
+        } else if (member != kIds) {
+          continue;
+        } else if (!default_prompt.is_null()) {
+          prompt = prompts.at("prompts").at(default_prompt.get<std::string>());
+        }
+        expect_ids(prompt + text, ids, max_length);
       }
     }
   }

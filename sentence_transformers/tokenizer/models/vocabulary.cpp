@@ -1,31 +1,35 @@
-#include "sentence_transformers/tokenizer/vocabulary.h"
+#include "sentence_transformers/tokenizer/models/vocabulary.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <string>
 #include <string_view>
 
-#include "sentence_transformers/tokenizer/tokenizer_json.h"
 #include "sentence_transformers/tokenizer/unicode_tables.h"
 #include "tovana/base/utf8.h"
 #include "tovana/files/model_directory.h"
 
 namespace tovana::sentence_transformers {
-namespace {
 
 using Vocabulary = std::vector<ByteTrie::Entry>;
 
-Vocabulary read_json(const JsonObject& file) {
+namespace {
+
+constexpr std::string_view kVocabulary = "vocab";
+
+}  // namespace
+
+Vocabulary read_ids(const JsonObject& model) {
   Vocabulary entries;
-  const auto vocabulary = word_piece_of(file).object("vocab");
-  if (!vocabulary) file.refuse("vocab", "is missing");
+  const auto vocabulary = model.object(kVocabulary);
+  if (!vocabulary) model.refuse(kVocabulary, "is missing");
   std::vector<bool> seen;
   for (const auto& member : vocabulary->members()) {
     const std::int32_t id = vocabulary->id_of(member.value, member.key);
     const auto index = static_cast<std::size_t>(id);
     if (index >= seen.size()) seen.resize(std::max(index + 1, seen.size() * 2));
     if (seen[index]) {
-      file.refuse("vocab", "has the id " + std::to_string(id) + " twice");
+      model.refuse(kVocabulary, "has the id " + std::to_string(id) + " twice");
     }
     seen[index] = true;
     entries.push_back({member.key, id});
@@ -33,8 +37,28 @@ Vocabulary read_json(const JsonObject& file) {
   return entries;
 }
 
-/// One token a line, its id the line's number from 0; white space at a line's end does not count.
-Vocabulary read_text(const std::string& path, std::string_view text) {
+std::vector<std::pair<std::string_view, double>> read_scores(const JsonObject& model) {
+  const auto vocabulary = model.array(kVocabulary);
+  if (!vocabulary) model.refuse(kVocabulary, "is missing");
+  std::vector<std::pair<std::string_view, double>> tokens;
+  for (const auto& value : *vocabulary) {
+    JsonObject::Array pair;
+    std::string_view token;
+    double score = 0;
+    if (value.get(pair) != simdjson::SUCCESS || pair.size() != 2 ||
+        pair.at(0).get(token) != simdjson::SUCCESS || pair.at(1).get(score) != simdjson::SUCCESS) {
+      model.refuse(kVocabulary, "holds " + shown(value) + ", which is no token with its score");
+    }
+    if (tokens.size() > static_cast<std::size_t>(kLargestTokenId)) {
+      model.refuse(kVocabulary, "has too many tokens");
+    }
+    tokens.emplace_back(token, score);
+  }
+  return tokens;
+}
+
+/// White space at a line's end does not count.
+Vocabulary read_lines(const std::string& path, std::string_view text) {
   Vocabulary entries;
   while (!text.empty()) {
     const auto id = static_cast<std::int32_t>(entries.size());
@@ -50,16 +74,6 @@ Vocabulary read_text(const std::string& path, std::string_view text) {
     entries.push_back({line, id});
   }
   return entries;
-}
-
-}  // namespace
-
-std::vector<ByteTrie::Entry> read_vocabulary(const TokenizerSources& sources) {
-  if (sources.tokenizer) return read_json(*sources.tokenizer);
-  if (sources.vocab_txt) return read_text(sources.vocab_txt_path, *sources.vocab_txt);
-  throw files::ModelFilesError(sources.tokenizer_path +
-                               ": not there, and no vocab.txt either: the tokenizer " +
-                               "has no vocabulary");
 }
 
 }  // namespace tovana::sentence_transformers

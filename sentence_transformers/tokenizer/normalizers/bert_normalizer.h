@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "sentence_transformers/tokenizer/normalizers/normalizer.h"
 #include "sentence_transformers/tokenizer/unicode_tables.h"
 
 namespace tovana::sentence_transformers {
@@ -103,6 +104,20 @@ class BertNormalizer {
 
   NormalizerOptions _options;
   std::array<std::uint8_t, 256> _actions = {};
+};
+
+/// It as a step among others.
+class BertNormalizerStep final : public Normalizer {
+ public:
+  explicit BertNormalizerStep(const NormalizerOptions& options)
+      : _options(options), _normalizer(options) {}
+
+  void normalize(std::string& text) const override { text = _normalizer.normalize(text); }
+  const NormalizerOptions& options() const noexcept { return _options; }
+
+ private:
+  NormalizerOptions _options;
+  BertNormalizer _normalizer;
 };
 
 }  // namespace tovana::sentence_transformers

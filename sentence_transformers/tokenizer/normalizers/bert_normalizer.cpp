@@ -1,4 +1,4 @@
-#include "sentence_transformers/tokenizer/bert_normalizer.h"
+#include "sentence_transformers/tokenizer/normalizers/bert_normalizer.h"
 
 #include "tovana/base/utf8.h"
 

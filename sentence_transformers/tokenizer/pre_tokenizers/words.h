@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "sentence_transformers/tokenizer/bert_normalizer.h"
+#include "sentence_transformers/tokenizer/normalizers/bert_normalizer.h"
 #include "tovana/base/utf8.h"
 
 namespace tovana::sentence_transformers {

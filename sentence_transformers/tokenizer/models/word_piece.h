@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "sentence_transformers/tokenizer/byte_trie.h"
+#include "sentence_transformers/tokenizer/models/model.h"
 
 namespace tovana::sentence_transformers {
 
@@ -15,7 +16,6 @@ struct WordPieceOptions {
   std::string unknown_token = "[UNK]";
   std::string continuing_prefix = "##";  ///< Before every piece but a word's first.
   std::size_t most_characters = 100;     ///< A longer word is unknown.
-  std::string vocabulary_file;           ///< Where the vocabulary comes from, for messages.
 };
 
 /// Cuts words into pieces of a vocabulary: the longest piece that the word begins with, then the
@@ -23,9 +23,9 @@ struct WordPieceOptions {
 ///
 /// Pieces that continue a word are looked up below the node of their prefix, in the same trie.
 /// Threads: immutable; any number may use one.
-class WordPiece {
+class WordPiece final : public Model {
  public:
-  /// Throws ModelFilesError when the unknown token is not in the vocabulary, or that is too large.
+  /// Throws ValueError when the unknown token is not in the vocabulary, or that is too large.
   WordPiece(std::vector<ByteTrie::Entry> vocabulary, const WordPieceOptions& options);
 
   /// Appends the ids of a word, which is not empty: at least one.
@@ -48,10 +48,12 @@ class WordPiece {
     ids.push_back(_unknown_id);
   }
 
-  std::optional<std::int32_t> id_of(std::string_view token) const noexcept {
+  void append_ids(std::string_view word, std::vector<std::int32_t>& ids) const override;
+  std::optional<std::int32_t> id_of(std::string_view token) const noexcept override {
     return _trie.value_of(token);
   }
-  std::size_t vocabulary_size() const noexcept { return _trie.size(); }
+  std::size_t vocabulary_size() const noexcept override { return _trie.size(); }
+  std::int32_t largest_id() const noexcept override { return _trie.largest_value(); }
 
  private:
   ByteTrie _trie;
