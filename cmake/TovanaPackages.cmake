@@ -62,8 +62,8 @@ set(CPACK_DEBIAN_MODEL_LIBRARY_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_MODEL_LIBRARY_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_MODEL_LIBRARY_PACKAGE_ENHANCES tovana-embed)
 set(CPACK_DEBIAN_MODEL_LIBRARY_DESCRIPTION "sentence-transformers models for programs that embed by tovana
-BERT and MPNet models of sentence-transformers run in the process, on the
-processor, with the vectors of the Python library and without Python.
+Models of sentence-transformers run in the process, on the processor, with
+the vectors of the Python library and without Python.
 .
 tovana-embed, and daemons that link tovana-embedding, open this library when
 it is there: nothing has to be configured. Without it they have their other
