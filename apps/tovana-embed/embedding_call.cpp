@@ -125,7 +125,8 @@ TextSource parts_of(const InputTexts& input) {
                      .members = part(input.members),
                      .lines = part(input.lines),
                      .unit = input.unit,
-                     .is_whole = count == input.texts.size()};
+                     .is_whole = count == input.texts.size(),
+                     .prompt = input.prompt};
     first += count;
     return texts;
   };
