@@ -47,17 +47,20 @@ class Embedder:
         return rows.append_column(self._vector_column, pa.FixedSizeListArray.from_arrays(values, vectors.shape[1]))
 
 
-def read(source: Path, id_column: str, text_column: str) -> Dataset:
-    """The rows of a file or folder. Raises ValueError for one that has no columns of these names."""
+def read(source: Path) -> Dataset:
+    """The rows of a file or folder."""
     files = sorted(path for path in source.iterdir() if path.suffix in READERS) if source.is_dir() else [source]
     kinds = {READERS.get(path.suffix) for path in files}
     if len(kinds) != 1 or None in kinds:
         raise ValueError(f"{source}: files of one kind are wanted, of {', '.join(READERS)}")
-    rows = kinds.pop()([str(path) for path in files])
-    for column in (id_column, text_column):
-        if column not in rows.schema().names:
+    return kinds.pop()([str(path) for path in files])
+
+
+def check_columns(source: Path, *columns: str) -> None:
+    names = read(source).schema().names
+    for column in columns:
+        if column not in names:
             raise ValueError(f"{source} has no column '{column}'")
-    return rows
 
 
 def embed(rows: Dataset, arguments: argparse.Namespace) -> Dataset:
@@ -98,16 +101,17 @@ def main() -> None:
     else:
         wanted = arguments.actors * arguments.threads + NOT_EMBEDDING
         ray.init(include_dashboard=False, num_cpus=max(wanted, os.cpu_count() or 1))
+    try:
+        check_columns(arguments.input, arguments.id_column, arguments.text_column)
+    except (OSError, ValueError) as error:
+        sys.exit(f"embed_data: {error}")
+    # For what is read from here on; what does not end in files cannot have checkpoints.
     DataContext.get_current().checkpoint_config = CheckpointConfig(
         id_column=arguments.id_column,
         checkpoint_path=str(Path(arguments.checkpoint).absolute()),
         delete_checkpoint_on_success=False,
     )
-    try:
-        rows = read(arguments.input, arguments.id_column, arguments.text_column)
-    except (OSError, ValueError) as error:
-        sys.exit(f"embed_data: {error}")
-    embed(rows, arguments).write_parquet(str(arguments.output.absolute()), mode="append")
+    embed(read(arguments.input), arguments).write_parquet(str(arguments.output.absolute()), mode="append")
 
 
 if __name__ == "__main__":
