@@ -54,7 +54,7 @@ class Model(BaseModel):
     max_replicas: int = 1
     # Requests that one replica has at a time, and that may wait beside those before clients are told 503.
     max_ongoing_requests: int = 8
-    max_queued_requests: int = 64
+    max_queued_requests: int = 16
 
 
 class Settings(BaseModel):
