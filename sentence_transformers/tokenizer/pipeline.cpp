@@ -39,8 +39,9 @@ class BertPipeline final : public Pipeline {
   bool _append_ids(const BertNormalizer& normalizer, const Piece& piece, std::size_t most,
                    std::vector<std::int32_t>& ids) const {
     Words words(normalizer);
+    const WordPiece& word_piece = _word_piece;  // One load less for each word.
     return words.for_each(piece.text, [&](std::string_view word, std::size_t characters) {
-      _word_piece.append_ids(word, characters, ids);
+      word_piece.append_ids(word, characters, ids);
       return ids.size() < most;
     });
   }

@@ -39,6 +39,7 @@ Tokenizer::Tokenizer(TokenizerSettings&& settings)
   }
   _raw_tokens = AddedTokens(std::move(raw));
   _normalized_tokens = AddedTokens(std::move(normalized));
+  _may_cut = !_keeps_end && !_normalized_tokens.holds_space() && _pipeline->may_be_cut();
 }
 
 /// An added token that the vocabulary has keeps its id there; the others get the numbers behind the
@@ -96,18 +97,16 @@ std::vector<std::int32_t> Tokenizer::encode(std::string_view text, std::size_t m
     ids.push_back(id);
     return ids.size() < most;
   };
-  // A cut that no word and no token reaches across changes no id.
-  const bool may_cut = !_keeps_end && !_normalized_tokens.holds_space() && _pipeline->may_be_cut();
   if (ids.size() < most && _normalized_tokens.empty()) {
     _raw_tokens.split(
-        text, may_cut,
+        text, _may_cut,
         [&](std::string_view part) {
           return _pipeline->append_ids({part, part.data() == text.data()}, most, ids);
         },
         on_token);
   } else if (ids.size() < most) {
     _raw_tokens.split(
-        text, may_cut,
+        text, _may_cut,
         [&](std::string_view part) {
           const std::string normalized = _pipeline->normalize(part);
           return _normalized_tokens.split(

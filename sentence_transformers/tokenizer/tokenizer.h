@@ -66,6 +66,7 @@ class Tokenizer {
   std::vector<std::int32_t> _behind;
   std::vector<std::int32_t> _special_ids;  ///< Ascending.
   bool _keeps_end;
+  bool _may_cut = false;  ///< A text may be cut where no word and no token reaches across.
 };
 
 }  // namespace tovana::sentence_transformers
