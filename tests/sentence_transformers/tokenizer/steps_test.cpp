@@ -57,6 +57,19 @@ TEST(Steps, CutTextsAsTheLibraryThatModelsWereTrainedBehindDoes) {
   }
 }
 
+TEST(Steps, AreThoseOfTheTokenizersClass) {
+  const std::filesystem::path data = TOVANA_TEST_DATA;
+  for (json row : read_references(data / "tokenizer_classes.jsonl")) {
+    const std::string text = row["text"];
+    SCOPED_TRACE(row["tokenizer_config.json"].dump() + text);
+    TokenizerFiles files;
+    files.tokenizer_json = row["tokenizer.json"].dump();
+    files.tokenizer_config_json = row["tokenizer_config.json"].dump();
+    files.config_json = row["config.json"].dump();
+    EXPECT_EQ(Tokenizer(std::move(files)).encode(text, 100), row["ids"].get<Ids>());
+  }
+}
+
 TEST(Steps, RefuseWhatTheyCannotFollow) {
   const auto model = [](const std::string& type, const std::string& members) {
     return R"({"model": {"type": ")" + type + "\", " + members + "}}";
