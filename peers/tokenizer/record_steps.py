@@ -40,7 +40,7 @@ ROWS = [
     (None, split("Contiguous"), "a--b-"),
     (None, split("Removed", True), "-a--b-"),
     (None, split("MergedWithPrevious", True, String="ab"), "xabaaby"),
-    (None, words_of(r"a+?b|[^\S\n]+|(?:cd){2,}|e?+e|\d{2,3}"), "aab \ncdcdcd ee 1234\u06f1"),
+    (None, words_of(r"a+?b|[^\S\n]+|(?:cd){2,}|e?+e|\d{2,3}"), "aab \ncdcdcd ee e 1234\u06f1"),
     (None, words_of(r"(?i:k|sx)|x(?=y)|(?>a+)a|\p{Lu}\P{Lu}*?z"), "K\u212a \u017fX xyx aa \u00c9tz"),
     (None, words_of(r"[\]a-c^-]+|.\n|\.", "Removed"), "x]-^b\ny.z"),
     (None, words_of(r"(?:ab|a)(?:bc|c){0,2}d|\w+(?!\w|-)|[^\W_]"), "abcd abbccd \u00e9\u0301x-y\u1885z\u00b2-\u00b2_-"),
@@ -105,7 +105,11 @@ CLASSES = [
      "\u00a9\u200d\u00ae\u0301 \u0915\u094d\u0924\u0301 \u1112\u1161\u0308 \u0600a \u00e9\u0301"),
     ({"model": WORDS, "pre_tokenizer": FIRST, "added_tokens": [
         added(10, "ab", True), added(11, "<n>", False)]},
-     TRUSTED, "bert", "a ab a<n>a"),
+     TRUSTED, "bert", "aba ab a<n>a"),
+    ({"model": unigram(("a", 1.0), ("ay", -8.0), ("ab", -8.0), ("bcd", -1.0), ("c", -8.0))}, TRUSTED, "bert", "ayxbcd"),
+    ({"model": unigram(("ab", -50.0), ("bcd", -1.0))}, TRUSTED, "bert", "abcd"),
+    ({"model": {**PAIRS, "vocab": {**PAIRS["vocab"], "zz": 40}}, "added_tokens": [
+        added(40, "zz", False), added(41, "<n>", False)]}, TRUSTED, "bert", "zz<n>a"),
     ({"model": unigram(("a", -1.0), ("<0xC3>", 0.0), ("<0xA9>", 0.0), byte_fallback=True)}, TRUSTED, "bert", "a\u00e9\u00e8\u00e9a"),
     ({"model": MANY_WORDS}, {"tokenizer_class": "CamembertTokenizer"}, "camembert", "a ?a</s>NOTUSEDa <mask><s>NOTUSED"),
     ({"model": MANY_WORDS}, {"tokenizer_class": "CamembertTokenizer", "additional_special_tokens": ["??"]}, "camembert",

@@ -43,12 +43,12 @@ Tokenizer::Tokenizer(TokenizerSettings&& settings)
 }
 
 /// An added token that the vocabulary has keeps its id there; the others get the numbers behind the
-/// vocabulary and behind those before them, whatever ids the files list them under.
+/// vocabulary's size in the order of addition, whatever ids the files list them under.
 void Tokenizer::_give_ids(std::vector<AddedToken>& tokens) {
   auto next = static_cast<std::int32_t>(_pipeline->model().vocabulary_size());
   for (AddedToken& token : tokens) {
-    token.id = _pipeline->model().id_of(token.content).value_or(next);
-    next = std::max(next, token.id + 1);
+    const std::optional<std::int32_t> known = _pipeline->model().id_of(token.content);
+    token.id = known ? *known : next++;
     _largest_id = std::max(_largest_id, token.id);
   }
 }
