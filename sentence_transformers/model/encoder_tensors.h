@@ -38,7 +38,7 @@ class EncoderNames {
  public:
   EncoderNames(const Checkpoint& checkpoint, const TransformerConfig& config);
 
-  /// Behind the layers, or inside of one, names are not whole: see `TensorNames`.
+  /// Names of tensors in a layer are what stands behind the layer's number: `in_layer` has the whole.
   const TensorNames* operator->() const noexcept { return &_names; }
 
   std::string in_layer(std::int64_t index, std::string_view name) const;
