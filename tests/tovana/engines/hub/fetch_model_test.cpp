@@ -439,7 +439,8 @@ const Fault kFaults[] = {
     {with("tokenizer.json", "["), "^ModelFiles.*\"tokenizer.json\" cannot be used: "},
     {with("tokenizer.json", "{}"), "^ModelFiles.*it has no \"model\""},
     // Refused before its weights are fetched: commit, listing, and two small files.
-    {with("config.json", R"({"model_type":"gpt2"})"), "^ModelFiles.*\"gpt2\"; supported: bert", 6},
+    {with("config.json", R"({"model_type":"gpt2"})"),
+     "^ModelFiles.*\"gpt2\", a decoder; supported are encoders: bert", 6},
 };
 
 TEST(FetchModelTest, EndsAsItShouldWhateverIsWrong) {
