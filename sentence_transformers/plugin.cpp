@@ -121,7 +121,9 @@ files::ModelDirectory directory_of(abi::Text directory, abi::Text allowed_root) 
 }
 
 abi::Error* check_model(abi::Text directory, abi::Text allowed_root) {
-  return guarded([&] { SentenceTransformer::check(directory_of(directory, allowed_root)); });
+  return guarded([&] {
+    SentenceTransformer::check(directory_of(directory, allowed_root), library_runtime());
+  });
 }
 
 abi::Error* load_model(abi::Text directory, abi::Text allowed_root, const abi::LoadOptions* options,

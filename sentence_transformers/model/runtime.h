@@ -42,8 +42,13 @@ class Runtime {
   /// 1.
   virtual void set_num_threads(std::size_t count) const = 0;
 
+  /// Throws ModelFilesError, naming the checkpoint's file, for an encoder that the runtime does not
+  /// run. Reads no numbers.
+  virtual void check_encoder(const Checkpoint& /*checkpoint*/,
+                             const TransformerConfig& /*config*/) const {}
+
   /// The encoder of a checkpoint in which every tensor has been found (`open_encoder_checkpoint`).
-  /// Reads the numbers: throws what `Checkpoint::tensor` does. Keeps nothing of the checkpoint.
+  /// Reads the numbers: throws what `Checkpoint::tensor` and `check_encoder` do. Keeps nothing of the checkpoint.
   virtual std::unique_ptr<const Encoder> load_encoder(const Checkpoint& checkpoint,
                                                       const TransformerConfig& config) const = 0;
 

@@ -76,8 +76,9 @@ std::unique_ptr<const SentenceTransformer> SentenceTransformer::load(
       new SentenceTransformer(FoundModel(directory), runtime));
 }
 
-void SentenceTransformer::check(const files::ModelDirectory& directory) {
-  static_cast<void>(FoundModel(directory));
+void SentenceTransformer::check(const files::ModelDirectory& directory, const Runtime& runtime) {
+  const FoundModel found(directory);
+  runtime.check_encoder(found.checkpoint, found.config);
 }
 
 SentenceTransformer::SentenceTransformer(FoundModel found, const Runtime& runtime)

@@ -51,7 +51,7 @@ class SentenceTransformer {
 
   /// Throws what `load` would throw, but for what is wrong with the weights' numbers, of which none
   /// is read.
-  static void check(const files::ModelDirectory& directory);
+  static void check(const files::ModelDirectory& directory, const Runtime& runtime);
 
   /// The floats of a vector.
   std::size_t dimension() const noexcept { return _dimension; }

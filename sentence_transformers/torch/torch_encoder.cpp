@@ -41,21 +41,18 @@ at::Tensor load_matrix(const Checkpoint& checkpoint, const std::string& name) {
   return tensor_of(std::move(matrix), {rows, columns});
 }
 
-const TransformerConfig& check_family(const Checkpoint& checkpoint,
-                                      const TransformerConfig& config) {
-  if (config.family != &kBert && config.family != &kMPNet) {
-    checkpoint.refuse("an encoder of the " + std::string(config.family->title) +
-                      " family, which this model library, on libtorch, does not run: "
-                      "supported are BERT and MPNet");
-  }
-  return config;
-}
-
 }  // namespace
+
+void TorchEncoder::check(const Checkpoint& checkpoint, const TransformerConfig& config) {
+  if (config.family == &kBert || config.family == &kMPNet) return;
+  checkpoint.refuse("an encoder of the " + std::string(config.family->title) +
+                    " family, which this model library, on libtorch, does not run: "
+                    "supported are BERT and MPNet");
+}
 
 TorchEncoder::TorchEncoder(const Checkpoint& checkpoint, const TransformerConfig& config,
                            std::size_t threads)
-    : _config(check_family(checkpoint, config)),
+    : _config(config),
       _embedding(checkpoint, config, threads),
       _embedding_norm(_load_norm(checkpoint, EncoderNames(checkpoint, config)->embedding_norm)),
       _distance_bias(load_distance_bias(checkpoint, config, 0)) {

@@ -21,8 +21,10 @@ namespace tovana::sentence_transformers {
 /// is built for.
 class TorchEncoder final : public Encoder {
  public:
-  /// Reads the weights, on that many threads where it can: throws what `Checkpoint::tensor` does, and
-  /// ModelFilesError for an encoder of another family.
+  /// Throws ModelFilesError, naming the checkpoint's file, for an encoder of another family.
+  static void check(const Checkpoint& checkpoint, const TransformerConfig& config);
+
+  /// Reads the weights, on that many threads where it can: throws what `Checkpoint::tensor` does.
   TorchEncoder(const Checkpoint& checkpoint, const TransformerConfig& config, std::size_t threads);
 
   std::int64_t rows_per_batch() const noexcept override { return 1024; }

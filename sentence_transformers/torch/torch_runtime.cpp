@@ -43,8 +43,14 @@ void TorchRuntime::set_num_threads(std::size_t count) const {
   at::set_num_threads(static_cast<int>(std::min(count, kMost)));
 }
 
+void TorchRuntime::check_encoder(const Checkpoint& checkpoint,
+                                 const TransformerConfig& config) const {
+  TorchEncoder::check(checkpoint, config);
+}
+
 std::unique_ptr<const Encoder> TorchRuntime::load_encoder(const Checkpoint& checkpoint,
                                                           const TransformerConfig& config) const {
+  check_encoder(checkpoint, config);
   return std::make_unique<const TorchEncoder>(checkpoint, config, get_num_threads());
 }
 

@@ -14,6 +14,7 @@ class TorchRuntime final : public Runtime {
   void open() const override;
   std::size_t get_num_threads() const override;
   void set_num_threads(std::size_t count) const override;
+  void check_encoder(const Checkpoint& checkpoint, const TransformerConfig& config) const override;
   std::unique_ptr<const Encoder> load_encoder(const Checkpoint& checkpoint,
                                               const TransformerConfig& config) const override;
   const Kernels& kernels() const noexcept override { return best_kernels(); }

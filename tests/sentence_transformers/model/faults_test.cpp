@@ -22,7 +22,7 @@ void expect_fault(const ModelCopy& model, const std::string& fault, bool is_of_n
   EXPECT_THAT(failure,
               testing::AllOf(testing::StartsWith("ModelFilesError: " + model.path().string()),
                              testing::HasSubstr(fault)));
-  EXPECT_EQ(failure_of([&] { SentenceTransformer::check(directory); }),
+  EXPECT_EQ(failure_of([&] { SentenceTransformer::check(directory, library_runtime()); }),
             is_of_numbers ? "none" : failure);
 }
 
@@ -126,7 +126,8 @@ TEST(ModelFaults, OfTheConfiguration) {
   const ModelCopy plain;
   plain.patch("tokenizer_config.json", {{"chat_template", "x"}});
   plain.patch("sentence_bert_config.json", nullptr);
-  EXPECT_NO_THROW(SentenceTransformer::check(files::ModelDirectory(plain.path())));
+  EXPECT_NO_THROW(
+      SentenceTransformer::check(files::ModelDirectory(plain.path()), library_runtime()));
   plain.patch("modules.json", nullptr);
   expect_fault(plain, "/tokenizer_config.json: \"chat_template\" is a template of a chat");
   plain.patch("chat_template.jinja", "x");

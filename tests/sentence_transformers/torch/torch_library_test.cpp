@@ -2,6 +2,7 @@
 // library for every small model and for a real one.
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
@@ -63,9 +64,10 @@ void expect_references(const fs::path& folder, const fs::path& file, const Encod
 TEST(TorchLibraryTest, GivesPythonsVectorsForEverySmallModelOfItsFamilies) {
   for (const fs::directory_entry& model : fs::directory_iterator(tiny_model(""))) {
     const std::string name = model.path().filename();
-    if (!name.starts_with("tiny_bert_") && !name.starts_with("tiny_mpnet_")) {
+    if (std::ranges::none_of(std::array{"tiny_bert_", "tiny_minilm_", "tiny_mpnet_"},
+                             [&](const char* family) { return name.starts_with(family); })) {
       EXPECT_THAT(failure_of([&] { library().check_model(model, model); }),
-                  HasSubstr("config.json"));
+                  testing::ContainsRegex("decoder|on libtorch, does not run"));
       continue;
     }
     for (const bool together : {true, false}) {
