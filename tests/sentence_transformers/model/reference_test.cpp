@@ -49,7 +49,13 @@ std::vector<ReferenceCase> reference_cases() {
                                     {"tiny_electra_mean_max", "embedding_normalized"},
                                     {"tiny_nomic_prompts", "embedding_normalized"},
                                     {"tiny_nomic_newnames", "embedding_normalized"},
-                                    {"tiny_gte_cls", "embedding_normalized"}}) {
+                                    {"tiny_gte_cls", "embedding_normalized"},
+                                    {"tiny_gte_xlmr_prefixed", "embedding_normalized"},
+                                    {"tiny_minilm_multilingual", "embedding_normalized"},
+                                    {"tiny_modernbert_cls", "embedding_normalized"},
+                                    {"tiny_modernbert_mean_old", "embedding_normalized"},
+                                    {"tiny_roberta_mean", "embedding_normalized"},
+                                    {"tiny_xlmr_mean", "embedding_normalized"}}) {
       const fs::path model = tiny_model(name);
       const bool normalize = std::string_view(key).ends_with("normalized");
       cases.push_back({name, model, model / "reference.jsonl", key, normalize,
