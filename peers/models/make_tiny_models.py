@@ -1,8 +1,8 @@
-"""Makes two of the models in tests/data/tiny_models, and their vectors, with Python's own libraries.
+"""Makes three of the models in tests/data/tiny_models, and their vectors, with Python's own libraries.
 
-Whatever a model may say otherwise than most do, one of the two says: sizes that no vector register
+Whatever a model may say otherwise than most do, one of the first two says: sizes that no vector register
 divides, other activations, a default prompt that pooling leaves out, every mode of pooling, every other
-module, the spellings of older versions. Needs torch, transformers and sentence-transformers, as
+module, the spellings of older versions. The third is what large models are, in miniature. Needs torch, transformers and sentence-transformers, as
 scripts/bench model installs them. The tokenizers are those of the other tiny models.
     python peers/models/make_tiny_models.py
 """
@@ -17,7 +17,7 @@ import torch
 from safetensors.torch import load_file, save_file
 from sentence_transformers import SentenceTransformer, models
 from sentence_transformers.base.modules.dense import Dense
-from transformers import BertConfig, BertModel, MPNetConfig, MPNetModel
+from transformers import BertConfig, BertModel, CamembertConfig, CamembertModel, MPNetConfig, MPNetModel
 
 DATA = pathlib.Path(__file__).resolve().parents[2] / "tests" / "data" / "tiny_models"
 SIZES = ("vocab_size", "pad_token_id", "bos_token_id", "eos_token_id", "layer_norm_eps")
@@ -69,8 +69,8 @@ def save(encoder, source, target, max_length, modules, keeps_case=False):
 
 
 def write_references(source, target):
-    """Returns the vectors."""
-    model = SentenceTransformer(str(DATA / target), device="cpu")
+    """Returns the vectors, in float32 whatever the weights are."""
+    model = SentenceTransformer(str(DATA / target), device="cpu", model_kwargs={"dtype": torch.float32})
     vectors = []
     with (DATA / target / "reference.jsonl").open("w") as out:
         for text in texts_of(source):
@@ -139,6 +139,49 @@ def make_old_bert():
     numpy.testing.assert_allclose(write_references(source, target), expected, atol=1e-6)
 
 
+def camembert_tokenizer(source):
+    """The special tokens stand elsewhere in its vocabulary, and one has another score."""
+    content = json.loads((DATA / source / "tokenizer.json").read_text())
+    pieces = content["model"]["vocab"][4:]
+    content["model"]["vocab"] = [["<s>NOTUSED", 0.0], ["<pad>", 0.0], ["</s>NOTUSED", 0.0], ["<unk>", 0.0],
+                                 ["<unk>NOTUSED", -100.0], ["<s>", 0.0], ["</s>", 0.0], *pieces]
+    ids = {piece: number for number, (piece, _) in enumerate(content["model"]["vocab"])}
+    for token in content["added_tokens"]:
+        token["id"] = ids[token["content"]]
+    for name, token in content["post_processor"]["special_tokens"].items():
+        token["ids"] = [ids[name]]
+    return content, ids
+
+
+def make_sharded_camembert():
+    """Weights of half the size in several files."""
+    source, target = "tiny_xlmr_mean", "tiny_camembert_shards"
+    content, ids = camembert_tokenizer(source)
+    torch.manual_seed(7)
+    config = CamembertConfig(
+        vocab_size=len(ids), hidden_size=30, num_attention_heads=3, intermediate_size=44, num_hidden_layers=2,
+        max_position_embeddings=66, type_vocab_size=1, layer_norm_eps=1e-5, initializer_range=0.15,
+        pad_token_id=ids["<pad>"], bos_token_id=ids["<s>"], eos_token_id=ids["</s>"])
+    encoder = CamembertModel(config, add_pooling_layer=False)
+    randomize(encoder)
+    with tempfile.TemporaryDirectory() as folder:
+        folder = pathlib.Path(folder)
+        encoder.to(torch.bfloat16).save_pretrained(folder, max_shard_size="20KB")
+        (folder / "tokenizer.json").write_text(json.dumps(content, ensure_ascii=False))
+        shutil.copy(DATA / source / "tokenizer_config.json", folder)
+        rewrite(folder / "tokenizer_config.json", lambda settings: settings | {
+            "tokenizer_class": "CamembertTokenizer", "model_max_length": 64})
+        model = SentenceTransformer(modules=[models.Transformer(str(folder)), models.Pooling(30)],
+                                    prompts={"ask": PROMPT}, default_prompt_name="ask", device="cpu")
+        shutil.rmtree(DATA / target, ignore_errors=True)
+        model.save(str(DATA / target), create_model_card=False)
+        (DATA / target / "model.safetensors").unlink()
+        for part in folder.glob("model*"):
+            shutil.copy(part, DATA / target)
+    write_references(source, target)
+
+
 if __name__ == "__main__":
     make_odd_mpnet()
     make_old_bert()
+    make_sharded_camembert()

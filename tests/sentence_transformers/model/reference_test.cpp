@@ -33,8 +33,8 @@ struct ReferenceCase {
   const Kernels* kernels;
 };
 
-/// For every set of kernels that this processor runs. What the last two models are made for is told
-/// by peers/models/make_tiny_models.py.
+/// For every set of kernels that this processor runs. What some of the models are made for is
+/// told by peers/models/make_tiny_models.py.
 std::vector<ReferenceCase> reference_cases() {
   std::vector<ReferenceCase> cases;
   for (const Kernels* kernels : supported_kernels()) {
@@ -55,7 +55,8 @@ std::vector<ReferenceCase> reference_cases() {
                                     {"tiny_modernbert_cls", "embedding_normalized"},
                                     {"tiny_modernbert_mean_old", "embedding_normalized"},
                                     {"tiny_roberta_mean", "embedding_normalized"},
-                                    {"tiny_xlmr_mean", "embedding_normalized"}}) {
+                                    {"tiny_xlmr_mean", "embedding_normalized"},
+                                    {"tiny_camembert_shards", "embedding_normalized"}}) {
       const fs::path model = tiny_model(name);
       const bool normalize = std::string_view(key).ends_with("normalized");
       cases.push_back({name, model, model / "reference.jsonl", key, normalize,
