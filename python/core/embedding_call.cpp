@@ -57,6 +57,19 @@ struct CallApart {
   }
 };
 
+/// Vectors that are freed while other threads have the interpreter: of a large call that takes long.
+struct FreedApart {
+  std::vector<Vector> vectors;
+
+  explicit FreedApart(std::vector<Vector> of) : vectors(std::move(of)) {}
+  ~FreedApart() {
+    const WithoutInterpreter others_may_run;
+    vectors = {};
+  }
+  FreedApart(const FreedApart&) = delete;
+  FreedApart& operator=(const FreedApart&) = delete;
+};
+
 /// Tells a call that nobody waits for it any more.
 class StopAtReturn {
  public:
@@ -107,6 +120,7 @@ void embed_apart(const SharedEngine& engine, std::vector<std::string> texts, boo
   const auto call = std::make_shared<CallApart>(engine, std::move(texts), limits.deadline());
   const StopAtReturn stop(*call);
   start_background_thread("tovana-call", [call] { call->run(); });
+  const auto check = [&] { is_bounded ? limits.check_stopped() : limits.check(); };
   for (;;) {
     bool has_ended = false;
     {
@@ -114,14 +128,17 @@ void embed_apart(const SharedEngine& engine, std::vector<std::string> texts, boo
       has_ended = call->wait_a_slice();
     }
     if (has_ended) break;
-    if (is_bounded) {
-      limits.check_stopped();
-    } else {
-      limits.check();
-    }
+    check();
   }
   if (call->failure != nullptr) std::rethrow_exception(call->failure);
-  array.add(call->vectors);
+  const FreedApart made(std::move(call->vectors));
+  constexpr std::size_t kAtATime = 1 << 14;
+  for (std::span<const Vector> left = made.vectors; !left.empty();) {
+    check();
+    const std::size_t count = std::min(kAtATime, left.size());
+    array.add(left.first(count));
+    left = left.subspan(count);
+  }
 }
 
 }  // namespace tovana::python

@@ -21,7 +21,7 @@ void* numbers_of(const nb::object& array) {
 }
 
 template <class Number>
-void copy(const std::vector<Vector>& vectors, Number* to) {
+void copy(std::span<const Vector> vectors, Number* to) {
   for (const Vector& vector : vectors) {
     to = std::ranges::transform(vector, to, [](double number) {
            return static_cast<Number>(number);
@@ -31,7 +31,7 @@ void copy(const std::vector<Vector>& vectors, Number* to) {
 
 }  // namespace
 
-void VectorArray::add(const std::vector<Vector>& vectors) {
+void VectorArray::add(std::span<const Vector> vectors) {
   if (_numbers == nullptr) _allocate(vectors.front().size());
   const auto other = std::ranges::find_if(
       vectors, [this](const Vector& vector) { return vector.size() != _columns; });

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstddef>
-#include <vector>
+#include <span>
 
 #include <nanobind/nanobind.h>
 
@@ -18,7 +18,7 @@ class VectorArray {
 
   /// The next vectors, which have as many numbers as the first one; otherwise throws RuntimeError.
   /// Has the interpreter, and lets others have it while it copies.
-  void add(const std::vector<embedding::Vector>& vectors);
+  void add(std::span<const embedding::Vector> vectors);
 
   /// The array, `[rows x dimension]`, when all have come; `[0 x 0]` for no rows.
   nanobind::object release();

@@ -212,6 +212,8 @@ def test_logs_by_pythons_loggers(tmp_path):
 
 
 def test_goes_on_in_a_forked_child():
+    with tovana_embedding.acquire({"backend": "tfidf", "dimension": 64}) as past:
+        past.embed(["a"])
     with tovana_embedding.acquire(LOCAL) as engine, EmbeddingEngine(TFIDF) as idle:
         expected = engine.embed(TEXTS)
         child = os.fork()
@@ -219,7 +221,9 @@ def test_goes_on_in_a_forked_child():
             status = 1
             try:
                 assert (engine.embed(TEXTS) == expected).all()
-                assert idle.embed(["a"]).shape == (1, 8)
+                assert idle.embed(["a"]).shape == past.embed(["a"])[:, :8].shape == (1, 8)
+                with tovana_embedding.acquire({"backend": "tfidf", "dimension": 512}) as other:
+                    assert other.embed(["a"]).shape == (1, 512)  # whatever has its address
                 with tovana_embedding.acquire(LOCAL) as own:
                     assert own is not engine and (own.embed(TEXTS) == expected).all()
                 tovana_embedding.release(engine)

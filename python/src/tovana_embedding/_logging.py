@@ -29,7 +29,7 @@ def emit(name: str, level: str, format: str, arguments: tuple[Any, ...], error: 
         logger = _loggers[name] = logging.getLogger(f"tovana_embedding.{name}")
     number = getattr(logging, level)
     if not logger.isEnabledFor(number):
-        if _watchers and name == "engines.hub":
+        if _watchers and name == "engines.hub" and sys.stderr is not None:
             print(format % arguments, file=sys.stderr, flush=True)
         return
     exc_info: Any = None

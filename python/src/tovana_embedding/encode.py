@@ -42,7 +42,9 @@ class SentenceTransformer:
             #: What stands before sentences, by name: the model's, and those that were given.
             self.prompts: dict[str, str] = {**self._engine.prompts(), **(prompts or {})}
             #: The one of them that does unless `encode` is told otherwise; None for none.
-            self.default_prompt_name: Optional[str] = default_prompt_name or self._engine.default_prompt_name()
+            self.default_prompt_name: Optional[str] = (
+                self._engine.default_prompt_name() if default_prompt_name is None else default_prompt_name
+            )
             self._prompt(None, None)
         except EmbeddingNotReadyError as error:
             self.close()
@@ -70,16 +72,17 @@ class SentenceTransformer:
         """
         if not normalize_embeddings:
             raise ValueError("normalize_embeddings=False: vectors have unit length here, whatever the model")
+        engine = self._open_engine()
         prompt = self._prompt(prompt_name, prompt)
         if batch_size < 1:
             raise ValueError(f"batch_size is {batch_size}; it has to be at least 1")
         if isinstance(sentences, str):
-            return self._engine.embed_single(sentences, dtype=np.float32, prompt=prompt)
+            return engine.embed_single(sentences, dtype=np.float32, prompt=prompt)
         texts = list(sentences)
         if not texts:
             return np.empty((0, self.get_sentence_embedding_dimension()), np.float32)
         for first in range(0, len(texts), batch_size):
-            batch = self._engine.embed(texts[first : first + batch_size], dtype=np.float32, prompt=prompt)
+            batch = engine.embed(texts[first : first + batch_size], dtype=np.float32, prompt=prompt)
             if first == 0:
                 vectors = np.empty((len(texts), batch.shape[1]), np.float32)
             vectors[first : first + len(batch)] = batch
@@ -114,7 +117,12 @@ class SentenceTransformer:
 
     def get_sentence_embedding_dimension(self) -> int:
         """The numbers in a vector."""
-        return len(self._engine.embed_single(""))
+        return len(self._open_engine().embed_single(""))
+
+    def _open_engine(self) -> Any:
+        if self._engine is None:
+            raise RuntimeError("this SentenceTransformer is closed")
+        return self._engine
 
     def close(self) -> None:
         """Lets go of the model, which is freed when nobody else has it. Nothing can be encoded any more."""
@@ -141,5 +149,7 @@ class SentenceTransformer:
 
 
 def _show_progress(done: int, count: int) -> None:
+    if sys.stderr is None:
+        return
     end = "\n" if done == count else ""
     print(f"\rembedded {done} of {count}", end=end, file=sys.stderr, flush=True)

@@ -1,7 +1,9 @@
 """Engines, and the factory that shares them."""
 
 import math
+import numbers
 import os
+import threading
 import weakref
 from collections.abc import Callable, Iterable, Mapping
 from typing import Any, Optional, Union
@@ -42,8 +44,8 @@ class EmbeddingEngine:
 
     def __init__(self, config: Optional[Configuration] = None, *, wait_s: float = DEFAULT_WAIT_S):
         """Loads nothing. `wait_s`: seconds that waiting calls wait for the model."""
+        self._wait_s = _seconds(wait_s, "wait_s")
         self._core = _core.Engine(_plain(config))
-        self._wait_s = wait_s
         self._is_shared = False
 
     def status(self) -> EmbeddingStatus:
@@ -59,7 +61,7 @@ class EmbeddingEngine:
 
         Raises EmbeddingNotReadyError when the time is up, and at once when the load fails or the engine is closed.
         """
-        self._core.wait_ready(self._wait_s if timeout is None else timeout)
+        self._core.wait_ready(self._wait_s if timeout is None else _seconds(timeout, "timeout"))
 
     def dimension(self) -> int:
         """The numbers in a vector as the backend is configured. Waits as `wait_ready`."""
@@ -153,7 +155,9 @@ class EmbeddingEngine:
         """What the core is given for a call."""
         if isinstance(texts, (str, bytes)):
             raise TypeError("texts are a list of str; a single one is for embed_single")
-        limit = math.inf if timeout is None else timeout
+        if isinstance(texts, Mapping) or hasattr(texts, "columns"):
+            raise TypeError(f"texts are a list of str; to go over a {type(texts).__name__} gives its keys")
+        limit = math.inf if timeout is None else _seconds(timeout, "timeout")
         wait_s = self._wait_s if wait else 0.0
         return tuple(texts), wait_s, limit, should_stop, _is_single_precision(dtype), prompt_name, prompt
 
@@ -183,8 +187,18 @@ class EmbeddingEngine:
         return f"<EmbeddingEngine: {self.status().describe()}>"
 
 
-# One object for each engine that somebody has.
+# One object for each engine that somebody has, by the core's address.
 _shared: "weakref.WeakValueDictionary[int, EmbeddingEngine]" = weakref.WeakValueDictionary()
+_shared_lock = threading.Lock()
+
+
+def _forget_shared() -> None:
+    """In a forked child, whose engines have other addresses: an old one may be that of a new engine."""
+    global _shared, _shared_lock
+    _shared, _shared_lock = weakref.WeakValueDictionary(), threading.Lock()
+
+
+os.register_at_fork(after_in_child=_forget_shared)
 
 
 def acquire(config: Optional[Configuration] = None) -> EmbeddingEngine:
@@ -193,11 +207,12 @@ def acquire(config: Optional[Configuration] = None) -> EmbeddingEngine:
     Each `acquire` is matched by one `release`, or by the end of a `with`; the last one closes the engine.
     """
     core = _core.Engine.acquire(_plain(config))
-    engine = _shared.get(core.identity)
-    if engine is None:
-        engine = EmbeddingEngine.__new__(EmbeddingEngine)
-        engine._core, engine._wait_s, engine._is_shared = core, DEFAULT_WAIT_S, True
-        _shared[core.identity] = engine
+    with _shared_lock:
+        engine = _shared.get(core.identity)
+        if engine is None:
+            engine = EmbeddingEngine.__new__(EmbeddingEngine)
+            engine._core, engine._wait_s, engine._is_shared = core, DEFAULT_WAIT_S, True
+            _shared[core.identity] = engine
     return engine
 
 
@@ -228,6 +243,14 @@ def _folder(path: "os.PathLike[str]") -> str:
     """A path as the component knows a folder from a model's name."""
     text = os.fspath(path)
     return text if os.path.isabs(text) else os.path.join(".", text)
+
+
+def _seconds(value: float, name: str) -> float:
+    if not isinstance(value, numbers.Real):
+        raise TypeError(f"{name} is a number of seconds, not {type(value).__name__}")
+    if math.isnan(value):
+        raise ValueError(f"{name} is not a number")
+    return float(value)
 
 
 def _is_single_precision(dtype: Any) -> bool:

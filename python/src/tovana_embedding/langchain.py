@@ -1,4 +1,4 @@
-"""An engine as LangChain's `Embeddings`. LangChain need not be installed."""
+"""An engine as LangChain's `Embeddings`, which it derives from where LangChain is installed."""
 
 import asyncio
 import threading
@@ -6,8 +6,16 @@ from typing import Any, Optional
 
 from ._holder import EngineHolder
 
+_BASES: tuple = ()
+try:
+    from langchain_core.embeddings import Embeddings
 
-class TovanaEmbeddings:
+    _BASES = (Embeddings,)
+except ImportError:
+    pass
+
+
+class TovanaEmbeddings(*_BASES):  # type: ignore[misc]
     """Has the operations of `langchain_core.embeddings.Embeddings`, and can stand wherever one is expected.
 
     The arguments are the configuration of an engine (`tovana_embedding.EmbeddingEngine`); without a `backend` it is

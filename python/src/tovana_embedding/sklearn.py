@@ -19,8 +19,10 @@ class TextEmbedder(*_BASES):  # type: ignore[misc]
     """Turns texts into their vectors: `[texts] -> [texts x dimension]`.
 
     The parameters are the configuration of an engine (`tovana_embedding.EmbeddingEngine`), `dtype`, float32 or
-    float64, and `prompt_name`, which of a local model's prompts stands before each text. There is nothing to fit: `fit` checks that the model can be had. The hashing embedder ("tfidf") weighs a
-    term by the other texts of a call, so with it the vectors of two calls compare by shared terms alone.
+    float64, and `prompt_name`, which of a local model's prompts stands before each text. There is nothing to fit: `fit`
+    checks that the model can be had. The hashing embedder ("tfidf") weighs a term by the other texts of a call, so with it
+    the vectors of two calls compare by shared terms alone. Pickles, and the HTML in which scikit-learn shows a pipeline, have
+    all parameters, `api_key` among them.
     """
 
     def __init__(
@@ -63,6 +65,13 @@ class TextEmbedder(*_BASES):  # type: ignore[misc]
             api_key=self.api_key,
             dimension=self.dimension,
         )
+
+    def __repr__(self, *arguments: Any, **options: Any) -> str:
+        """As scikit-learn's, but for the key, which logs and notebooks would keep."""
+        if not _BASES or self.api_key is None:
+            return super().__repr__(*arguments, **options)
+        shown = type(self)(**{**self.get_params(deep=False), "api_key": "***"})
+        return super(TextEmbedder, shown).__repr__(*arguments, **options)
 
     def __getstate__(self) -> dict:
         state = super().__getstate__() if _BASES else self.__dict__
