@@ -160,7 +160,7 @@ Command add_embed_command(CLI::App& tool) {
   command.footer(
       R"(The whole input is read and checked first; only for an endpoint is a pipe read
 as it is needed. A text is a line without its line end (LF or CR LF). An empty
-line is a text, and its vector is zero. With --jsonl an object keeps its other
+line is a text, whose vector is zero with tfidf. With --jsonl an object keeps its other
 members as they are, "vector" comes last (in place of one that was there, with
 --keep-going of an "error", too), and blank lines are passed over. What is not
 UTF-8 becomes U+FFFD, with a warning.

@@ -32,7 +32,7 @@ ResultSink ResultWriter::sink() {
 }
 
 void ResultWriter::check_complete() const {
-  if (!_format.npy || _written == _total) return;
+  if (!_total || _written == _total) return;
   throw Failure(ExitStatus::no_input,
                 "the input changed while it was read; give --input a file that stays as it is");
 }

@@ -28,7 +28,7 @@ struct ResultFormat {
 /// it is constructed with lives until the last result is written.
 class ResultWriter {
  public:
-  /// `total` is how many texts there are, as far as that is known; NumPy's format wants it.
+  /// `total` is how many texts there are, where that is known; NumPy's format wants it.
   ResultWriter(Output& output, const ResultFormat& format, std::optional<std::size_t> total,
                const EngineSession& session, const RunLimits& limits, Progress& progress);
 
@@ -36,7 +36,7 @@ class ResultWriter {
   /// for a vector that cannot be used.
   ResultSink sink();
 
-  /// Throws Failure (no_input) when there were not as many texts as NumPy's header says.
+  /// Throws Failure (no_input) when there were not as many texts as had been counted.
   void check_complete() const;
 
   /// Whether any text has an error in place of a vector; how many is said in one line on stderr.

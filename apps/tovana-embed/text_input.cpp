@@ -60,6 +60,7 @@ TextReader::TextReader(const InputArguments& arguments, std::vector<std::string>
       _file(arguments.file, limits) {}
 
 InputTexts TextReader::read(std::size_t most) {
+  if (_fault) std::rethrow_exception(_fault);
   InputTexts texts;
   texts.is_whole = _number == 0;
   while (texts.texts.size() < most) {
@@ -69,7 +70,14 @@ InputTexts TextReader::read(std::size_t most) {
       if (!std::exchange(_has_warned, true)) _repair.warn(input_name(_arguments.file), texts.unit);
       return texts;
     }
-    _append(*line, texts);
+    try {
+      _append(*line, texts);
+    } catch (const Failure&) {
+      if (texts.texts.empty() || most == kAll) throw;
+      // What came before it is not lost: the next call fails.
+      _fault = std::current_exception();
+      break;
+    }
   }
   texts.is_whole = false;  // more may follow
   return texts;
@@ -79,9 +87,7 @@ std::optional<std::size_t> TextReader::count() {
   if (!_file.rewind()) return std::nullopt;
   constexpr std::size_t kAtATime = 1024;
   std::size_t total = 0;
-  for (std::size_t size = kAtATime; size == kAtATime; total += size) {
-    size = read(kAtATime).texts.size();
-  }
+  for (std::size_t size = 1; size > 0; total += size) size = read(kAtATime).texts.size();
   _file.rewind();
   _content.clear();
   _begin = 0;

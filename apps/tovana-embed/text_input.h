@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <exception>
 #include <limits>
 #include <optional>
 #include <string>
@@ -60,9 +61,12 @@ class TextReader {
   TextReader(const InputArguments& arguments, std::vector<std::string> replaced,
              const RunLimits& limits);
 
+  static constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
+
   /// The next texts: `most` of them, or those up to the end. Blocks and throws as InputFile::read;
-  /// throws Failure (bad_data) for a line that is not such an object.
-  InputTexts read(std::size_t most = std::numeric_limits<std::size_t>::max());
+  /// throws Failure (bad_data) for a line that is not such an object, when those before it have been
+  /// given, unless all were asked for.
+  InputTexts read(std::size_t most = kAll);
 
   /// Reads and checks all of a regular file, so that an error in its last line costs no work on the
   /// others, and how many texts it has; `read` then begins with the first. Null, and nothing is
@@ -84,6 +88,7 @@ class TextReader {
   bool _is_at_end = false;
   bool _has_warned = false;
   Utf8Repair _repair;
+  std::exception_ptr _fault;  ///< What the next `read` throws.
 };
 
 /// The texts of the command line: each argument is one, whatever it holds.
