@@ -1,5 +1,10 @@
 #include "sentence_transformers/tokenizer/models/read_model.h"
 
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <utility>
@@ -79,12 +84,44 @@ ModelStep read_byte_pair_encoding(const JsonObject& model) {
   return make_byte_pair_encoding(model, options);
 }
 
+/// A score as the tokenizers library reads it from its file: the digits as a whole number, divided
+/// by a power of ten, which rounds twice. Two ways to cut a run of one character apart differ by
+/// that last bit. Named classes read their files otherwise, and round once.
+double twice_rounded(double score) {
+  std::array<char, 32> text;
+  const auto end =
+      std::to_chars(text.data(), text.data() + text.size(), score, std::chars_format::scientific)
+          .ptr;
+  const std::string_view shortest(text.data(), static_cast<std::size_t>(end - text.data()));
+  const std::size_t mark = shortest.find('e');
+  std::uint64_t digits = 0;
+  int exponent = 0;
+  std::from_chars(text.data() + mark + (shortest[mark + 1] == '+' ? 2 : 1), end, exponent);
+  bool is_fraction = false;
+  for (const char character : shortest.substr(0, mark)) {
+    if (character == '.') is_fraction = true;
+    if (character < '0' || character > '9') continue;
+    digits = digits * 10 + static_cast<std::uint64_t>(character - '0');
+    if (is_fraction) --exponent;
+  }
+  const std::string power = "1e" + std::to_string(std::abs(exponent));
+  double factor = 1;
+  std::from_chars(power.data(), power.data() + power.size(), factor);
+  const auto whole = static_cast<double>(digits);
+  return std::copysign(exponent < 0 ? whole / factor : whole * factor, score);
+}
+
 ModelStep read_unigram(const JsonObject& model) {
   constexpr std::string_view kUnknownId = "unk_id";
   refuse_others(model, {kUnknownId, "vocab", "byte_fallback"});
   const auto unknown_id = model.id(kUnknownId);
   if (!unknown_id) model.refuse(kUnknownId, "is missing");
-  return make_unigram(model, *unknown_id, model.flag("byte_fallback").value_or(false));
+  const bool byte_fallback = model.flag("byte_fallback").value_or(false);
+  return made_of(model, "vocab", [&] {
+    auto scores = read_scores(model);
+    for (auto& [token, score] : scores) score = twice_rounded(score);
+    return std::make_unique<Unigram>(scores, *unknown_id, byte_fallback);
+  });
 }
 
 }  // namespace
