@@ -1,6 +1,7 @@
 #include "sentence_transformers/model/module_list.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <optional>
 #include <set>
 #include <string_view>
@@ -18,6 +19,21 @@ ModuleKind kind_of(const JsonObject& entry) {
                "sentence_transformers: " + files::known_modules());
 }
 
+/// Where a module's files are. All but a Normalize, which asks for its own members by name, would
+/// take the encoder's settings for theirs in the encoder's folder.
+std::string path_of(const JsonObject& entry, ModuleKind kind, const ModuleEntry* encoder) {
+  const auto path = entry.text("path");
+  if (!path) entry.refuse("\"path\" is missing");
+  const auto folder = [](std::string_view name) {
+    return (std::filesystem::path(".") / name / "").lexically_normal();
+  };
+  if (encoder != nullptr && kind != ModuleKind::normalize &&
+      folder(*path) == folder(encoder->path)) {
+    entry.refuse("\"path\" is " + files::in_quotes(*path) + ", the folder of the first module");
+  }
+  return std::string(*path);
+}
+
 }  // namespace
 
 std::vector<ModuleEntry> read_module_list(const files::ModelDirectory& directory) {
@@ -32,8 +48,9 @@ std::vector<ModuleEntry> read_module_list(const files::ModelDirectory& directory
         name && !names.insert(simdjson::minify(*name)).second) {
       entry.refuse("another module has the \"name\" " + shown(*name) + " already");
     }
+    const ModuleKind kind = kind_of(entry);
     modules.push_back(
-        {.kind = kind_of(entry), .path = std::string(entry.text("path").value_or(""))});
+        {.kind = kind, .path = path_of(entry, kind, modules.empty() ? nullptr : &modules.front())});
   }
 
   const auto is_first_of_its_kind = [](const ModuleEntry& module) {

@@ -18,9 +18,9 @@ struct ModuleEntry {
 
 /// The modules that modules.json lists, in the order in which they run: first the Transformer, then
 /// a Pooling, then any number of the others. Empty when the file is absent. Nothing that the file
-/// names is ever imported or run; a type that is not known here is refused by name, and so is a
-/// name that comes twice, of which the models' own library drops a module. Throws ModelFilesError,
-/// naming file and fault.
+/// names is ever imported or run; a type that is not known here is refused by name, and so are a
+/// name that comes twice, of which the models' own library drops a module, and a module in the
+/// encoder's folder. Throws ModelFilesError, naming file and fault.
 std::vector<ModuleEntry> read_module_list(const files::ModelDirectory& directory);
 
 }  // namespace tovana::sentence_transformers

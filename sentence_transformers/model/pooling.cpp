@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "sentence_transformers/model/known_members.h"
 #include "sentence_transformers/tokenizer/json_object.h"
 
 namespace tovana::sentence_transformers {
@@ -48,6 +49,7 @@ std::vector<Mode> modes_of(const JsonObject& settings) {
   std::vector<Mode> modes;
   const auto value = settings.find("pooling_mode");
   if (!value) {
+    if (settings.contains("pooling_mode")) settings.refuse("\"pooling_mode\" is null");
     for (const NamedMode& each : kModes) {
       if (settings.flag(each.old_flag).value_or(false)) modes.push_back(each.mode);
     }
@@ -117,7 +119,13 @@ void pool(const Rows& rows, Mode mode, float* out) {
 
 Pooling Pooling::read(const files::ModelDirectory& directory, std::int64_t width) {
   const JsonObject settings = JsonObject::read_required(directory, "config.json");
-  for (const char* name : {"embedding_dimension", "word_embedding_dimension"}) {
+  check_members(settings, kPoolingMembers);
+  constexpr const char* kDimension = "embedding_dimension";
+  constexpr const char* kOldDimension = "word_embedding_dimension";
+  if (!settings.find(settings.contains(kDimension) ? kDimension : kOldDimension)) {
+    settings.refuse(files::in_quotes(kDimension) + " is missing");
+  }
+  for (const char* name : {kDimension, kOldDimension}) {
     if (settings.count(name).value_or(width) != width) {
       settings.refuse(files::in_quotes(name) + " is " + std::to_string(*settings.count(name)) +
                       ", and the encoder's vectors have " + std::to_string(width) + " floats");

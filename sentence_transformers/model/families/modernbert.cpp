@@ -74,7 +74,10 @@ void complete(const JsonObject& config, TransformerConfig& result) {
     return read_rotary(config, rotary ? rotary->object(kind) : std::nullopt,
                        config.number(old_name).value_or(theta));
   };
-  const auto reach = static_cast<std::size_t>(config.count("local_attention", 0).value_or(128) / 2);
+  // Half the window, which replaces the whole one in the models' own library.
+  const auto half = config.count("sliding_window", 0);
+  const auto reach =
+      static_cast<std::size_t>(half.value_or(config.count("local_attention", 0).value_or(128) / 2));
   result.attention = {
       {.rotary = rotary_of(kFull, "global_rope_theta", 160000)},
       {.before = reach, .behind = reach, .rotary = rotary_of(kSliding, "local_rope_theta", 10000)},

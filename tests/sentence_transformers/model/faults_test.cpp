@@ -114,6 +114,8 @@ TEST(ModelFaults, OfTheConfiguration) {
                  {"{'model': {'vocab': {'new': 353}}}", "/config.json: 'vocab_size' is 353, and"}});
   expect_faults("tiny_bert_cls", "1_Pooling/config.json",
                 {{"{'pooling_mode': 'median'}", "'pooling_mode' is 'median'; supported: cls, max"},
+                 {"{'pooling_modes': 'max'}", "'pooling_modes' is not supported, and might"},
+                 {"{'embedding_dimension': null}", "'embedding_dimension' is missing"},
                  {"{'embedding_dimension': 33}", "'embedding_dimension' is 33, and the encoder"}});
   expect_faults(
       "tiny_bert_max_dense", "2_Dense/config.json",
@@ -121,6 +123,12 @@ TEST(ModelFaults, OfTheConfiguration) {
        {"{'in_features': 31}", "'in_features' is 31, and 32 floats come in"},
        {"{'module_input_name': 'x'}", "'module_input_name' is 'x'; supported"}});
   expect_faults("tiny_bert_cls", "adapter_config.json", {{"{}", "a model with an adapter"}});
+
+  // A patch cannot make a member null.
+  const ModelCopy null;
+  write_file(null.path() / "1_Pooling/config.json",
+             R"({"embedding_dimension": 32, "pooling_mode": null})");
+  expect_fault(null, "/1_Pooling/config.json: \"pooling_mode\" is null");
 
   // Of a plain model.
   const ModelCopy plain;
@@ -148,6 +156,9 @@ TEST(ModelFaults, OfTheListOfModules) {
        {with(ours + "Normalize", "'path': 'x'"), "supported are a Transformer, then a Pooling"},
        {with(ours + "Pooling", "'path': '../x'"), "/model: '../x' is no folder inside the model"},
        {with(ours + "Pooling", "'path': '9_Pooling'"), "/9_Pooling/config.json: absent"},
+       {with(ours + "Pooling", "'path': './'"),
+        "module 1: 'path' is './', the folder of the first"},
+       {with(ours + "Pooling", "'path': null"), "module 1: 'path' is missing"},
        {with(ours + "Dropout", "'name': '0'"), "module 1: another module has the 'name' '0'"}});
 }
 
@@ -166,6 +177,12 @@ TEST(ModelFaults, OfTheTensors) {
         "no tensor has the name 'encoder.layer.0.output.dense.weight', or 'bert.encoder."},
        {"{'bert.pooler.dense.bias': {'dtype': 'U8', 'shape': [0], 'data_offsets': [0, 0]}}",
         "the tensor 'pooler.dense.bias' is there under another name"}});
+
+  expect_faults(
+      "tiny_modernbert_cls", "model.safetensors",
+      {{"{'layers.2.mlp.Wo.weight': null,"
+        " 'other': {'dtype': 'F32', 'shape': [48, 36], 'data_offsets': [288192, 295104]}}",
+        "no tensor 'layers.2.mlp.Wo.weight' of shape [48, 36]"}});
 
   for (const std::string tensor : {"LayerNorm.bias", "word_embeddings.weight"}) {
     const ModelCopy damaged;

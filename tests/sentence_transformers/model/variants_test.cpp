@@ -234,6 +234,22 @@ TEST(VariantsTest, MembersHaveOldNames) {
   EXPECT_EQ(encode(model, {kText}), expected);
 }
 
+TEST(VariantsTest, OfTwoNamesTheOneThatTheModelsOwnLibrarySetsLastCounts) {
+  for (const auto& [name, first, last] :
+       {std::tuple("tiny_distilbert_mean", R"({"n_heads": 4})",
+                   R"({"n_heads": 5, "num_attention_heads": 4})"),
+        {"tiny_distilbert_mean", "{}",
+         R"({"dim": null, "hidden_size": 40, "n_layers": null, "num_hidden_layers": 3})"},
+        {"tiny_modernbert_cls", R"({"local_attention": 4})", R"({"sliding_window": 2})"}}) {
+    const ModelCopy model(name);
+    model.patch("config.json", json::parse(first));
+    const Floats expected = encode(model, {kText});
+    const ModelCopy other(name);
+    other.patch("config.json", json::parse(last));
+    EXPECT_EQ(encode(other, {kText}), expected) << last;
+  }
+}
+
 /// The native runtime, and something else that happens while it loads.
 class WhileLoading final : public Runtime {
  public:
