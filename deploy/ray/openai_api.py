@@ -82,19 +82,19 @@ def route(method: str, path: str) -> tuple[str, str]:
     """What a path asks for, "embeddings", "models" or "health", and the model's id behind /v1/models/."""
     wanted, _, name = path.removeprefix("/v1/").partition("/")
     if path == "/health":
-        wanted, allowed = "health", "GET"
+        wanted, allowed = "health", ("GET", "HEAD")
     elif path == "/v1/embeddings":
-        allowed = "POST"
+        allowed = ("POST",)
     elif wanted == "models" and path.startswith("/v1/"):
-        allowed = "GET"
+        allowed = ("GET",)
     else:
-        raise ApiError(404, f"Invalid URL ({method} {path})")
-    if method != allowed:
+        raise ApiError(404, f"Invalid URL ({_shown(method)} {_shown(path)})")
+    if method not in allowed:
         raise ApiError(
             405,
-            f"Not allowed to {method} on {path}. (HINT: Perhaps you meant to use {allowed}?)",
+            f"Not allowed to {_shown(method)} on {_shown(path)}. (HINT: Perhaps you meant to use {allowed[0]}?)",
             code="method_not_supported",
-            headers={"Allow": allowed},
+            headers={"Allow": ", ".join(allowed)},
         )
     return wanted, name
 
@@ -132,8 +132,9 @@ def parse(body: bytes, models: Mapping[str, Sequence[int]], limits: Limits = Lim
 def embeddings_reply(request: EmbeddingsRequest, vectors: np.ndarray, tokens: int) -> dict:
     """The reply to a request, whose `vectors` are `[texts x dimension]` in float32; floats are left as rows of numpy."""
     if request.dimensions is not None and request.dimensions < vectors.shape[1]:
-        vectors = np.ascontiguousarray(vectors[:, : request.dimensions])
-        vectors /= np.maximum(np.linalg.norm(vectors, axis=1, keepdims=True), np.finfo(np.float32).tiny)
+        cut = vectors[:, : request.dimensions]
+        # Into a new array: the vectors may be in Ray's own memory, where nobody may write.
+        vectors = cut / np.maximum(np.linalg.norm(cut, axis=1, keepdims=True), np.finfo(np.float32).tiny)
     rows: Sequence[Any] = vectors
     if request.encoding_format == "base64":
         rows = [base64.b64encode(row.astype("<f4").tobytes()).decode() for row in vectors]
@@ -181,7 +182,7 @@ def _dimensions(asked: Any, offered: Sequence[int]) -> Optional[int]:
     if not offered:
         raise ApiError(400, "This model does not support specifying dimensions.", param="dimensions")
     if asked not in offered:
-        message = f"Invalid value: {asked}. Supported values are: {', '.join(map(str, offered))}."
+        message = f"Invalid value: {_shown(asked)}. Supported values are: {', '.join(map(str, offered))}."
         raise ApiError(400, message, param="dimensions", code="invalid_value")
     return asked
 

@@ -13,6 +13,7 @@ that meets a full queue or a replica that dies is told 503.
 
 import argparse
 import asyncio
+import logging
 import os
 import signal
 import sys
@@ -28,7 +29,7 @@ import orjson  # noqa: E402
 import ray  # noqa: E402
 import yaml  # noqa: E402
 from openai_api import ApiError  # noqa: E402
-from pydantic import BaseModel, ConfigDict  # noqa: E402
+from pydantic import BaseModel, ConfigDict, ValidationError, model_validator  # noqa: E402
 from ray import serve  # noqa: E402
 from ray.serve.exceptions import BackPressureError, DeploymentUnavailableError  # noqa: E402
 from ray.serve.handle import DeploymentHandle  # noqa: E402
@@ -37,6 +38,9 @@ from starlette.responses import Response  # noqa: E402
 
 # Requests of up to so many texts wait for others to be embedded with; a larger one is a batch by itself.
 SMALL_REQUEST = 16
+
+# Of this application: a cluster may have others.
+NAME = "openai"
 
 
 class Model(BaseModel):
@@ -56,6 +60,14 @@ class Model(BaseModel):
     max_ongoing_requests: int = 8
     max_queued_requests: int = 16
 
+    @model_validator(mode="after")
+    def _check(self) -> "Model":
+        if any(dimension <= 0 for dimension in self.dimensions):
+            raise ValueError(f"the dimensions of {self.id!r} have to be above 0")
+        if self.min_replicas > self.max_replicas:
+            raise ValueError(f"min_replicas of {self.id!r} is above its max_replicas, which is {self.max_replicas}")
+        return self
+
 
 class Settings(BaseModel):
     model_config = ConfigDict(extra="forbid")
@@ -66,6 +78,16 @@ class Settings(BaseModel):
     most_bytes: int = openai_api.DEFAULT_MOST_BYTES
     most_texts: int = openai_api.DEFAULT_MOST_TEXTS
     api_replicas: int = 1  # of what reads requests and writes replies
+
+    @model_validator(mode="after")
+    def _check(self) -> "Settings":
+        if not self.models:
+            raise ValueError("models has to name one at least")
+        ids = [model.id for model in self.models]
+        for model in ids:
+            if ids.count(model) > 1:
+                raise ValueError(f"models has the id {model!r} more than once")
+        return self
 
 
 @serve.deployment(health_check_period_s=5, health_check_timeout_s=30)
@@ -79,6 +101,9 @@ class Embedder:
         self._engine = tovana_embedding.EmbeddingEngine({"backend": "local", "model_name": model.source})
         self._engine.wait_ready(600)
         self.check_health()
+        dimension = self._engine.dimension()
+        if any(shorter > dimension for shorter in model.dimensions):
+            raise ValueError(f"the vectors of {model.id!r} have {dimension} numbers, fewer than its `dimensions` say")
         self._worker = ThreadPoolExecutor(1)
 
     def check_health(self) -> None:
@@ -127,6 +152,11 @@ class Api:
             return _json(error.body, error.status, error.headers)
         except ClientDisconnect:
             return Response(status_code=499)
+        except Exception as error:
+            # Only the kind: what an error says may hold a client's text.
+            logging.getLogger("ray.serve").error("A request failed: %s", type(error).__name__)
+            failed = ApiError(500, _FAILED)
+            return _json(failed.body, failed.status)
 
     async def _answer(self, request: Request) -> dict:
         wanted, name = openai_api.route(request.method, request.url.path)
@@ -152,13 +182,24 @@ class Api:
     async def _embed(self, asked: openai_api.EmbeddingsRequest) -> tuple[np.ndarray, int]:
         try:
             return await self._embedders[asked.model].embed.remote(asked.texts)
-        except (BackPressureError, DeploymentUnavailableError, ray.exceptions.RayActorError):
-            raise ApiError(
-                503, "The server is overloaded or not ready yet. Try again later.", headers={"Retry-After": "1"}
-            ) from None
         except ray.exceptions.RayTaskError as error:
-            message = f"The server had an error while processing your request: {type(error.cause).__name__}"
-            raise ApiError(500, message) from error
+            # What a replica raised; but it may have been Ray there too, which lost what it was to read.
+            if isinstance(error.cause, _TRY_AGAIN):
+                raise _unavailable() from None
+            raise ApiError(500, f"{_FAILED}: {type(error.cause).__name__}") from error
+        except _TRY_AGAIN:
+            raise _unavailable() from None
+
+
+_FAILED = "The server had an error while processing your request"
+
+# A full queue, or a replica or a machine that went away, with what it held: another one can do it.
+_TRY_AGAIN = (BackPressureError, DeploymentUnavailableError, ray.exceptions.RayError)
+
+
+def _unavailable() -> ApiError:
+    message = "The server is overloaded or not ready yet. Try again later."
+    return ApiError(503, message, headers={"Retry-After": "1"})
 
 
 def _json(body: dict, status: int = 200, headers: Optional[dict[str, str]] = None) -> Response:
@@ -212,37 +253,61 @@ def _arguments() -> argparse.Namespace:
     return parser.parse_args()
 
 
+def _told(error: Exception) -> str:
+    """What is wrong with the settings, in one line."""
+    if not isinstance(error, ValidationError):
+        return str(error)
+    faults = []
+    for wrong in error.errors():
+        place = ".".join(map(str, wrong["loc"]))
+        message = wrong["msg"].removeprefix("Value error, ")
+        faults.append(f"{place}: {message}" if place else message)
+    return "; ".join(faults)
+
+
+def _interrupt_on_signals() -> None:
+    for ending in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(ending, signal.default_int_handler)
+
+
 def main() -> None:
     arguments = _arguments()
-    if os.environ.get("RAY_AUTH_MODE") == "disabled":
+    if os.environ.get("RAY_AUTH_MODE", "").lower() == "disabled":
         sys.exit("serve_openai: RAY_AUTH_MODE=disabled lets anybody who reaches Ray's ports run code; unset it")
     try:
         settings = Settings(**yaml.safe_load(arguments.settings.read_text(encoding="utf-8")))
         read_key(settings.key_file)
     except (OSError, TypeError, ValueError, yaml.YAMLError) as error:
-        sys.exit(f"serve_openai: {arguments.settings}: {error}")
+        sys.exit(f"serve_openai: {arguments.settings}: {_told(error)}")
     here = {"runtime_env": {"env_vars": {"PYTHONPATH": str(Path(__file__).resolve().parent)}}}
-    if "RAY_ADDRESS" in os.environ:
-        ray.init(**here)
-    else:
-        ray.init(include_dashboard=False, **here)
-    serve.start(
-        http_options={
-            "host": arguments.host,
-            "port": arguments.port,
-            "keep_alive_timeout_s": arguments.keep_alive,
-            "request_timeout_s": 300,
-        }
-    )
-    # Ray's own answer to SIGTERM ends in an abort.
-    for ending in (signal.SIGINT, signal.SIGTERM):
-        signal.signal(ending, signal.default_int_handler)
+    shared = "RAY_ADDRESS" in os.environ
+    # Before Ray begins, so that an end meanwhile leaves none of its processes.
+    _interrupt_on_signals()
     try:
-        serve.run(build(settings), name="openai", blocking=True)
+        if shared:
+            ray.init(**here)
+        else:
+            ray.init(include_dashboard=False, **here)
+        # Again: Ray has put in its own answer to SIGTERM, which ends in an abort.
+        _interrupt_on_signals()
+        serve.start(
+            http_options={
+                "host": arguments.host,
+                "port": arguments.port,
+                "keep_alive_timeout_s": arguments.keep_alive,
+                "request_timeout_s": 300,
+            }
+        )
+        try:
+            serve.run(build(settings), name=NAME, blocking=True)
+        finally:
+            if shared:
+                # The cluster's other applications stay.
+                serve.delete(NAME)
+            else:
+                serve.shutdown()
     except KeyboardInterrupt:
         pass
-    finally:
-        serve.shutdown()
 
 
 if __name__ == "__main__":

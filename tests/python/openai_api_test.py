@@ -30,8 +30,24 @@ def test_refuses_as_clients_expect(asked, told):
 def test_replies_in_the_format_that_was_asked_for(dimensions, vector):
     asked = {"model": "cut", "input": "x", "dimensions": dimensions, "encoding_format": "base64"}
     request = openai_api.parse(json.dumps(asked).encode(), MODELS, LIMITS)
-    reply = openai_api.embeddings_reply(request, np.array([[3, 4, 12]], np.float32), 3)
+    vectors = np.array([[3, 4, 12]], np.float32)
+    vectors.flags.writeable = False  # as Ray hands them out
+    reply = openai_api.embeddings_reply(request, vectors, 3)
     assert reply["usage"] == {"prompt_tokens": 3, "total_tokens": 3}
     np.testing.assert_allclose(np.frombuffer(base64.b64decode(reply["data"][0]["embedding"]), "<f4"), vector, rtol=1e-6)
     with pytest.raises(openai_api.ApiError, match="Supported values are: 1, 2"):
         openai_api.parse(json.dumps(asked | {"dimensions": 3}).encode(), MODELS, LIMITS)
+
+
+def test_shows_little_of_what_clients_send():
+    asked = {"model": "cut", "input": "x", "dimensions": 10**4000}
+    with pytest.raises(openai_api.ApiError) as refused:
+        openai_api.parse(json.dumps(asked).encode(), MODELS, LIMITS)
+    assert len(str(refused.value)) < 200
+
+
+def test_health_is_asked_for_with_either_method():
+    assert [openai_api.route(method, "/health")[0] for method in ("GET", "HEAD")] == ["health"] * 2
+    with pytest.raises(openai_api.ApiError) as refused:
+        openai_api.route("POST", "/health")
+    assert refused.value.headers == {"Allow": "GET, HEAD"}

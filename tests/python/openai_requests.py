@@ -30,6 +30,8 @@ REFUSALS = [
     (("GET", "embeddings", b"", KEY), (405, "method_not_supported", None)),
     (("POST", "models", b"", KEY), (405, "method_not_supported", None)),
     (("GET", "nothing", b"", KEY), (404, None, None)),
+    (("GET", "nothing" * 1000, b"", KEY), (404, None, None)),
+    (("POST", "models/" + "x" * 1000, b"", KEY), (405, "method_not_supported", None)),
     (("GET", "models/nobody", b"", KEY), (404, "model_not_found", "model")),
     (("POST", "embeddings", SMALLEST, "another"), (401, "invalid_api_key", None)),
     (("POST", "embeddings", SMALLEST, "schlüssel"), (401, "invalid_api_key", None)),
