@@ -101,7 +101,7 @@ class Embedder:
         self._engine = tovana_embedding.EmbeddingEngine({"backend": "local", "model_name": model.source})
         self._engine.wait_ready(600)
         self.check_health()
-        dimension = self._engine.dimension()
+        dimension = len(self._engine.embed_single(""))
         if any(shorter > dimension for shorter in model.dimensions):
             raise ValueError(f"the vectors of {model.id!r} have {dimension} numbers, fewer than its `dimensions` say")
         self._worker = ThreadPoolExecutor(1)
