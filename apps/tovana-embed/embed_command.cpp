@@ -78,8 +78,7 @@ ExitStatus embed(const EmbedArguments& arguments, const Interrupts& interrupts) 
   // First of all: a place that cannot be written to must not cost the work.
   Output output(arguments.output, limits);
   EngineSession session(arguments.engine, interrupts);
-  Input input = open_input(arguments, session, limits);
-  input.texts.prompt = arguments.engine.prompt;
+  const Input input = open_input(arguments, session, limits);
   if (arguments.npy && input.total == 0) {
     write_npy_header(output, 0, static_cast<std::size_t>(session.wait_ready(limits)->dimension()));
   }
@@ -87,7 +86,8 @@ ExitStatus embed(const EmbedArguments& arguments, const Interrupts& interrupts) 
   ResultWriter writer(output, {.npy = arguments.npy, .keeps_going = arguments.keep_going},
                       input.total, session, limits, *progress);
   const Batching batching = {.size = static_cast<std::size_t>(arguments.batch_size),
-                             .concurrency = static_cast<std::size_t>(arguments.concurrency)};
+                             .concurrency = static_cast<std::size_t>(arguments.concurrency),
+                             .prompt = arguments.engine.prompt};
   if (input.reader) {
     embed_from([&](std::size_t most) { return input.reader->read(most); }, session, batching,
                limits, writer.sink());
@@ -160,10 +160,10 @@ Command add_embed_command(CLI::App& tool) {
   command.footer(
       R"(The whole input is read and checked first; only for an endpoint is a pipe read
 as it is needed. A text is a line without its line end (LF or CR LF). An empty
-line is a text, whose vector is zero with tfidf. With --jsonl an object keeps its other
-members as they are, "vector" comes last (in place of one that was there, with
---keep-going of an "error", too), and blank lines are passed over. What is not
-UTF-8 becomes U+FFFD, with a warning.
+line is a text, whose vector is zero with tfidf. With --jsonl an object keeps
+its other members as they are, "vector" comes last (in place of one that was
+there, with --keep-going of an "error", too), and blank lines are passed over.
+What is not UTF-8 becomes U+FFFD, with a warning.
 
 Examples:
   tovana-embed embed 'parse the config file' 'open a socket'

@@ -125,8 +125,7 @@ TextSource parts_of(const InputTexts& input) {
                      .members = part(input.members),
                      .lines = part(input.lines),
                      .unit = input.unit,
-                     .is_whole = count == input.texts.size(),
-                     .prompt = input.prompt};
+                     .is_whole = count == input.texts.size()};
     first += count;
     return texts;
   };
@@ -160,16 +159,15 @@ void embed_in_batches(EngineSession& session, const InputTexts& input, const Bat
   const std::span<const std::string> texts(input.texts);
   if (texts.empty()) return;
   limits.check();
-  const BackendCall call{session.shared_engine(), session.wait_ready(limits), limits, input.prompt};
-  if (is_endpoint(*call.backend)) {
-    return embed_from(parts_of(input), session, batching, limits, sink);
-  }
+  const std::shared_ptr<EmbeddingBackend>& backend = session.wait_ready(limits);
+  if (is_endpoint(*backend)) return embed_from(parts_of(input), session, batching, limits, sink);
   if (batching.concurrency > 1) {
-    report("the backend " + call.backend->name() +
+    report("the backend " + backend->name() +
            " gets one batch at a time; --concurrency is for endpoints");
   }
   std::optional<embedding::CallPace> pace;
-  if (dynamic_cast<TFIDFEmbeddingBackend*>(call.backend.get()) == nullptr) pace.emplace();
+  if (dynamic_cast<TFIDFEmbeddingBackend*>(backend.get()) == nullptr) pace.emplace();
+  const BackendCall call{session.shared_engine(), backend, limits, batching.prompt};
   for (std::size_t first = 0; first < texts.size();) {
     limits.check();
     const auto batch = texts.subspan(first, std::min(batching.size, texts.size() - first));

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,8 @@ inline constexpr std::size_t kDefaultBatchSize = 256;
 struct Batching {
   std::size_t size = kDefaultBatchSize;  ///< Most texts in one call.
   std::size_t concurrency = 1;           ///< Most calls of an endpoint at once.
+  /// The local model's that stands before each text, by its name; null: its default.
+  std::optional<std::string> prompt = std::nullopt;
 };
 
 /// What takes the results of the calls, in the order of the texts, on the thread that embeds.

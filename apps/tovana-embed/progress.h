@@ -11,8 +11,8 @@ namespace tovana::tool {
 /// it.
 class Progress {
  public:
-  /// `total` is null where nobody knows it yet. Nothing is said unless stderr is a terminal; nor if results are written to stdout meanwhile
-  /// and that is a terminal, too.
+  /// `total` is null where nobody knows it yet. Nothing is said unless stderr is a terminal; nor if
+  /// results are written to stdout meanwhile and that is a terminal, too.
   Progress(std::optional<std::size_t> total, bool writes_to_stdout);
 
   void advance(std::size_t texts);

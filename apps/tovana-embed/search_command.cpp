@@ -2,6 +2,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,10 +37,11 @@ struct SearchArguments {
   bool json = false;
 };
 
-Vector embed_query(EngineSession& session, const InputTexts& query, const RunLimits& limits) {
+Vector embed_query(EngineSession& session, const InputTexts& query,
+                   const std::optional<std::string>& prompt, const RunLimits& limits) {
   Vector vector;
   std::size_t dimension = 0;
-  embed_in_batches(session, query, {}, limits,
+  embed_in_batches(session, query, {.prompt = prompt}, limits,
                    {[&](const InputTexts& texts, std::size_t, const std::vector<Vector>& vectors) {
                      check_vector(session, texts, 0, vectors[0], dimension);
                      vector = vectors[0];
@@ -59,7 +61,7 @@ std::string why_nothing_is_like_zero(const embedding::EmbeddingBackend& backend)
 
 /// The texts that have anything in common with the query, best first, at most `top`.
 std::vector<Hit> rank(EngineSession& session, const InputTexts& input, const Vector& query,
-                      std::size_t top, const RunLimits& limits) {
+                      const SearchArguments& arguments, const RunLimits& limits) {
   storage::EmbeddingIndex index(query.size());
   Progress progress(input.texts.size(), false);
   std::size_t dimension = query.size();
@@ -73,8 +75,8 @@ std::vector<Hit> rank(EngineSession& session, const InputTexts& input, const Vec
     }
     progress.advance(vectors.size());
   };
-  embed_in_batches(session, input, {}, limits, {add});
-  std::vector<Hit> hits = index.nearest(query, top);
+  embed_in_batches(session, input, {.prompt = arguments.engine.text_prompt}, limits, {add});
+  std::vector<Hit> hits = index.nearest(query, static_cast<std::size_t>(arguments.top));
   std::erase_if(hits, [](const Hit& hit) { return hit.similarity <= 0; });
   return hits;
 }
@@ -115,17 +117,14 @@ ExitStatus search(const SearchArguments& arguments, const Interrupts& interrupts
   const RunLimits limits(interrupts);
   Output output("-", limits);
   EngineSession session(arguments.engine, interrupts);
-  InputTexts input = TextReader(arguments.input, {"score"}, limits).read();
-  input.prompt = arguments.engine.text_prompt;
-  InputTexts query = texts_of_arguments(arguments.query->results());
-  query.prompt = arguments.engine.prompt;
-  const Vector query_vector = embed_query(session, query, limits);
+  const InputTexts input = TextReader(arguments.input, {"score"}, limits).read();
+  const InputTexts query = texts_of_arguments(arguments.query->results());
+  const Vector query_vector = embed_query(session, query, arguments.engine.prompt, limits);
   if (std::ranges::all_of(query_vector, [](double value) { return value == 0; })) {
     report(why_nothing_is_like_zero(*session.wait_ready(limits)));
     return ExitStatus::success;
   }
-  const std::vector<Hit> hits =
-      rank(session, input, query_vector, static_cast<std::size_t>(arguments.top), limits);
+  const std::vector<Hit> hits = rank(session, input, query_vector, arguments, limits);
   if (hits.empty()) report("no text is like the query");
   for (const Hit& hit : hits) {
     const auto index = static_cast<std::size_t>(hit.id);

@@ -29,7 +29,6 @@ struct InputTexts {
   std::vector<std::size_t> lines;  ///< The line of each text, from 1; for arguments, their number.
   std::string unit = "line";       ///< What `lines` counts: "line", or "text" for arguments.
   bool is_whole = true;            ///< Whether the input has no other texts.
-  std::optional<std::string> prompt;  ///< The prompt that stands before each, by its name.
 };
 
 void add_input_options(CLI::App& command, InputArguments& arguments);
