@@ -57,19 +57,6 @@ constexpr std::array kSentenceTransformers = std::to_array<KnownMember>({
     {"requirements", ""},
 });
 
-constexpr std::array kPooling = std::to_array<KnownMember>({
-    {"embedding_dimension", ""},
-    {"word_embedding_dimension", ""},
-    {"include_prompt", ""},
-    {"pooling_mode", ""},
-    {"pooling_mode_cls_token", ""},
-    {"pooling_mode_lasttoken", ""},
-    {"pooling_mode_max_tokens", ""},
-    {"pooling_mode_mean_sqrt_len_tokens", ""},
-    {"pooling_mode_mean_tokens", ""},
-    {"pooling_mode_weightedmean_tokens", ""},
-});
-
 constexpr std::array kConfig = std::to_array<KnownMember>({
     {"add_cross_attention", "false"},
     {"is_causal", "false"},
@@ -118,7 +105,6 @@ constinit const KnownMembers kConfigMembers = {.members = kConfig, .is_complete 
 constinit const KnownMembers kSentenceBertMembers = {.members = kSentenceBert, .is_complete = true};
 constinit const KnownMembers kSentenceTransformersMembers = {.members = kSentenceTransformers,
                                                              .is_complete = true};
-constinit const KnownMembers kPoolingMembers = {.members = kPooling, .is_complete = true};
 
 void check_members(const JsonObject& settings, const KnownMembers& known) {
   check(settings, settings, "", "", known);

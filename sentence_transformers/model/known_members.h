@@ -28,7 +28,6 @@ struct KnownMembers {
 extern const KnownMembers kConfigMembers;                ///< config.json
 extern const KnownMembers kSentenceBertMembers;          ///< sentence_bert_config.json
 extern const KnownMembers kSentenceTransformersMembers;  ///< config_sentence_transformers.json
-extern const KnownMembers kPoolingMembers;               ///< config.json of a Pooling
 
 /// The settings in sentence_bert_config.json that stand above those of the tokenizer's own files.
 inline constexpr std::string_view kProcessorSettings = "processor_kwargs";

@@ -31,6 +31,19 @@ constexpr std::array<NamedMode, 6> kModes = {{
     {"lasttoken", "pooling_mode_lasttoken", Mode::lasttoken},
 }};
 
+constexpr auto kMembers = [] {
+  std::array<KnownMember, kModes.size() + 4> members;
+  std::ranges::transform(kModes, members.begin(), [](const NamedMode& mode) {
+    return KnownMember{mode.old_flag, ""};
+  });
+  constexpr std::array<std::string_view, 4> kOthers = {
+      "pooling_mode", "embedding_dimension", "word_embedding_dimension", "include_prompt"};
+  std::ranges::transform(kOthers, members.begin() + kModes.size(), [](std::string_view name) {
+    return KnownMember{name, ""};
+  });
+  return members;
+}();
+
 Mode mode_of(const JsonObject::Value& name, const JsonObject& settings) {
   std::string_view text;
   if (name.get(text) != simdjson::SUCCESS)
@@ -119,7 +132,7 @@ void pool(const Rows& rows, Mode mode, float* out) {
 
 Pooling Pooling::read(const files::ModelDirectory& directory, std::int64_t width) {
   const JsonObject settings = JsonObject::read_required(directory, "config.json");
-  check_members(settings, kPoolingMembers);
+  check_members(settings, {.members = kMembers, .is_complete = true});
   constexpr const char* kDimension = "embedding_dimension";
   constexpr const char* kOldDimension = "word_embedding_dimension";
   if (!settings.find(settings.contains(kDimension) ? kDimension : kOldDimension)) {

@@ -14,8 +14,6 @@ constexpr TensorNames kNames = {
     .token_types = "embeddings.token_type_embeddings",
     .embedding_norm = "embeddings.LayerNorm",
     .projection = "embeddings_project",
-    .distance_bias = {},
-    .final_norm = {},
     .layers = "encoder.layer.",
     .query = ".attention.self.query",
     .key = ".attention.self.key",
@@ -23,7 +21,6 @@ constexpr TensorNames kNames = {
     .attention_output = ".attention.output.dense",
     .attention_norm = ".attention.output.LayerNorm",
     .inner = ".intermediate.dense",
-    .factor = {},
     .output = ".output.dense",
     .output_norm = ".output.LayerNorm",
 };

@@ -8,11 +8,7 @@ namespace {
 constexpr std::array kSpellings = {TensorNames{
     .words = "embeddings.word_embeddings",
     .positions = "embeddings.position_embeddings",
-    .token_types = {},
     .embedding_norm = "embeddings.LayerNorm",
-    .projection = {},
-    .distance_bias = {},
-    .final_norm = {},
     .layers = "transformer.layer.",
     .query = ".attention.q_lin",
     .key = ".attention.k_lin",
@@ -20,7 +16,6 @@ constexpr std::array kSpellings = {TensorNames{
     .attention_output = ".attention.out_lin",
     .attention_norm = ".sa_layer_norm",
     .inner = ".ffn.lin1",
-    .factor = {},
     .output = ".ffn.lin2",
     .output_norm = ".output_layer_norm",
 }};

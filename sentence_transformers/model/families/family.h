@@ -48,13 +48,13 @@ struct Biases {
 /// What tensors are called, without ".weight" and ".bias". Empty where there is no such tensor.
 struct TensorNames {
   std::string_view words;
-  std::string_view positions;
-  std::string_view token_types;
+  std::string_view positions = {};
+  std::string_view token_types = {};
   std::string_view embedding_norm;
-  std::string_view projection;     ///< From the width of the embeddings to that of the layers.
-  std::string_view distance_bias;  ///< What is added to scores by distance.
-  std::string_view final_norm;     ///< Behind the layers, of those that begin with their norms.
-  std::string_view layers;         ///< Before a layer's number.
+  std::string_view projection = {};     ///< From the width of the embeddings to that of the layers.
+  std::string_view distance_bias = {};  ///< What is added to scores by distance.
+  std::string_view final_norm = {};  ///< Behind the layers, of those that begin with their norms.
+  std::string_view layers;           ///< Before a layer's number.
 
   // Of a layer, behind its number. Matrices that lie one below the other in one tensor share a name.
   std::string_view query;
@@ -62,8 +62,8 @@ struct TensorNames {
   std::string_view value;
   std::string_view attention_output;
   std::string_view attention_norm;
-  std::string_view inner;   ///< What the activation is of.
-  std::string_view factor;  ///< What the activated numbers are multiplied with.
+  std::string_view inner;        ///< What the activation is of.
+  std::string_view factor = {};  ///< What the activated numbers are multiplied with.
   std::string_view output;
   std::string_view output_norm;
   /// Of `inner` and `factor` in one tensor, the latter is the upper one.

@@ -10,12 +10,8 @@ namespace {
 
 constexpr TensorNames kPublicNames = {
     .words = "embeddings.word_embeddings",
-    .positions = {},
     .token_types = "embeddings.token_type_embeddings",
     .embedding_norm = "embeddings.LayerNorm",
-    .projection = {},
-    .distance_bias = {},
-    .final_norm = {},
     .layers = "encoder.layer.",
     .query = ".attention.qkv_proj",
     .key = ".attention.qkv_proj",

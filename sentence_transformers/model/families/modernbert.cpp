@@ -11,11 +11,7 @@ namespace {
 
 constexpr std::array kSpellings = {TensorNames{
     .words = "embeddings.tok_embeddings",
-    .positions = {},
-    .token_types = {},
     .embedding_norm = "embeddings.norm",
-    .projection = {},
-    .distance_bias = {},
     .final_norm = "final_norm",
     .layers = "layers.",
     .query = ".attn.Wqkv",

@@ -9,11 +9,8 @@ namespace {
 constexpr std::array kSpellings = {TensorNames{
     .words = "embeddings.word_embeddings",
     .positions = "embeddings.position_embeddings",
-    .token_types = {},
     .embedding_norm = "embeddings.LayerNorm",
-    .projection = {},
     .distance_bias = "encoder.relative_attention_bias",
-    .final_norm = {},
     .layers = "encoder.layer.",
     .query = ".attention.attn.q",
     .key = ".attention.attn.k",
@@ -21,7 +18,6 @@ constexpr std::array kSpellings = {TensorNames{
     .attention_output = ".attention.attn.o",
     .attention_norm = ".attention.LayerNorm",
     .inner = ".intermediate.dense",
-    .factor = {},
     .output = ".output.dense",
     .output_norm = ".output.LayerNorm",
 }};

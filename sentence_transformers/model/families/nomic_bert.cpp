@@ -10,12 +10,8 @@ namespace {
 
 constexpr TensorNames kPublicNames = {
     .words = "embeddings.word_embeddings",
-    .positions = {},
     .token_types = "embeddings.token_type_embeddings",
     .embedding_norm = "emb_ln",
-    .projection = {},
-    .distance_bias = {},
-    .final_norm = {},
     .layers = "encoder.layers.",
     .query = ".attn.Wqkv",
     .key = ".attn.Wqkv",

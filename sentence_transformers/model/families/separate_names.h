@@ -8,12 +8,8 @@ namespace tovana::sentence_transformers {
 /// it writes files with older names, which differ.
 inline constexpr TensorNames kSeparateNames = {
     .words = "embeddings.word_embeddings",
-    .positions = {},
     .token_types = "embeddings.token_type_embeddings",
     .embedding_norm = "embeddings.LayerNorm",
-    .projection = {},
-    .distance_bias = {},
-    .final_norm = {},
     .layers = "layers.",
     .query = ".self_attn.q_proj",
     .key = ".self_attn.k_proj",
