@@ -1,9 +1,8 @@
 """What the adapters to other libraries share: an engine that is acquired when it is needed."""
 
-import threading
 from typing import Any, Optional
 
-from .engine import EmbeddingEngine, acquire, release
+from .engine import EmbeddingEngine, acquire, holds_lock, release
 
 
 class EngineHolder:
@@ -12,19 +11,18 @@ class EngineHolder:
     def __init__(self) -> None:
         self._config: Optional[dict] = None
         self._engine: Optional[EmbeddingEngine] = None
-        self._lock = threading.RLock()
 
     def engine(self, **config: Any) -> EmbeddingEngine:
         """The engine of the configuration but for its Nones."""
         wanted = {key: value for key, value in config.items() if value is not None}
-        with self._lock:
+        with holds_lock():
             if self._engine is None or wanted != self._config:
                 self.release()
                 self._engine, self._config = acquire(wanted), wanted
             return self._engine
 
     def release(self) -> None:
-        with self._lock:
+        with holds_lock():
             engine, self._engine = self._engine, None
         if engine is not None:
             release(engine)

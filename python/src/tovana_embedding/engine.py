@@ -6,7 +6,7 @@ import os
 import threading
 import weakref
 from collections.abc import Callable, Iterable, Mapping
-from typing import Any, Optional, Union
+from typing import Any, ContextManager, Optional, Union
 
 import numpy as np
 
@@ -189,13 +189,19 @@ class EmbeddingEngine:
 
 # One object for each engine that somebody has, by the core's address.
 _shared: "weakref.WeakValueDictionary[int, EmbeddingEngine]" = weakref.WeakValueDictionary()
-_shared_lock = threading.Lock()
+_lock = threading.RLock()  # Re-entrant, since a collection within may end a holder.
+
+
+def holds_lock() -> ContextManager[bool]:
+    """What is held while somebody's hold of a shared engine changes. Never kept: a forked child has another."""
+    return _lock
 
 
 def _forget_shared() -> None:
-    """In a forked child, whose engines have other addresses: an old one may be that of a new engine."""
-    global _shared, _shared_lock
-    _shared, _shared_lock = weakref.WeakValueDictionary(), threading.Lock()
+    """In a forked child: its engines have other addresses, an old one may be that of a new engine; and the lock may
+    have been held by a thread that the child does not have."""
+    global _shared, _lock
+    _shared, _lock = weakref.WeakValueDictionary(), threading.RLock()
 
 
 os.register_at_fork(after_in_child=_forget_shared)
@@ -207,7 +213,7 @@ def acquire(config: Optional[Configuration] = None) -> EmbeddingEngine:
     Each `acquire` is matched by one `release`, or by the end of a `with`; the last one closes the engine.
     """
     core = _core.Engine.acquire(_plain(config))
-    with _shared_lock:
+    with _lock:
         engine = _shared.get(core.identity)
         if engine is None:
             engine = EmbeddingEngine.__new__(EmbeddingEngine)

@@ -6,13 +6,12 @@ from typing import Any, Optional
 
 from ._holder import EngineHolder
 
-_BASES: tuple = ()
 try:
     from langchain_core.embeddings import Embeddings
 
-    _BASES = (Embeddings,)
+    _BASES: tuple = (Embeddings,)
 except ImportError:
-    pass
+    _BASES = ()
 
 
 class TovanaEmbeddings(*_BASES):  # type: ignore[misc]
