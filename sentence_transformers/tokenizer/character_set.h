@@ -27,7 +27,7 @@ class CharacterSet {
   }
 
   void add_space(bool negated = false) {
-    _add_where([&](char32_t c) { return _is_space(c) != negated; });
+    _add_where([&](char32_t c) { return unicode::is_white_space(c) != negated; });
     (negated ? _has_no_space : _has_space) = true;
   }
 
@@ -42,10 +42,6 @@ class CharacterSet {
 
  private:
   static constexpr char32_t kAscii = 0x80;
-
-  static bool _is_space(char32_t code_point) noexcept {
-    return unicode::record_of(code_point).is(unicode::kWhiteSpace);
-  }
 
   template <class Condition>
   void _add_where(const Condition& condition) {
@@ -67,7 +63,7 @@ class CharacterSet {
       if (!form.is(any_of)) return true;
     }
     if (_has_space || _has_no_space) {
-      if (_is_space(code_point) ? _has_space : _has_no_space) return true;
+      if (unicode::is_white_space(code_point) ? _has_space : _has_no_space) return true;
     }
     for (const auto& [first, last] : _ranges) {
       if (code_point >= first && code_point <= last) return true;

@@ -12,6 +12,7 @@
 #include "tovana/files/model_directory.h"
 
 namespace tovana::sentence_transformers {
+
 Tokenizer::Tokenizer(TokenizerFiles files, const TokenizerOptions& options)
     : Tokenizer(read_tokenizer_settings(std::move(files), options)) {}
 

@@ -17,6 +17,7 @@
 #include "sentence_transformers/tokenizer/pre_tokenizers/byte_level.h"
 #include "sentence_transformers/tokenizer/pre_tokenizers/metaspace.h"
 #include "sentence_transformers/tokenizer/pre_tokenizers/split.h"
+#include "sentence_transformers/tokenizer/unicode_tables.h"
 #include "tovana/exceptions/exceptions.h"
 #include "tovana/files/model_directory.h"
 
@@ -122,7 +123,7 @@ class ClassBuilder {
     if (NormalizerStep step = read_precompiled(*_sources.tokenizer)) {
       _settings.normalizers.push_back(std::move(step));
     }
-    _add_pre_tokenizer<SplitAtCharacters>(is_white_space, SplitBehavior::removed);
+    _add_pre_tokenizer<SplitAtCharacters>(unicode::is_white_space, SplitBehavior::removed);
     _add_pre_tokenizer<Metaspace>(
         kMetaspaceMark,
         _add_prefix_space(true) ? Metaspace::Prepend::always : Metaspace::Prepend::never, true);

@@ -1,21 +1,12 @@
 #include "sentence_transformers/tokenizer/tokenizer_sources.h"
 
-#include <span>
 #include <utility>
 
+#include "sentence_transformers/tokenizer/named_values.h"
 #include "tovana/files/model_directory.h"
 
 namespace tovana::sentence_transformers {
 namespace {
-
-using Kinds = std::span<const std::pair<std::string_view, TokenizerKind>>;
-
-std::optional<TokenizerKind> find_kind(Kinds kinds, std::string_view name) {
-  for (const auto& [known, kind] : kinds) {
-    if (known == name) return kind;
-  }
-  return std::nullopt;
-}
 
 TokenizerKind kind_of_class(const JsonObject& file, std::string_view name) {
   constexpr std::pair<std::string_view, TokenizerKind> kClasses[] = {
@@ -34,7 +25,7 @@ TokenizerKind kind_of_class(const JsonObject& file, std::string_view name) {
   constexpr std::string_view kFast = "Fast";
   std::string_view plain = name;
   if (plain.ends_with(kFast)) plain.remove_suffix(kFast.size());
-  if (const auto kind = find_kind(kClasses, plain)) return *kind;
+  if (const auto kind = find_named(kClasses, plain)) return *kind;
   file.refuse("tokenizer_class", "is " + files::in_quotes(name) + ", which is not supported; " +
                                      std::string(kSupportedTokenizers));
 }
@@ -53,7 +44,7 @@ TokenizerKind kind_of_model(std::string_view type) {
       {"roberta", TokenizerKind::roberta},
       {"xlm-roberta", TokenizerKind::xlm_roberta},
   };
-  return find_kind(kModels, type).value_or(TokenizerKind::as_it_is);
+  return find_named(kModels, type).value_or(TokenizerKind::as_it_is);
 }
 
 }  // namespace

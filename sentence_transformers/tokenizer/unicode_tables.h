@@ -41,6 +41,10 @@ inline const CharacterRecord& record_of(char32_t code_point) noexcept {
   return kRecords[kRecordOf[(block << kBlockBits) + (code_point & kInBlock)]];
 }
 
+inline bool is_white_space(char32_t code_point) noexcept {
+  return record_of(code_point).is(kWhiteSpace);
+}
+
 /// The one character whose lower case is two, "i" and U+0307.
 inline constexpr char32_t kDottedCapitalI = 0x130;
 inline constexpr char32_t kDotAbove = 0x307;

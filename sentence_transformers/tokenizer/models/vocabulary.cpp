@@ -68,7 +68,7 @@ Vocabulary read_lines(const std::string& path, std::string_view text) {
     text.remove_prefix(newline == std::string_view::npos ? text.size() : newline + 1);
     while (!line.empty()) {
       const utf8::Decoded last = utf8::decode_last(line);
-      if (!unicode::record_of(last.code_point).is(unicode::kWhiteSpace)) break;
+      if (!unicode::is_white_space(last.code_point)) break;
       line.remove_suffix(last.size);
     }
     entries.push_back({line, id});

@@ -1,5 +1,6 @@
 #include "sentence_transformers/tokenizer/normalizers/bert_normalizer.h"
 
+#include "sentence_transformers/tokenizer/characters.h"
 #include "tovana/base/utf8.h"
 
 namespace tovana::sentence_transformers {
@@ -34,10 +35,8 @@ std::string BertNormalizer::normalize(std::string_view text) const {
     }
     const utf8::Decoded character = utf8::decode(at, end);
     at += character.size;
-    normalize(character.code_point, [&](char32_t code_point) {
-      char bytes[utf8::kLongestCharacter];
-      normalized.append(bytes, utf8::encode(code_point, bytes));
-    });
+    normalize(character.code_point,
+              [&](char32_t code_point) { append_character(normalized, code_point); });
   }
   return normalized;
 }

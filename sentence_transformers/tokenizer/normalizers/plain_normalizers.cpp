@@ -11,10 +11,6 @@
 namespace tovana::sentence_transformers {
 namespace {
 
-bool is_space(char32_t code_point) {
-  return unicode::record_of(code_point).is(unicode::kWhiteSpace);
-}
-
 bool is_dropped_by_nmt(char32_t code_point) {
   return (code_point >= 0x1 && code_point <= 0x8) || code_point == 0xB ||
          (code_point >= 0xE && code_point <= 0x1F) || code_point == 0x7F || code_point == 0x8F ||
@@ -46,12 +42,12 @@ void Strip::normalize(std::string& text) const {
   std::string_view left = text;
   while (_left && !left.empty()) {
     const utf8::Decoded first = utf8::decode(left.data(), left.data() + left.size());
-    if (!is_space(first.code_point)) break;
+    if (!unicode::is_white_space(first.code_point)) break;
     left.remove_prefix(first.size);
   }
   while (_right && !left.empty()) {
     const utf8::Decoded last = utf8::decode_last(left);
-    if (!is_space(last.code_point)) break;
+    if (!unicode::is_white_space(last.code_point)) break;
     left.remove_suffix(last.size);
   }
   text = std::string(left);

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "sentence_transformers/tokenizer/base64.h"
+#include "sentence_transformers/tokenizer/named_values.h"
 #include "sentence_transformers/tokenizer/normalizers/bert_normalizer.h"
 #include "sentence_transformers/tokenizer/normalizers/plain_normalizers.h"
 #include "sentence_transformers/tokenizer/normalizers/precompiled.h"
@@ -79,10 +80,7 @@ NormalizerStep read_normalizer(const JsonObject& step) {
       {"Strip", strip},
       {"StripAccents", plain<StripAccents>},
   };
-  const std::string_view type = type_of(step);
-  for (const auto& [name, read] : kTypes) {
-    if (name == type) return read(step);
-  }
+  if (const auto read = find_named(kTypes, type_of(step))) return (*read)(step);
   refuse_type(step);
 }
 

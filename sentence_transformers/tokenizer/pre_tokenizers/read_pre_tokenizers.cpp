@@ -5,15 +5,25 @@
 #include <string_view>
 #include <utility>
 
+#include "sentence_transformers/tokenizer/named_values.h"
 #include "sentence_transformers/tokenizer/pattern_json.h"
 #include "sentence_transformers/tokenizer/pre_tokenizers/bert_pre_tokenizer.h"
 #include "sentence_transformers/tokenizer/pre_tokenizers/byte_level.h"
 #include "sentence_transformers/tokenizer/pre_tokenizers/metaspace.h"
 #include "sentence_transformers/tokenizer/pre_tokenizers/split.h"
 #include "sentence_transformers/tokenizer/step_json.h"
+#include "sentence_transformers/tokenizer/unicode_tables.h"
 
 namespace tovana::sentence_transformers {
 namespace {
+
+/// What a table has under the name that is a member's value.
+template <class Table>
+auto value_of(const JsonObject& step, std::string_view member, const Table& table,
+              std::string_view name) {
+  if (const auto value = find_named(table, name)) return *value;
+  step.refuse(member, "is " + files::in_quotes(name) + ", which is not supported");
+}
 
 SplitBehavior read_behavior(const JsonObject& step, std::string_view otherwise) {
   constexpr std::string_view kBehavior = "behavior";
@@ -24,11 +34,7 @@ SplitBehavior read_behavior(const JsonObject& step, std::string_view otherwise) 
       {"MergedWithNext", SplitBehavior::merged_with_next},
       {"Contiguous", SplitBehavior::contiguous},
   };
-  const std::string_view behavior = step.text(kBehavior).value_or(otherwise);
-  for (const auto& [name, result] : kBehaviors) {
-    if (name == behavior) return result;
-  }
-  step.refuse(kBehavior, "is " + files::in_quotes(behavior) + ", which is not supported");
+  return value_of(step, kBehavior, kBehaviors, step.text(kBehavior).value_or(otherwise));
 }
 
 PreTokenizerStep byte_level(const JsonObject& step) {
@@ -53,12 +59,8 @@ PreTokenizerStep metaspace(const JsonObject& step) {
   const bool prepends = step.flag("add_prefix_space").value_or(true);
   const std::string_view scheme =
       step.text(kScheme).value_or(prepends ? std::string_view("always") : "never");
-  for (const auto& [name, prepend] : kSchemes) {
-    if (name == scheme) {
-      return std::make_unique<Metaspace>(mark, prepend, step.flag("split").value_or(true));
-    }
-  }
-  step.refuse(kScheme, "is " + files::in_quotes(scheme) + ", which is not supported");
+  return std::make_unique<Metaspace>(mark, value_of(step, kScheme, kSchemes, scheme),
+                                     step.flag("split").value_or(true));
 }
 
 PreTokenizerStep split(const JsonObject& step) {
@@ -81,7 +83,7 @@ PreTokenizerStep digits(const JsonObject& step) {
 
 PreTokenizerStep white_space(const JsonObject& step) {
   refuse_others(step, {});
-  return std::make_unique<SplitAtCharacters>(is_white_space, SplitBehavior::removed);
+  return std::make_unique<SplitAtCharacters>(unicode::is_white_space, SplitBehavior::removed);
 }
 
 template <class Step>
@@ -101,10 +103,7 @@ PreTokenizerStep read_pre_tokenizer(const JsonObject& step) {
       {"Whitespace", plain<Whitespace>},
       {"WhitespaceSplit", white_space},
   };
-  const std::string_view type = type_of(step);
-  for (const auto& [name, read] : kTypes) {
-    if (name == type) return read(step);
-  }
+  if (const auto read = find_named(kTypes, type_of(step))) return (*read)(step);
   refuse_type(step);
 }
 

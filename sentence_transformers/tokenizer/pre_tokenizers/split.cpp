@@ -6,10 +6,6 @@
 
 namespace tovana::sentence_transformers {
 
-bool is_white_space(char32_t code_point) {
-  return unicode::record_of(code_point).is(unicode::kWhiteSpace);
-}
-
 bool is_punctuation(char32_t code_point) {
   return unicode::record_of(code_point).is(unicode::kPunctuation);
 }

@@ -112,7 +112,6 @@ class SplitAtCharacters final : public PreTokenizer {
   SplitBehavior _behavior;
 };
 
-bool is_white_space(char32_t code_point);
 bool is_punctuation(char32_t code_point);
 bool is_numeric(char32_t code_point);
 
