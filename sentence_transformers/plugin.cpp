@@ -102,6 +102,19 @@ abi::Description describe() {
           .kernels = abi::text_of(runtime.instruction_set())};
 }
 
+/// The format that is meant, if the runtime supports it.
+std::optional<NumberFormat> supported_format(abi::NumberFormat number_format) {
+  std::optional<NumberFormat> format;
+  if (number_format == abi::NumberFormat::float32) format = NumberFormat::float32;
+  if (number_format == abi::NumberFormat::bfloat16) format = NumberFormat::bfloat16;
+  if (format && !library_runtime().supports(*format)) format.reset();
+  return format;
+}
+
+std::int32_t supports(abi::NumberFormat number_format) {
+  return supported_format(number_format) ? 1 : 0;
+}
+
 abi::Error* get_num_threads(std::int32_t* count) {
   return guarded([count] {
     constexpr std::size_t kMost = std::numeric_limits<std::int32_t>::max();
@@ -130,13 +143,14 @@ abi::Error* load_model(abi::Text directory, abi::Text allowed_root, const abi::L
                        abi::Model** model) {
   *model = nullptr;
   return guarded([&] {
-    if (options->number_format != abi::NumberFormat::float32) {
-      throw RuntimeError("the model library does not know the number format " +
+    const std::optional<NumberFormat> format = supported_format(options->number_format);
+    if (!format) {
+      throw RuntimeError("the model library does not support the number format " +
                          std::to_string(static_cast<std::int32_t>(options->number_format)));
     }
     auto loaded = std::make_unique<abi::Model>();
-    loaded->transformer =
-        SentenceTransformer::load(directory_of(directory, allowed_root), library_runtime());
+    loaded->transformer = SentenceTransformer::load(directory_of(directory, allowed_root),
+                                                    library_runtime(), *format);
     *model = loaded.release();
   });
 }
@@ -186,6 +200,7 @@ tovana_model_library() {
       .size = sizeof(tovana::model_library_abi::Table),
       .open = plugin::open,
       .describe = plugin::describe,
+      .supports = plugin::supports,
       .get_num_threads = plugin::get_num_threads,
       .set_num_threads = plugin::set_num_threads,
       .check_model = plugin::check_model,

@@ -14,7 +14,8 @@ void NativeRuntime::set_num_threads(std::size_t count) const {
 }
 
 std::unique_ptr<const Encoder> NativeRuntime::load_encoder(const Checkpoint& checkpoint,
-                                                           const TransformerConfig& config) const {
+                                                           const TransformerConfig& config,
+                                                           NumberFormat /*format*/) const {
   return std::make_unique<const NativeEncoder>(checkpoint, config, _kernels);
 }
 

@@ -13,7 +13,8 @@ class NativeRuntime final : public Runtime {
   std::size_t get_num_threads() const override;
   void set_num_threads(std::size_t count) const override;
   std::unique_ptr<const Encoder> load_encoder(const Checkpoint& checkpoint,
-                                              const TransformerConfig& config) const override;
+                                              const TransformerConfig& config,
+                                              NumberFormat format) const override;
   const Kernels& kernels() const noexcept override { return _kernels; }
 
  private:

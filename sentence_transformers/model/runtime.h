@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "sentence_transformers/compute/kernels.h"
+#include "sentence_transformers/compute/number_format.h"
 #include "sentence_transformers/model/checkpoint.h"
 #include "sentence_transformers/model/encoder.h"
 #include "sentence_transformers/model/transformer_config.h"
@@ -42,15 +43,20 @@ class Runtime {
   /// 1.
   virtual void set_num_threads(std::size_t count) const = 0;
 
+  /// Whether encoders compute with that number format on this processor.
+  virtual bool supports(NumberFormat format) const { return format == NumberFormat::float32; }
+
   /// Throws ModelFilesError, naming the checkpoint's file, for an encoder that the runtime does not
   /// run. Reads no numbers.
   virtual void check_encoder(const Checkpoint& /*checkpoint*/,
                              const TransformerConfig& /*config*/) const {}
 
   /// The encoder of a checkpoint in which every tensor has been found (`open_encoder_checkpoint`).
-  /// Reads the numbers: throws what `Checkpoint::tensor` and `check_encoder` do. Keeps nothing of the checkpoint.
+  /// Reads the numbers: throws what `Checkpoint::tensor` and `check_encoder` do. Keeps nothing of the
+  /// checkpoint. The format has to be one that it supports.
   virtual std::unique_ptr<const Encoder> load_encoder(const Checkpoint& checkpoint,
-                                                      const TransformerConfig& config) const = 0;
+                                                      const TransformerConfig& config,
+                                                      NumberFormat format) const = 0;
 
   /// What the modules behind the encoder compute with.
   virtual const Kernels& kernels() const noexcept = 0;

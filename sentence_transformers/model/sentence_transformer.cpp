@@ -71,9 +71,9 @@ struct SentenceTransformer::Round {
 };
 
 std::unique_ptr<const SentenceTransformer> SentenceTransformer::load(
-    const files::ModelDirectory& directory, const Runtime& runtime) {
+    const files::ModelDirectory& directory, const Runtime& runtime, NumberFormat format) {
   return std::unique_ptr<const SentenceTransformer>(
-      new SentenceTransformer(FoundModel(directory), runtime));
+      new SentenceTransformer(FoundModel(directory), runtime, format));
 }
 
 void SentenceTransformer::check(const files::ModelDirectory& directory, const Runtime& runtime) {
@@ -81,11 +81,12 @@ void SentenceTransformer::check(const files::ModelDirectory& directory, const Ru
   runtime.check_encoder(found.checkpoint, found.config);
 }
 
-SentenceTransformer::SentenceTransformer(FoundModel found, const Runtime& runtime)
+SentenceTransformer::SentenceTransformer(FoundModel found, const Runtime& runtime,
+                                         NumberFormat format)
     : _kernels(runtime.kernels()),
       _max_length(found.config.max_length),
       _tokenizer(std::move(found.tokenizer)),
-      _encoder(runtime.load_encoder(found.checkpoint, found.config)),
+      _encoder(runtime.load_encoder(found.checkpoint, found.config, format)),
       _pooling(std::move(found.pooling)),
       _dimension(static_cast<std::size_t>(found.dimension)),
       _prompts(std::move(found.prompts)) {

@@ -43,11 +43,12 @@ struct EncodeParameters {
 /// many more as the runtime's setting for it says.
 class SentenceTransformer {
  public:
-  /// Loads a model from its folder, to be encoded by a runtime. Blocks while the weights are read and
-  /// arranged. Throws ModelFilesError, naming file and fault, for a model that is damaged or of a
+  /// Loads a model from its folder, to be encoded by a runtime in a format that it supports. Blocks
+  /// while the weights are read and arranged. Throws ModelFilesError, naming file and fault, for a model that is damaged or of a
   /// kind that is not supported here; RuntimeError when the system would not let us read it.
-  static std::unique_ptr<const SentenceTransformer> load(const files::ModelDirectory& directory,
-                                                         const Runtime& runtime);
+  static std::unique_ptr<const SentenceTransformer> load(
+      const files::ModelDirectory& directory, const Runtime& runtime,
+      NumberFormat format = NumberFormat::float32);
 
   /// Throws what `load` would throw, but for what is wrong with the weights' numbers, of which none
   /// is read.
@@ -70,7 +71,7 @@ class SentenceTransformer {
   struct Call;
   struct Round;
 
-  SentenceTransformer(FoundModel found, const Runtime& runtime);
+  SentenceTransformer(FoundModel found, const Runtime& runtime, NumberFormat format);
 
   std::size_t _count_skipped(std::string_view prompt) const;
   Round _tokenize(const Call& call, std::size_t first) const;

@@ -128,6 +128,7 @@ tovana_model_library() {
       .size = sizeof(Table),
       .open = library::open,
       .describe = library::PassOn<&Table::describe>::call,
+      .supports = library::PassOn<&Table::supports>::call,
       .get_num_threads = library::PassOn<&Table::get_num_threads>::call,
       .set_num_threads = library::PassOn<&Table::set_num_threads>::call,
       .check_model = library::PassOn<&Table::check_model>::call,

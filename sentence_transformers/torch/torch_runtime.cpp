@@ -49,7 +49,8 @@ void TorchRuntime::check_encoder(const Checkpoint& checkpoint,
 }
 
 std::unique_ptr<const Encoder> TorchRuntime::load_encoder(const Checkpoint& checkpoint,
-                                                          const TransformerConfig& config) const {
+                                                          const TransformerConfig& config,
+                                                          NumberFormat /*format*/) const {
   check_encoder(checkpoint, config);
   return std::make_unique<const TorchEncoder>(checkpoint, config, get_num_threads());
 }

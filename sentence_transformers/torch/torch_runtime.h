@@ -16,7 +16,8 @@ class TorchRuntime final : public Runtime {
   void set_num_threads(std::size_t count) const override;
   void check_encoder(const Checkpoint& checkpoint, const TransformerConfig& config) const override;
   std::unique_ptr<const Encoder> load_encoder(const Checkpoint& checkpoint,
-                                              const TransformerConfig& config) const override;
+                                              const TransformerConfig& config,
+                                              NumberFormat format) const override;
   const Kernels& kernels() const noexcept override { return best_kernels(); }
   std::optional<std::string> message_of(const std::exception& error) const override;
 };

@@ -81,7 +81,7 @@ TEST(Plugin, LetsFailuresThroughAsKindAndOneLine) {
   const abi::LoadOptions unknown = {.number_format = abi::NumberFormat{99}};
   const std::string sound = tiny_model("tiny_bert_cls").string();
   EXPECT_EQ(described(table().load_model(text_of(sound), text_of(sound), &unknown, &model)),
-            "RuntimeError: the model library does not know the number format 99");
+            "RuntimeError: the model library does not support the number format 99");
   EXPECT_EQ(model, nullptr);
   table().free_error(nullptr);
   table().free_model(nullptr);

@@ -259,9 +259,10 @@ class WhileLoading final : public Runtime {
   std::size_t get_num_threads() const override { return 1; }
   void set_num_threads(std::size_t) const override {}
   std::unique_ptr<const Encoder> load_encoder(const Checkpoint& checkpoint,
-                                              const TransformerConfig& config) const override {
+                                              const TransformerConfig& config,
+                                              NumberFormat format) const override {
     _event();
-    return _native.load_encoder(checkpoint, config);
+    return _native.load_encoder(checkpoint, config, format);
   }
   const Kernels& kernels() const noexcept override { return _native.kernels(); }
 

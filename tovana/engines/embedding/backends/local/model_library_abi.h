@@ -23,7 +23,7 @@
 /// A change to anything below takes a new `kVersion`; the component refuses every other one.
 namespace tovana::model_library_abi {
 
-inline constexpr std::uint32_t kVersion = 3;
+inline constexpr std::uint32_t kVersion = 4;
 
 /// The file's name, and the one symbol it exports: a `GetTable` with C linkage.
 inline constexpr const char* kFileName = "libtovana_sentence_transformers.so";
@@ -53,8 +53,9 @@ struct Description {
   Text kernels;  ///< The instruction set of the arithmetic: "avx512".
 };
 
-/// In which numbers a model's weights are kept and multiplied.
-enum class NumberFormat : std::int32_t { float32 = 0 };
+/// In which numbers a model's weights are kept and multiplied. Sums, and all that is no product of
+/// matrices, are float32 in both.
+enum class NumberFormat : std::int32_t { float32 = 0, bfloat16 = 1 };
 
 struct LoadOptions {
   NumberFormat number_format;
@@ -96,6 +97,10 @@ struct Table {
   /// What the library that is ready computes with. Cannot fail.
   Description (*describe)();
 
+  /// Whether this library computes with a number format on this processor: 1, or 0. Every library
+  /// does with float32. Called once it is ready. Cannot fail.
+  std::int32_t (*supports)(NumberFormat number_format);
+
   /// The count of threads that a call computes on, the calling one included: a setting of the
   /// calling thread.
   Error* (*get_num_threads)(std::int32_t* count);
@@ -110,6 +115,7 @@ struct Table {
 
   /// Loads a model from a directory. No file is read that lies, links followed, outside
   /// `allowed_root`, an ancestor of the directory or the directory itself. Both are absolute paths.
+  /// A number format that it does not support is a "RuntimeError".
   /// On success `*model` belongs to the caller, until `free_model`; otherwise it is null.
   /// May block for seconds. Never reaches for the network.
   Error* (*load_model)(Text directory, Text allowed_root, const LoadOptions* options,

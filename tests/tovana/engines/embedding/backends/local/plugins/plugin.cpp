@@ -102,6 +102,7 @@ Table table = {
     .describe = []() -> Description {
       return {.runtime = text_of("fake"), .kernels = text_of("none")};
     },
+    .supports = [](NumberFormat) -> std::int32_t { return 1; },
     .get_num_threads = [](std::int32_t* count) -> Error* {
       *count = threads;
       return nullptr;
