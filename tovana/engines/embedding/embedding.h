@@ -8,6 +8,7 @@
 /// | vectors of texts | `EmbeddingEngine`; `SHARED_ENGINES`, which shares one a configuration |
 /// | the daemon's settings | `Config`, `engine_config` |
 /// | deadlines | `system_clock().now()`, in seconds |
+/// | what local models compute in | `EMBED_PRECISION.request(Precision::bfloat16)` |
 /// | logs | `set_log_sink`, `set_log_level` |
 /// | the progress of a model's fetch | `hub::set_fetch_observer` |
 /// | a backend without an engine, or one of the program's own | the backends' classes, `EmbeddingBackend` |
@@ -23,6 +24,7 @@
 #include "tovana/engines/embedding/backends/backend.h"
 #include "tovana/engines/embedding/backends/endpoint/http.h"
 #include "tovana/engines/embedding/backends/local/local.h"
+#include "tovana/engines/embedding/backends/local/precision.h"
 #include "tovana/engines/embedding/backends/local/torch_threads.h"
 #include "tovana/engines/embedding/backends/tfidf/tfidf.h"
 #include "tovana/engines/embedding/engine/engine.h"

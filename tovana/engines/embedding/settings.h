@@ -56,4 +56,7 @@ inline constexpr const char* EMBED_THREADS_ENV = "TOVANA_EMBED_THREADS";
 /// The bound when the variable is not set, or holds no whole number.
 inline constexpr std::int64_t DEFAULT_EMBED_THREADS = 2;
 
+/// Environment variable of what local models compute in: "float32", or "bfloat16".
+inline constexpr const char* EMBED_PRECISION_ENV = "TOVANA_EMBED_PRECISION";
+
 }  // namespace tovana::embedding

@@ -109,6 +109,11 @@ class LibraryModel final : public LocalModel {
   const std::size_t _dimension;
 };
 
+abi::NumberFormat number_format(Precision precision) {
+  return precision == Precision::bfloat16 ? abi::NumberFormat::bfloat16
+                                          : abi::NumberFormat::float32;
+}
+
 /// The directories that the file may be in, the first ones first.
 std::vector<fs::path> directories_to_search() {
   std::vector<fs::path> beside;
@@ -223,6 +228,10 @@ ModelLibraryDescription ModelLibrary::describe() const noexcept {
           .kernels = abi::view_of(description.kernels)};
 }
 
+bool ModelLibrary::supports(Precision precision) const noexcept {
+  return _table.supports(number_format(precision)) != 0;
+}
+
 std::int64_t ModelLibrary::get_num_threads() {
   std::int32_t count = 0;
   call(_table, "get_num_threads", _table.get_num_threads, &count);
@@ -243,7 +252,8 @@ void ModelLibrary::check_model(const fs::path& directory, const fs::path& allowe
 
 std::unique_ptr<const LocalModel> ModelLibrary::load_model(const fs::path& directory,
                                                            const fs::path& allowed_root,
-                                                           const abi::LoadOptions& options) const {
+                                                           Precision precision) const {
+  const abi::LoadOptions options = {.number_format = number_format(precision)};
   abi::Model* loaded = nullptr;
   call(_table, "load_model", _table.load_model, abi::text_of(directory.native()),
        abi::text_of(allowed_root.native()), &options, &loaded);

@@ -10,6 +10,7 @@
 #include "tovana/engines/embedding/backends/local/model_library_abi.h"
 #include "tovana/engines/embedding/backends/local/model_library_errors.h"
 #include "tovana/engines/embedding/backends/local/model_runtime.h"
+#include "tovana/engines/embedding/backends/local/precision.h"
 
 /// The model library: a shared object beside this component, which runs the models and is opened
 /// only when a local model is wanted.
@@ -47,6 +48,9 @@ class ModelLibrary final : public TorchRuntime {
 
   ModelLibraryDescription describe() const noexcept;
 
+  /// Whether models can be loaded in that precision on this processor; all can in float32.
+  bool supports(Precision precision) const noexcept;
+
   std::int64_t get_num_threads() override;
   void set_num_threads(std::int64_t count) override;
 
@@ -54,10 +58,11 @@ class ModelLibrary final : public TorchRuntime {
   void check_model(const std::filesystem::path& directory,
                    const std::filesystem::path& allowed_root) const;
 
-  /// Loads a model from a directory, reading no file outside `allowed_root`, both absolute.
-  std::unique_ptr<const LocalModel> load_model(
-      const std::filesystem::path& directory, const std::filesystem::path& allowed_root,
-      const model_library_abi::LoadOptions& options = {}) const;
+  /// Loads a model from a directory, reading no file outside `allowed_root`, both absolute, in a
+  /// precision that is supported.
+  std::unique_ptr<const LocalModel> load_model(const std::filesystem::path& directory,
+                                               const std::filesystem::path& allowed_root,
+                                               Precision precision = Precision::float32) const;
 
  private:
   explicit ModelLibrary(const model_library_abi::Table& table) : _table(table) {}

@@ -5,6 +5,7 @@
 #include "tovana/base/held_across_forks.h"
 #include "tovana/base/mutex.h"
 #include "tovana/engines/embedding/backends/local/model_library.h"
+#include "tovana/engines/embedding/backends/local/precision.h"
 #include "tovana/engines/hub/fetch_model.h"
 
 namespace tovana::embedding {
@@ -43,7 +44,9 @@ class ProcessModelRuntime final : public ModelRuntime {
   std::unique_ptr<const LocalModel> sentence_transformer(const std::string& model_name,
                                                          bool local_files_only) override {
     const hub::CachedModel found = find_model(model_name, local_files_only);
-    return _open_library().load_model(found.directory, found.allowed_root);
+    const ModelLibrary& library = _open_library();
+    return library.load_model(found.directory, found.allowed_root,
+                              EMBED_PRECISION._settle(library));
   }
 
  private:

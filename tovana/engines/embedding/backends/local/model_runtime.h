@@ -99,9 +99,9 @@ class ModelRuntime {
                            const std::filesystem::path& allowed_root) = 0;
 
   /// Loads a model by its name (or from a directory, see `hub`), from the local cache only or
-  /// fetching it when it is not cached. May block for as long as that takes. Loads the library
-  /// where that has not been done. Throws RuntimeError when the model is not to be had,
-  /// ModelFilesError when its files cannot serve, ValueError for a malformed name.
+  /// fetching it when it is not cached, in the process's precision. May block for as long as that
+  /// takes. Loads the library where that has not been done. Throws RuntimeError when the model is not
+  /// to be had, ModelFilesError when its files cannot serve, ValueError for a malformed name.
   virtual std::unique_ptr<const LocalModel> sentence_transformer(const std::string& model_name,
                                                                  bool local_files_only) = 0;
 };

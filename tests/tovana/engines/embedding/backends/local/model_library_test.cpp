@@ -19,9 +19,11 @@
 #include <unistd.h>
 
 #include "tests/support/failure_text.h"
+#include "tests/support/log_recorder.h"
 #include "tests/support/temp_folder.h"
 #include "tests/tovana/engines/embedding/backends/local/plugins/plugin.h"
 #include "tovana/engines/embedding/backends/local/local.h"
+#include "tovana/engines/embedding/backends/local/precision.h"
 #include "tovana/engines/embedding/engine/engine.h"
 #include "tovana/engines/embedding/sharing/shared_engines.h"
 
@@ -139,16 +141,63 @@ TEST(ModelLibraryTest, TurnsFailuresIntoErrorsAndGivesEverythingBack) {
   library->set_num_threads(16);  // as it was, for other cases of this process
 }
 
+TEST(PrecisionTest, IsWhatIsAskedForAndSupportedOnceForAll) {
+  struct Case {
+    std::string named;  ///< In the environment, where nothing was requested.
+    std::optional<Precision> requested;
+    std::string library;
+    Precision used;
+    std::vector<std::string> said;
+  };
+  constexpr auto kFloat32 = Precision::float32;
+  constexpr auto kBfloat16 = Precision::bfloat16;
+  const std::string in_float32 = "info Local models compute in float32 (fake, none)";
+  const std::string in_bfloat16 = "info Local models compute in bfloat16 (fake, none)";
+  const std::string in_vain = in_float32 + ", not in bfloat16 as asked: this model library ";
+  const std::string wrong = "warning TOVANA_EMBED_PRECISION is 'bf16\\n', which is no precision: ";
+  LogRecorder log;
+  for (const Case& each : std::vector<Case>{
+           {" ", {}, "good", kFloat32, {in_float32}},
+           {"\tBFloat16\n", {}, "good", kBfloat16, {in_bfloat16}},
+           {"bfloat16", {}, "float32_only", kFloat32, {in_vain}},
+           {"bf16\n", {}, "good", kFloat32, {wrong, in_float32}},
+           {"bf16\n", kBfloat16, "good", kBfloat16, {in_bfloat16}},
+           {"bfloat16", kFloat32, "good", kFloat32, {in_float32}},
+       }) {
+    const auto library = ModelLibrary::open(plugin(each.library));
+    Environment environment = {{"TOVANA_EMBED_PRECISION", each.named}};
+    PrecisionSetting setting;
+    if (each.requested) setting.request(*each.requested);
+    EXPECT_EQ(setting.used(), std::nullopt);
+    EXPECT_EQ(setting._settle(*library, &environment), each.used) << each.named;
+    environment.clear();
+    EXPECT_EQ(setting._settle(*library, &environment), each.used) << each.named;
+    EXPECT_EQ(setting.used(), each.used);
+    const std::vector<std::string> lines = log.take_lines();
+    ASSERT_EQ(lines.size(), each.said.size()) << PrintToString(lines);
+    for (std::size_t i = 0; i < lines.size(); ++i) EXPECT_THAT(lines[i], StartsWith(each.said[i]));
+    setting.request(each.used);
+    const bool in_vain_asked = each.library == "float32_only";
+    EXPECT_EQ(failure_of([&] {
+                setting.request(each.used == kFloat32 ? kBfloat16 : kFloat32);
+              }).find("RuntimeError: the local models of this process compute in "),
+              in_vain_asked ? std::string::npos : 0);
+  }
+}
+
 /// The process's own runtime, which takes the way to plugin and cache from the environment.
 TEST(ModelRuntimeTest, LoadsFromTheCacheAndSaysWhatItMayNotFetch) {
   setenv("TOVANA_MODEL_LIBRARY", plugin("good").c_str(), 1);
   setenv("SENTENCE_TRANSFORMERS_HOME", CACHE_SAMPLE, 1);
   setenv("HF_HUB_OFFLINE", "1", 1);
   setenv("TOVANA_EMBED_THREADS", "2", 1);
+  setenv("TOVANA_EMBED_PRECISION", "bfloat16", 1);
   LocalEmbeddingBackend backend("tiny-bert-cls");
   EXPECT_EQ(model_runtime().loaded_torch(), nullptr);
   EXPECT_FALSE(model_runtime().loaded_library());
-  EXPECT_THAT(backend.embed({"abc"}), ElementsAre(Vector{3, 2, 1}));  // 2: the bound's threads
+  EXPECT_THAT(backend.embed({"abc"}), ElementsAre(Vector{3, 2, 3}));  // 2: the bound's threads
+  setenv("TOVANA_EMBED_PRECISION", "float32", 1);                     // comes too late
+  EXPECT_THAT(LocalEmbeddingBackend("tiny-bert-cls").embed({"abc"}), ElementsAre(Vector{3, 2, 3}));
   ASSERT_NE(model_runtime().loaded_torch(), nullptr);
   EXPECT_EQ(model_runtime().loaded_torch()->get_num_threads(), 16);
   EXPECT_EQ(model_runtime().loaded_library().value().runtime, "fake");

@@ -13,7 +13,9 @@
 /// wrong with each.
 namespace tovana::model_library_abi {
 
-struct Model {};
+struct Model {
+  NumberFormat number_format;
+};
 
 namespace {
 
@@ -53,16 +55,23 @@ Error* open() {
   return nullptr;
 }
 
+std::int32_t supports(NumberFormat number_format) {
+#ifdef FLOAT32_ONLY
+  return number_format == NumberFormat::float32 ? 1 : 0;
+#else
+  return number_format <= NumberFormat::bfloat16 ? 1 : 0;
+#endif
+}
+
 Error* check_model(Text directory, Text /*allowed_root*/) { return act(last_part(directory)); }
 
 Error* load_model(Text directory, Text /*allowed_root*/, const LoadOptions* options,
                   Model** model) {
   const std::string_view wish = last_part(directory);
-  if (options->number_format != NumberFormat::float32) return act("fail ValueError");
   if (Error* const error = act(wish)) return error;
   if (wish == "nothing") return nullptr;
   ++alive;
-  *model = new Model;
+  *model = new Model{options->number_format};
   return nullptr;
 }
 
@@ -71,7 +80,7 @@ void free_model(Model* model) {
   delete model;
 }
 
-Error* encode(const Model* /*model*/, const EncodeCall* call) {
+Error* encode(const Model* model, const EncodeCall* call) {
   std::string prompt;
   for (const Text* each : {call->prompt_name, call->prompt}) {
     if (each != nullptr) prompt += view_of(*each);
@@ -82,7 +91,7 @@ Error* encode(const Model* /*model*/, const EncodeCall* call) {
     if (Error* const error = act(view_of(text))) return error;
     vector[0] = static_cast<float>(prompt.size() + text.size);
     vector[1] = static_cast<float>(threads);
-    vector[2] = static_cast<float>(call->normalize);
+    vector[2] = static_cast<float>(call->normalize + 2 * static_cast<int>(model->number_format));
     if (call->token_counts != nullptr) {
       call->token_counts[i] = static_cast<std::uint32_t>(text.size);
     }
@@ -102,7 +111,7 @@ Table table = {
     .describe = []() -> Description {
       return {.runtime = text_of("fake"), .kernels = text_of("none")};
     },
-    .supports = [](NumberFormat) -> std::int32_t { return 1; },
+    .supports = supports,
     .get_num_threads = [](std::int32_t* count) -> Error* {
       *count = threads;
       return nullptr;

@@ -8,7 +8,7 @@ namespace tovana::testing {
 inline constexpr int kHangingDescriptor = 100;
 
 /// The model's vectors: the length of the text and its prompt, name included, the thread count, and 1 for
-/// normalised ones. Its tokens are the bytes of the text.
+/// normalised ones, 2 more for a model in bfloat16. Its tokens are the bytes of the text.
 inline constexpr int kPluginDimension = 3;
 
 }  // namespace tovana::testing
