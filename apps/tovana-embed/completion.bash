@@ -21,7 +21,7 @@ _tovana_embed_model() {
 # Where COMPREPLY stays empty, bash offers file names itself and knows how to quote them.
 _tovana_embed() {
   local current=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} command="" ended="" word
-  local engine="--backend --model --dimension --base-url --api-url --settings --wait-s --no-wait --log-level"
+  local engine="--backend --model --precision --dimension --base-url --api-url --settings --wait-s --no-wait --log-level"
   COMPREPLY=()
   # The sign of --backend=api is a word of its own.
   if [[ $current == "=" ]]; then
@@ -40,6 +40,7 @@ _tovana_embed() {
       --model) _tovana_embed_model "$current" ;;
       --backend) _tovana_embed_words "auto local api openai tfidf" "$current" ;;
       --prompt | --text-prompt) _tovana_embed_words "query document" "$current" ;;
+      --precision) _tovana_embed_words "float32 bfloat16" "$current" ;;
       --format) _tovana_embed_words "jsonl npy" "$current" ;;
       --log-level) _tovana_embed_words "debug info warning" "$current" ;;
       --api-url | --base-url | --batch-size | --concurrency | --deadline | --dimension | --revision | --top | --wait-s)

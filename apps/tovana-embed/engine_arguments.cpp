@@ -26,17 +26,18 @@ using embedding::EngineConfiguration;
 struct BackendKind {
   std::string_view name;
   bool takes_model;
+  bool takes_precision;
   bool takes_prompt;
   bool takes_api_url;
   bool takes_base_url;
 };
 
 constexpr std::array kBackendKinds = {
-    BackendKind{"auto", true, true, true, false},
-    BackendKind{"local", true, true, false, false},
-    BackendKind{"api", false, false, true, false},
-    BackendKind{"openai", true, false, false, true},
-    BackendKind{"tfidf", false, false, false, false},
+    BackendKind{"auto", true, true, true, true, false},
+    BackendKind{"local", true, true, true, false, false},
+    BackendKind{"api", false, false, false, true, false},
+    BackendKind{"openai", true, false, false, false, true},
+    BackendKind{"tfidf", false, false, false, false, false},
 };
 
 /// The kind of a name; of the settings' names, any that is not known stands for auto.
@@ -89,6 +90,8 @@ Config read_settings(const std::filesystem::path& file) {
 void check_options(const EngineArguments& arguments, const BackendKind& kind) {
   const std::string subject = "the backend " + std::string(kind.name);
   if (arguments.model && !kind.takes_model) throw_usage(subject + " has no --model");
+  if (arguments.precision && !kind.takes_precision)
+    throw_usage(subject + " has no --precision; only local models have");
   if (!kind.takes_prompt && (arguments.prompt || arguments.text_prompt))
     throw_usage(subject + " has no prompts; only local models have");
   if (arguments.api_url && !kind.takes_api_url) throw_usage(subject + " has no --api-url");
@@ -144,6 +147,19 @@ void add_engine_options(CLI::App& command, EngineArguments& arguments) {
                       "asked for (" +
                       embedding::DEFAULT_OPENAI_MODEL + ")")
       ->option_text("NAME");
+  const auto set_precision = [&arguments](const std::string& name) {
+    arguments.precision = embedding::precision_named(name);
+    if (!arguments.precision) {
+      throw CLI::ValidationError("--precision", "takes float32 or bfloat16, not \"" + name + "\"");
+    }
+  };
+  command
+      .add_option_function<std::string>("--precision", set_precision,
+                                        "local: what the model computes in, float32 or\n"
+                                        "bfloat16, which is faster on processors with\n"
+                                        "AVX512_BF16 and the same as float32 elsewhere\n"
+                                        "(TOVANA_EMBED_PRECISION, else float32)")
+      ->type_name("NAME");
   add_count(command, "--dimension", arguments.dimension,
             "Numbers in a vector (tfidf: " + std::to_string(embedding::DEFAULT_TFIDF_DIMENSION) +
                 "). Models and endpoints\n"

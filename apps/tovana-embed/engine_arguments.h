@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "tovana/engines/embedding/backends/local/precision.h"
 #include "tovana/engines/embedding/engine/configuration.h"
 
 namespace tovana::tool {
@@ -15,6 +16,7 @@ struct EngineArguments {
   std::optional<std::string> backend;  ///< Null: what the settings say.
   std::optional<std::string> model;
   std::optional<std::int64_t> dimension;
+  std::optional<embedding::Precision> precision;  ///< Null: what the environment says.
   std::optional<std::string> base_url;
   std::optional<std::string> api_url;
   std::optional<std::string> settings;  ///< Null: the user's file, if there is one.

@@ -26,6 +26,7 @@ EngineSession::EngineSession(const EngineArguments& arguments, const Interrupts&
     : _arguments(arguments),
       _config(engine_configuration(arguments)),
       _engine(SHARED_ENGINES.acquire(_config)) {
+  if (_arguments.precision) embedding::EMBED_PRECISION.request(*_arguments.precision);
   try {
     _engine->warm_up_async();
   } catch (const std::system_error& error) {
@@ -54,9 +55,9 @@ const std::shared_ptr<EmbeddingBackend>& EngineSession::wait_ready(const RunLimi
   }
   _check_prompts(*_backend);
   const std::optional<Fallback> taken = _engine->fallback();
-  // Without a model library tfidf is what was asked for, unless a backend or a model was named.
+  // Without a model library tfidf is what was asked for, unless something of a model was named.
   if (taken && (taken->cause != Fallback::Cause::library_not_installed ||
-                _config.contains("backend") || _arguments.model)) {
+                _config.contains("backend") || _arguments.model || _arguments.precision)) {
     report(taken->reason + ", so the vectors are those of " + _backend->name() + "; " +
            remedy_for(taken->cause));
   }

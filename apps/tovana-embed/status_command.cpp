@@ -10,10 +10,12 @@
 #include "engine_session.h"
 #include "output.h"
 #include "tovana/engines/embedding/backends/local/model_runtime.h"
+#include "tovana/engines/embedding/backends/local/precision.h"
 
 namespace tovana::tool {
 namespace {
 
+using embedding::EMBED_PRECISION;
 using embedding::EmbeddingStatus;
 
 /// What loads at once is ready by then.
@@ -25,7 +27,8 @@ struct StatusArguments {
   bool json = false;
 };
 
-/// The fields of the status, and what the model library is, each null while none is loaded.
+/// The fields of the status, and what the model library and its models compute with, each null while
+/// none is loaded.
 std::string json_line(const EmbeddingStatus& status) {
   nlohmann::ordered_json object;
   for (const auto& [name, value] : status.to_dict()) {
@@ -37,7 +40,20 @@ std::string json_line(const EmbeddingStatus& status) {
     object["runtime"] = library->runtime;
     object["kernels"] = library->kernels;
   }
+  object["precision"] = nullptr;
+  if (const auto precision = EMBED_PRECISION.used()) {
+    object["precision"] = embedding::precision_name(*precision);
+  }
   return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+/// "computed in bfloat16 (native, avx512)"; empty where no model is loaded.
+std::string computation() {
+  const auto library = embedding::model_runtime().loaded_library();
+  const auto precision = EMBED_PRECISION.used();
+  if (!library || !precision) return "";
+  return "computed in " + std::string(embedding::precision_name(*precision)) + " (" +
+         std::string(library->runtime) + ", " + std::string(library->kernels) + ")";
 }
 
 /// Of a failure only the reason: the engine's next attempt is one that this process does not live to
@@ -47,6 +63,7 @@ std::string sentence(const EmbeddingStatus& status) {
   std::string text = "The embedding model ";
   text += has_failed ? "could not be loaded" : status.describe();
   if (status.detail) text += (has_failed ? ": " : "; ") + *status.detail;
+  if (status.ready() && !computation().empty()) text += "; " + computation();
   return text + "\n";
 }
 
@@ -83,8 +100,9 @@ Command add_status_command(CLI::App& tool) {
   command.footer(
       R"(Begins to load the model as every command does, and says how far that has come:
 after a tenth of a second, unless --wait, --wait-s or --no-wait says otherwise.
-With --json it also says what a local model is computed with: "runtime" and
-"kernels" of the model library, null while none is loaded.
+Of a local model that is ready it says what that is computed with; with --json as
+"runtime" and "kernels" of the model library and "precision" of its models, null
+while none is loaded.
 The exit status is 0 when the model is ready, 75 when it is not or may be later,
 and otherwise what a command that embeds would end with.
 

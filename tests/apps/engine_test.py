@@ -53,7 +53,7 @@ def test_says_what_it_is_doing(machine):
         assert (result.status, line, result.err) == (status, f"The embedding model {said}\n", "")
     assert machine.run("none", "status", "--wait", "--json").out == (
         b'{"state":"ready","backend":"tfidf","detail":"sentence-transformers is not installed",'
-        b'"runtime":null,"kernels":null}\n')
+        b'"runtime":null,"kernels":null,"precision":null}\n')
     expect_error(machine.run("none", "status", "--wait", "--no-wait"), 64, "--no-wait")
 
 
@@ -76,7 +76,7 @@ def test_ends_a_wait_for_the_model_on_ctrl_c(machine):
 
 
 def test_falls_back_aloud(machine):
-    for wish in "--backend=local", "--model=a-model":
+    for wish in "--backend=local", "--model=a-model", "--precision=bfloat16":
         result = machine.run("none", "embed", "ab", wish)
         assert result.status == 0 and result.out.startswith(b'{"text":"ab","vector":[')
         assert result.err.startswith(

@@ -40,7 +40,8 @@ def test_puts_the_prompt_that_is_named_before_the_texts():
     for option in ("--prompt", "--text-prompt"):
         expect_error(run("search", "a", option, "x", *model, given="a\n"), 64,
                      'the model has no prompt "x"; it has "ask", "document", "query"')
-    expect_error(run("embed", "a", "--prompt", "query", "--backend", "tfidf"), 64, "tfidf has no prompts")
+    for option, said in ("--prompt=query", "prompts"), ("--precision=bfloat16", "--precision"):
+        expect_error(run("embed", "a", option, "--backend", "tfidf"), 64, f"tfidf has no {said}")
 
 
 @pytest.mark.parametrize("model, settings, status, said", [

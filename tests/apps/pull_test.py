@@ -42,8 +42,12 @@ def test_fetches_once_and_prints_the_folder(hub, env, tmp_path):
     for command in (["pull", "tiny"], ["pull", "--offline", "tiny"]):
         assert run(*command, env=env) == (0, folder.encode(), "tovana-embed: tiny can be loaded (fake, none)\n")
     assert len(hub.requests) == requests and not leftover.exists()
-    ready = run("status", "--wait", "--json", "--backend", "local", "--model", "tiny", env=env).records()[0]
-    assert (ready["runtime"], ready["kernels"]) == ("fake", "none")
+    status = ["status", "--wait", "--backend", "local", "--model", "tiny", "--precision", "bfloat16"]
+    ready = run(*status, "--json", env=env).records()[0]
+    assert (ready["runtime"], ready["kernels"], ready["precision"]) == ("fake", "none", "bfloat16")
+    assert run(*status, env=env).out == b"The embedding model is ready (local:tiny); computed in bfloat16 (fake, none)\n"
+    assert "TOVANA_EMBED_PRECISION is 'half'" in run("embed", "a", "--model", "tiny", env={
+        **env, "TOVANA_EMBED_PRECISION": "half"}).err
 
 
 def test_has_the_model_library_check_the_model_where_there_is_one(env, tmp_path):
