@@ -66,6 +66,17 @@ nb::object fallback(Engine& engine) {
   return nb::make_tuple(cause_name(taken->cause), python_text(taken->reason));
 }
 
+void set_precision(const std::string& name) {
+  const std::optional<embedding::Precision> precision = embedding::precision_named(name);
+  if (!precision) throw ValueError("precision is 'float32' or 'bfloat16', not '" + name + "'");
+  embedding::EMBED_PRECISION.request(*precision);
+}
+
+nb::object get_precision() {
+  const std::optional<embedding::Precision> used = embedding::EMBED_PRECISION.used();
+  return used ? python_text(embedding::precision_name(*used)) : nb::object(nb::none());
+}
+
 /// Their texts by name, and the name of the default or None.
 nb::tuple prompts(Engine& engine, double wait_s) {
   const embedding::ModelPrompts prompts = engine.prompts(wait_s);
@@ -139,6 +150,8 @@ NB_MODULE(_core, core) {
   core.def("describe", &describe, nanobind::arg("state"), nanobind::arg("backend").none(),
            nanobind::arg("detail").none(), nanobind::arg("loading_s").none(),
            nanobind::arg("retry_in_s").none());
+  core.def("set_precision", &set_precision);
+  core.def("get_precision", &get_precision);
   core.def("set_last_ca_file", &tovana::http::set_last_ca_file);
   core.def("send_records_to", &send_records_to);
   core.def("interpreter_ends", &interpreter_ends);

@@ -11,7 +11,7 @@ import threading
 import numpy as np
 import pytest
 import tovana_embedding
-from rig_python import LOCAL, PATIENCE_S, REFERENCES, TEXTS, TFIDF, WORK, Server, answer_openai, press_ctrl_c
+from rig_python import LOCAL, PATIENCE_S, REFERENCES, TEXTS, TFIDF, WORK, Server, answer_openai, press_ctrl_c, run
 from tovana_embedding import EmbeddingEngine, EmbeddingNotReadyError, EmbeddingStatus, EmbeddingStopped, errors
 
 
@@ -194,6 +194,26 @@ class Records(logging.Handler):
         while words not in (record := self._queue.get(timeout=PATIENCE_S)).getMessage():
             pass
         return record
+
+
+def test_computes_in_the_precision_that_is_set_before_the_first_model():
+    print_all = """import sys, tovana_embedding as t
+from pathlib import Path
+print(t.get_precision())
+try:
+    t.set_precision("half")
+except ValueError as error:
+    print(error)
+t.set_precision("float32")
+t.SentenceTransformer(Path(sys.argv[1]))
+print(t.get_precision())
+try:
+    t.set_precision("bfloat16")
+except RuntimeError as error:
+    print(error)"""
+    assert run(print_all, LOCAL["model_name"]).splitlines() == [
+        "None", "precision is 'float32' or 'bfloat16', not 'half'", "float32",
+        "the local models of this process compute in float32 already: ask for bfloat16 before the first is loaded"]
 
 
 def test_logs_by_pythons_loggers(tmp_path):

@@ -12,6 +12,7 @@ any time. All who `acquire` an equal configuration share one engine, and so its 
 |---|---|
 | vectors | `acquire`, `release`, `EmbeddingEngine`, `EmbeddingStatus` |
 | the configuration of a daemon's settings | `engine_config` |
+| what local models compute in | `set_precision`, `get_precision` |
 | errors | `tovana_embedding.errors` |
 | code written for sentence-transformers | `SentenceTransformer` |
 | LangChain | `tovana_embedding.langchain.TovanaEmbeddings` |
@@ -30,6 +31,7 @@ from . import _certificates, _core, _logging, errors
 from .encode import SentenceTransformer
 from .engine import EmbeddingEngine, acquire, engine_config, release
 from .errors import EmbeddingNotReadyError, EmbeddingStopped, Error, TryAgainLaterError
+from .precision import get_precision, set_precision
 from .status import EmbeddingStatus, Fallback
 
 __all__ = [
@@ -44,7 +46,9 @@ __all__ = [
     "acquire",
     "engine_config",
     "errors",
+    "get_precision",
     "release",
+    "set_precision",
 ]
 
 _certificates.offer_certifi()
