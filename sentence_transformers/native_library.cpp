@@ -5,7 +5,7 @@
 namespace tovana::sentence_transformers {
 
 const Runtime& library_runtime() noexcept {
-  static const NativeRuntime runtime(best_kernels());
+  static const NativeRuntime runtime(best_kernels(), bfloat16_kernels());
   return runtime;
 }
 

@@ -15,10 +15,17 @@ std::size_t count_unsupported() {
   if (__builtin_cpu_supports("avx2") == 0 || __builtin_cpu_supports("fma") == 0) return 2;
   return __builtin_cpu_supports("avx512f") == 0 ? 1 : 0;
 }
+
+const Kernels* find_bfloat16() {
+  if (count_unsupported() > 0 || __builtin_cpu_supports("avx512bw") == 0) return nullptr;
+  return __builtin_cpu_supports("avx512bf16") == 0 ? nullptr : &kAvx512Bf16Kernels;
+}
 #else
 constexpr std::array kFastestFirst = {&kBaselineKernels};
 
 std::size_t count_unsupported() { return 0; }
+
+const Kernels* find_bfloat16() { return nullptr; }
 #endif
 
 }  // namespace
@@ -28,5 +35,7 @@ std::span<const Kernels* const> supported_kernels() {
 }
 
 const Kernels& best_kernels() { return *supported_kernels().front(); }
+
+const Kernels* bfloat16_kernels() { return find_bfloat16(); }
 
 }  // namespace tovana::sentence_transformers

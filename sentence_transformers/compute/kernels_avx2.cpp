@@ -4,5 +4,5 @@
 #include "sentence_transformers/compute/kernels_of_width.inc"
 
 namespace tovana::sentence_transformers {
-constexpr Kernels kAvx2Kernels = kernels_of_width("avx2");
+constexpr Kernels kAvx2Kernels = kernels_of_width<Float32>("avx2");
 }  // namespace tovana::sentence_transformers

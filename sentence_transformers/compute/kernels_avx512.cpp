@@ -4,5 +4,5 @@
 #include "sentence_transformers/compute/kernels_of_width.inc"
 
 namespace tovana::sentence_transformers {
-constexpr Kernels kAvx512Kernels = kernels_of_width("avx512");
+constexpr Kernels kAvx512Kernels = kernels_of_width<Float32>("avx512");
 }  // namespace tovana::sentence_transformers

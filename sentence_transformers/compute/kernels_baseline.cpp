@@ -12,11 +12,11 @@
 namespace tovana::sentence_transformers {
 
 #if defined(__SSE2__)
-constexpr Kernels kBaselineKernels = kernels_of_width("sse2");
+constexpr Kernels kBaselineKernels = kernels_of_width<Float32>("sse2");
 #elif defined(__ARM_NEON)
-constexpr Kernels kBaselineKernels = kernels_of_width("neon");
+constexpr Kernels kBaselineKernels = kernels_of_width<Float32>("neon");
 #else
-constexpr Kernels kBaselineKernels = kernels_of_width("generic");
+constexpr Kernels kBaselineKernels = kernels_of_width<Float32>("generic");
 #endif
 
 }  // namespace tovana::sentence_transformers

@@ -9,7 +9,7 @@
 
 namespace tovana::sentence_transformers {
 
-/// An encoder, in float32: from tokens to a vector for each token that knows its neighbours.
+/// An encoder: from tokens to a vector for each token that knows its neighbours.
 ///
 /// Layers of two halves, attention and what follows it, each of which adds to a token's vector.
 /// How its parts differ among the families of encoders is in `TransformerConfig`.

@@ -75,7 +75,8 @@ void NativeEncoder::_begin(const TokenBatch& batch, const Workspace& workspace) 
   _embedding(batch, workspace.hidden);
   _embedding_norm(_kernels, rows, workspace.hidden, width, workspace.hidden, width);
   if (_projection) {
-    _projection->multiply(rows, workspace.hidden, width, workspace.sum);
+    _projection->multiply(rows, workspace.hidden, width, workspace.sum,
+                          workspace.benches.front().scratch);
     for (std::size_t row = 0; row < rows; ++row) {
       std::copy_n(workspace.sum + row * _padded, _hidden, workspace.hidden + row * _hidden);
     }
@@ -93,17 +94,17 @@ void NativeEncoder::_run_shard(std::size_t half, std::size_t index, const TokenB
   if (half % 2 == 0) {
     _attend(half / 2, shard, batch, workspace, bench);
     shard.attention_output.multiply_unbiased(rows, bench.context, shard.heads.count * _head_width,
-                                             out, adds);
+                                             out, adds, bench.scratch);
     return;
   }
   const std::size_t stride = shard.intermediate.padded_columns();
-  shard.intermediate.multiply(rows, workspace.hidden, _hidden, bench.intermediate);
+  shard.intermediate.multiply(rows, workspace.hidden, _hidden, bench.intermediate, bench.scratch);
   if (_config.family->is_gated()) {
     _kernels.activate_gated(_config.activation, rows, shard.inner, bench.intermediate, stride);
   } else {
     _kernels.activate(_config.activation, bench.intermediate, rows * stride);
   }
-  shard.output.multiply_unbiased(rows, bench.intermediate, stride, out, adds);
+  shard.output.multiply_unbiased(rows, bench.intermediate, stride, out, adds, bench.scratch);
 }
 
 void NativeEncoder::_attend(std::size_t layer, const Shard& shard, const TokenBatch& batch,
@@ -113,7 +114,8 @@ void NativeEncoder::_attend(std::size_t layer, const Shard& shard, const TokenBa
   const AttentionKind& attention = _config.attention[kind];
   const std::size_t width = shard.heads.count * _head_width;
   const std::size_t stride = shard.query_key_value.padded_columns();
-  shard.query_key_value.multiply(rows_of(batch), workspace.hidden, _hidden, bench.query_key_value);
+  shard.query_key_value.multiply(rows_of(batch), workspace.hidden, _hidden, bench.query_key_value,
+                                 bench.scratch);
 
   std::size_t row = 0;
   for (const TokenBatch::Group& group : batch.groups()) {
@@ -267,8 +269,11 @@ NativeEncoder::Workspace NativeEncoder::_take_workspace(const TokenBatch& batch,
   const std::size_t context = FloatSlices::size(rows * width);
   const std::size_t intermediate =
       FloatSlices::size(rows * _kernels.padded(_weights.most_intermediate()));
+  const std::size_t deepest =
+      std::max({_hidden, _embedding.width(), width, _weights.most_intermediate()});
   const std::size_t scratch =
-      FloatSlices::size(_kernels.attention_scratch(longest_text(batch), _head_width));
+      FloatSlices::size(std::max(_kernels.attention_scratch(longest_text(batch), _head_width),
+                                 _kernels.product_scratch(rows, deepest)));
   const std::size_t hidden = FloatSlices::size(rows * std::max(_padded, _embedding.width()));
   const std::size_t sum = FloatSlices::size(rows * _padded);
   const std::size_t angles = FloatSlices::size(longest_text(batch) * _head_width);

@@ -57,7 +57,9 @@ TextVectors multiply(const PackedMatrix& matrix, const TextVectors& vectors, std
   TextVectors result = {
       .texts = vectors.texts, .width = width, .stride = matrix.padded_columns(), .numbers = {}};
   result.numbers.resize(result.texts * result.stride);
-  matrix.multiply(vectors.texts, vectors.numbers.data(), vectors.stride, result.numbers.data());
+  std::vector<float> scratch(matrix.scratch_size(vectors.texts));
+  matrix.multiply(vectors.texts, vectors.numbers.data(), vectors.stride, result.numbers.data(),
+                  scratch.data());
   return result;
 }
 
