@@ -1,18 +1,24 @@
-// Every set of kernels that this processor runs, against the same arithmetic in double precision.
+// Every set of kernels that this processor runs, and bfloat16 emulated, against the same arithmetic
+// in double precision.
 // Sums and norms are seen in the vectors of the tiny models, whose sizes are made for it.
 
 #include "sentence_transformers/compute/kernels.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
+#include <limits>
 #include <random>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "sentence_transformers/compute/bfloat16.h"
 #include "sentence_transformers/compute/packed_matrix.h"
+#include "tests/sentence_transformers/all_kernels.h"
 
 namespace tovana::sentence_transformers {
 namespace {
@@ -32,6 +38,13 @@ class KernelsTest : public testing::TestWithParam<const Kernels*> {
     Numbers numbers(count);
     for (float& number : numbers) number = distribution(_random);
     return numbers;
+  }
+
+  bool is_bfloat16() const { return _kernels.format == NumberFormat::bfloat16; }
+
+  /// What a product makes of a factor.
+  double factor(float number) const {
+    return is_bfloat16() ? std::bit_cast<float>(bfloat16_bits(number) << 16U) : number;
   }
 
   const Kernels& _kernels = *GetParam();
@@ -57,19 +70,43 @@ TEST_P(KernelsTest, ProductsOfEveryHeight) {
       for (std::size_t column = 0; column < columns; ++column) {
         double sum = 0;
         for (std::size_t k = 0; k < depth; ++k) {
-          sum += double{in[row * in_stride + k]} * double{weight[column * depth + k]};
+          sum += factor(in[row * in_stride + k]) * factor(weight[column * depth + k]);
         }
         product[row * stride + column] = sum;
         doubled_with_bias[row * stride + column] = 2 * sum + bias[column];
       }
     }
     Numbers out(rows * stride, 99);
-    matrix.multiply_unbiased(rows, in.data(), in_stride, out.data(), false);
+    Numbers scratch(matrix.scratch_size(rows));
+    matrix.multiply_unbiased(rows, in.data(), in_stride, out.data(), false, scratch.data());
     expect_near(out, product, 2e-5);
-    matrix.multiply(rows, in.data(), in_stride, out.data());
-    matrix.multiply_unbiased(rows, in.data(), in_stride, out.data(), true);
+    matrix.multiply(rows, in.data(), in_stride, out.data(), scratch.data());
+    matrix.multiply_unbiased(rows, in.data(), in_stride, out.data(), true, scratch.data());
     expect_near(out, doubled_with_bias, 4e-5);
   }
+}
+
+TEST_P(KernelsTest, FactorsAtTheEdges) {
+  constexpr float kInfinity = std::numeric_limits<float>::infinity();
+  const float largest = is_bfloat16() ? kLargestBfloat16 : std::numeric_limits<float>::max();
+  const auto product = [this](float in, float weight) {
+    PackedMatrix matrix(_kernels, 1, 1);
+    matrix.set_columns(0, 1, &weight, 1, nullptr);
+    Numbers out(matrix.padded_columns());
+    Numbers scratch(matrix.scratch_size(1));
+    matrix.multiply(1, &in, 1, out.data(), scratch.data());
+    return out.front();
+  };
+  // A weight stays finite; what is not finite passes through.
+  EXPECT_EQ(product(0.5F, std::numeric_limits<float>::max()), largest / 2);
+  EXPECT_EQ(product(-0.5F, std::numeric_limits<float>::lowest()), largest / 2);
+  EXPECT_EQ(product(-kInfinity, 1), -kInfinity);
+  EXPECT_TRUE(std::isnan(product(std::bit_cast<float>(0x7FFFFFFFU), 1)));
+  if (!is_bfloat16()) return;
+  // To nearest, and to even in the middle.
+  EXPECT_EQ(product(0x1.00FFp0F, 1), 1);
+  EXPECT_EQ(product(0x1.01p0F, 1), 1);
+  EXPECT_EQ(product(1, 0x1.03p0F), 0x1.04p0F);
 }
 
 TEST_P(KernelsTest, ActivationsAreTheirDefinitions) {
@@ -126,18 +163,19 @@ TEST_P(KernelsTest, AQuerySeesTheKeysOfItsWindow) {
         if (key < query ? query - key > before : key - query > behind) continue;
         double score = 0;
         for (std::size_t i = 0; i < width; ++i) {
-          score += double{rows[query * stride + i]} * double{rows[key * stride + width + i]};
+          score += factor(rows[query * stride + i]) * factor(rows[key * stride + width + i]);
         }
         const double power = std::exp(double{0.3F} * score);
         total += power;
         for (std::size_t i = 0; i < width; ++i) {
-          sums[i] += power * double{rows[key * stride + 2 * width + i]};
+          sums[i] += power * factor(rows[key * stride + 2 * width + i]);
         }
       }
       for (std::size_t i = 0; i < width; ++i) expected[query * width + i] = sums[i] / total;
     }
     SCOPED_TRACE(std::to_string(length) + ", window " + std::to_string(before));
-    expect_near(out, expected, 5e-6);
+    // In bfloat16, what each key counts is rounded.
+    expect_near(out, expected, is_bfloat16() ? 3e-3 : 5e-6);
   }
 }
 
@@ -175,8 +213,7 @@ TEST_P(KernelsTest, GatesAndRotationsOfEveryWidth) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, KernelsTest,
-                         testing::ValuesIn(supported_kernels().begin(), supported_kernels().end()),
+INSTANTIATE_TEST_SUITE_P(All, KernelsTest, testing::ValuesIn(all_kernels()),
                          [](const auto& kernels) { return std::string(kernels.param->name); });
 
 }  // namespace
