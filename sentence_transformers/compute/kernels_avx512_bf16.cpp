@@ -8,6 +8,11 @@
 namespace tovana::sentence_transformers {
 namespace {
 
+/// The numbers of one vector, and behind them those of the other.
+inline Vector rounded(Vector first, Vector second) {
+  return __builtin_bit_cast(Vector, _mm512_cvtne2ps_pbh(second, first));
+}
+
 struct Bfloat16 {
   static constexpr NumberFormat kFormat = NumberFormat::bfloat16;
   static constexpr std::size_t kDepths = 2;
@@ -21,15 +26,16 @@ struct Bfloat16 {
 
   static void round(const float* from, std::size_t count, Word* to) {
     for (; count >= 2 * kLanes; count -= 2 * kLanes, from += 2 * kLanes, to += kLanes) {
-      store(to, round(load(from), load(from + kLanes)));
+      store(to, rounded(load(from), load(from + kLanes)));
     }
     if (count == 0) return;
-    const std::uint32_t numbers = (1U << count) - 1;
-    const auto whole = static_cast<__mmask16>((1U << (count + 1) / 2) - 1);
-    const Vector words =
-        round(_mm512_maskz_loadu_ps(static_cast<__mmask16>(numbers), from),
-              _mm512_maskz_loadu_ps(static_cast<__mmask16>(numbers >> kLanes), from + kLanes));
-    _mm512_mask_storeu_ps(to, whole, words);
+    const auto mask_of = [](std::size_t lanes) {
+      return static_cast<__mmask16>(lanes < kLanes ? (1U << lanes) - 1 : 0xFFFF);
+    };
+    const std::size_t behind = count < kLanes ? 0 : count - kLanes;
+    const Vector words = rounded(_mm512_maskz_loadu_ps(mask_of(count), from),
+                                 _mm512_maskz_loadu_ps(mask_of(behind), from + kLanes));
+    _mm512_mask_storeu_ps(to, mask_of((count + 1) / 2), words);
   }
 
   static Vector pair(Vector first, Vector second) {
@@ -37,13 +43,8 @@ struct Bfloat16 {
         _mm512_set_epi16(31, 15, 30, 14, 29, 13, 28, 12, 27, 11, 26, 10, 25, 9, 24, 8, 23, 7, 22, 6,
                          21, 5, 20, 4, 19, 3, 18, 2, 17, 1, 16, 0);
     return __builtin_bit_cast(
-        Vector, _mm512_permutexvar_epi16(order, __builtin_bit_cast(__m512i, round(first, second))));
-  }
-
- private:
-  /// The numbers of one vector, and behind them those of the other.
-  static Vector round(Vector first, Vector second) {
-    return __builtin_bit_cast(Vector, _mm512_cvtne2ps_pbh(second, first));
+        Vector,
+        _mm512_permutexvar_epi16(order, __builtin_bit_cast(__m512i, rounded(first, second))));
   }
 };
 

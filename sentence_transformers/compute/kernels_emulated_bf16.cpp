@@ -8,6 +8,9 @@
 namespace tovana::sentence_transformers {
 namespace {
 
+inline Vector first_of(Integers words) { return __builtin_bit_cast(Vector, words << 16); }
+inline Vector second_of(Integers words) { return __builtin_bit_cast(Vector, words & -0x10000); }
+
 struct Bfloat16 {
   static constexpr NumberFormat kFormat = NumberFormat::bfloat16;
   static constexpr std::size_t kDepths = 2;
@@ -35,10 +38,6 @@ struct Bfloat16 {
     }
     return first;
   }
-
- private:
-  static Vector first_of(Integers words) { return __builtin_bit_cast(Vector, words << 16); }
-  static Vector second_of(Integers words) { return __builtin_bit_cast(Vector, words & -0x10000); }
 };
 
 }  // namespace
