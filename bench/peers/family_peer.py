@@ -92,7 +92,7 @@ def main():
         if not model.exists():
             make_model(family, members, Path(source), model)
         worker = Path(__file__).with_name("model_worker.py")
-        command = (sys.executable, worker, "sentence-transformers", model, model, texts, THREADS)
+        command = (sys.executable, worker, "sentence-transformers", "float32", model, model, texts, THREADS)
         with contextlib.closing(Ours(program, model, texts)) as ours, contextlib.closing(Side(*command)) as peer:
             compare(title, ours, peer, sets, rounds)
 

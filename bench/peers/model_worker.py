@@ -2,15 +2,16 @@
 """One peer of the local model, as a process that does a round whenever asked; bench/model_rounds.cpp is the
 same for our side and says which requests there are.
 
-    model_worker.py PEER MODEL CONVERTED TEXTS THREADS
+    model_worker.py PEER PRECISION MODEL CONVERTED TEXTS THREADS
 
-CONVERTED is what model_convert.py made of MODEL.
+PRECISION is float32 or another that the peer has: bfloat16 or int8. CONVERTED is what model_convert.py made of
+MODEL.
 """
 
 import os
 import sys
 
-THREADS = int(sys.argv[5])
+THREADS = int(sys.argv[6])
 for variable in ("OMP_NUM_THREADS", "RAYON_NUM_THREADS", "OPENBLAS_NUM_THREADS", "EMBED_THREADS"):
     os.environ[variable] = str(THREADS)  # read when the libraries are loaded
 os.environ["HF_HUB_OFFLINE"] = "1"
@@ -27,7 +28,7 @@ BATCH = 32
 class TovanaEmbedding:
     """Ours, as Python has it."""
 
-    def __init__(self, model, _converted):
+    def __init__(self, model, _converted, _precision):
         import tovana_embedding
 
         self._model = tovana_embedding.SentenceTransformer(model)
@@ -37,7 +38,7 @@ class TovanaEmbedding:
 
 
 class SentenceTransformers:
-    def __init__(self, model, _converted):
+    def __init__(self, model, _converted, _precision):
         import sentence_transformers
         import torch
 
@@ -83,14 +84,16 @@ class Runtime:
 
 
 class OnnxRuntime(Runtime):
-    def __init__(self, model, converted):
+    GRAPHS = {"float32": "fused.onnx", "int8": "fused-int8.onnx"}
+
+    def __init__(self, model, converted, precision):
         super().__init__(model)
         import onnxruntime
 
         options = onnxruntime.SessionOptions()
         options.intra_op_num_threads = THREADS
         self._session = onnxruntime.InferenceSession(
-            str(converted / "fused.onnx"), options, providers=["CPUExecutionProvider"]
+            str(converted / self.GRAPHS[precision]), options, providers=["CPUExecutionProvider"]
         )
 
     def _hidden_states(self, _tokens, ids, mask):
@@ -98,12 +101,14 @@ class OnnxRuntime(Runtime):
 
 
 class OpenVino(Runtime):
-    def __init__(self, model, converted):
+    HINTS = {"float32": "f32", "bfloat16": "bf16"}
+
+    def __init__(self, model, converted, precision):
         super().__init__(model)
         import openvino
 
         settings = {
-            "INFERENCE_PRECISION_HINT": "f32",
+            "INFERENCE_PRECISION_HINT": self.HINTS[precision],
             "PERFORMANCE_HINT": "LATENCY",
             "INFERENCE_NUM_THREADS": THREADS,
         }
@@ -117,12 +122,14 @@ class OpenVino(Runtime):
 
 
 class CTranslate2(Runtime):
-    def __init__(self, model, converted):
+    FOLDERS = {"float32": "ctranslate2", "int8": "ctranslate2-int8"}
+
+    def __init__(self, model, converted, precision):
         super().__init__(model)
         import ctranslate2
 
         self._encoder = ctranslate2.Encoder(
-            str(converted / "ctranslate2"), compute_type="float32", intra_threads=THREADS
+            str(converted / self.FOLDERS[precision]), compute_type=precision, intra_threads=THREADS
         )
 
     def _hidden_states(self, tokens, _ids, _mask):
@@ -176,11 +183,11 @@ class Rounds:
 
 
 def main():
-    if len(sys.argv) != 6:
-        sys.exit("usage: model_worker.py PEER MODEL CONVERTED TEXTS THREADS")
-    peer, model, converted, texts = sys.argv[1:5]
+    if len(sys.argv) != 7:
+        sys.exit("usage: model_worker.py PEER PRECISION MODEL CONVERTED TEXTS THREADS")
+    peer, precision, model, converted, texts = sys.argv[1:6]
     texts = Path(texts).read_text(encoding="utf-8").rstrip("\n").split("\n")
-    rounds = Rounds(PEERS[peer](Path(model), Path(converted)), texts)
+    rounds = Rounds(PEERS[peer](Path(model), Path(converted), precision), texts)
     for line in sys.stdin:
         name, *arguments = line.split()
         print(*getattr(rounds, name)(*arguments), flush=True)
