@@ -33,7 +33,7 @@ MODELS = {
 
 
 class Ours(Side):
-    environment = {"OMP_NUM_THREADS": str(THREADS), "EMBED_THREADS": str(THREADS)}
+    environment = {"OMP_NUM_THREADS": str(THREADS), "EMBED_THREADS": str(THREADS), "TOVANA_EMBED_PRECISION": "float32"}
 
 
 def make_model(family, members, source, folder):

@@ -5,18 +5,19 @@
 
 MODEL_ROUNDS is our program, CONVERTED what model_convert.py made of MODEL; RESULTS gets the figures, which
 model_report.py makes tables and a picture of. Among the peers is our own package for Python, which has to be
-importable. All compute in float32 on THREADS threads, and each is a process of its own. First of all their vectors
-must agree with ours. Then, for each side,
+importable. All compute on THREADS threads, in float32 or in the reduced precision that the side's name ends with,
+and each is a process of its own. First of all the vectors of float32 must agree with ours, and a reduced precision
+that is not to be had on this processor is left out. Then, for each side,
 
     sets      the time of a call, from texts to unit vectors, for each of the sets of model_texts.py
     busy      the median time of the query on the idle machine, and with a busy process for each CPU beside it
     together  queries a second from 1 to 8 threads that embed one text a call
     start     from the start of the process to its first vector, and the memory that it has had at most
+    quality   how near its vectors are to those of sentence-transformers, by model_quality.py, when all times are taken
 """
 
 import argparse
 import contextlib
-import importlib.metadata
 import json
 import multiprocessing
 import os
@@ -27,63 +28,18 @@ import time
 from pathlib import Path
 
 import numpy
+from model_quality import NEAREST, SEARCHED, Reference, distinct_texts
 from model_report import print_part
+from model_sides import FULL, OURS, PEERS, REFERENCE, THREADS, Sides, package_versions
 from model_texts import text_sets
-from rounds import Side, alternate, read_texts
+from rounds import alternate, read_texts
 from tokenizers import Tokenizer
 
-THREADS = 2
 QUERY_CALLS = 5  # in a row, in each round
 CALLERS = (1, 2, 4, 8)
 CALLS_TOGETHER = 160
-OUR_PACKAGE = "tovana, Python"
-PEERS = {
-    OUR_PACKAGE: "tovana_embedding",
-    "sentence-transformers": "sentence-transformers",
-    "ONNX Runtime": "onnxruntime",
-    "OpenVINO": "openvino",
-    "CTranslate2": "ctranslate2",
-}
-PARTS = ("sets", "busy", "together", "start")
-
-
-class Ours(Side):
-    environment = {"OMP_NUM_THREADS": str(THREADS), "EMBED_THREADS": str(THREADS)}
-
-
-class OurOtherBuild(Ours):
-    def __init__(self, library, *command):
-        self.environment = {**Ours.environment, "TOVANA_MODEL_LIBRARY": str(library.resolve())}
-        super().__init__(*command)
-
-
-class Sides:
-    """How to start each side, by name; ours comes first."""
-
-    def __init__(self, options, texts):
-        worker = Path(__file__).with_name("model_worker.py")
-        ours = (options.program, options.model, texts)
-        self._starts = {"tovana": lambda: Ours(*ours)}
-        if options.other:
-            self._starts["tovana, other"] = lambda: OurOtherBuild(options.other, *ours)
-        for name, package in PEERS.items():
-            if name not in options.without:
-                command = (sys.executable, worker, package, options.model, options.converted, texts, THREADS)
-                self._starts[name] = lambda command=command: Side(*command)
-        self.names = list(self._starts)
-
-    @contextlib.contextmanager
-    def running(self, name):
-        side = self._starts[name]()
-        try:
-            yield side
-        finally:
-            side.close()
-
-    @contextlib.contextmanager
-    def all_running(self):
-        with contextlib.ExitStack() as stack:
-            yield {name: stack.enter_context(self.running(name)) for name in self.names}
+LEAST_COSINE = 0.9999  # of a vector of float32 to ours
+PARTS = ("sets", "busy", "together", "start", "quality")
 
 
 def log(text):
@@ -96,18 +52,35 @@ def measured(sides, measure, rounds):
     return {name: [value for round in column for value in round] for name, column in zip(sides, columns)}
 
 
-def check_agreement(sides, texts):
-    """Ends the program unless all sides give the same vectors, up to rounding."""
-    ours = None
+@contextlib.contextmanager
+def texts_file(texts):
+    with tempfile.NamedTemporaryFile("w", encoding="utf-8", suffix=".txt") as file:
+        file.write("".join(f"{text}\n" for text in texts))
+        file.flush()
+        yield file.name
+
+
+def vectors_of(side, count):
     with tempfile.NamedTemporaryFile() as file:
-        for name, side in sides.items():
-            (dimension,) = side.ask(f"vectors 0 {texts} {file.name}")
-            vectors = numpy.fromfile(file.name, "<f4").reshape(texts, int(dimension))
-            ours = vectors if ours is None else ours
-            worst = float((ours * vectors).sum(axis=1).min())
-            log(f"{name}: cosine to ours {worst:.7f} or more, no number more than {abs(ours - vectors).max():.1e} off")
-            if not worst > 0.9999:
+        (dimension,) = side.ask(f"vectors 0 {count} {file.name}")
+        return numpy.fromfile(file.name, "<f4").reshape(count, int(dimension))
+
+
+def check_agreement(sides, running, count):
+    """Ends the program unless all sides of float32 give the same vectors, up to rounding. Leaves out those of a
+    reduced precision that give float32's: there they are not reduced."""
+    vectors = {name: vectors_of(side, count) for name, side in running.items()}
+    ours = vectors[OURS]
+    for name, own in vectors.items():
+        worst = float((ours * own).sum(axis=1).min())
+        log(f"{name}: cosine to ours {worst:.7f} or more, no number more than {abs(ours - own).max():.1e} off")
+        if sides.precisions[name] == FULL:
+            if not worst > LEAST_COSINE:
                 sys.exit(f"model_peer.py: the vectors of {name} are not ours")
+        elif numpy.array_equal(own, vectors[sides.in_full(name)]):
+            log(f"{name}: left out, for its vectors are those of float32 here")
+            sides.leave_out(name)
+            del running[name]
 
 
 def measure_sets(sides, slices, rounds):
@@ -176,6 +149,25 @@ def measure_start(sides, rounds):
     return {name: list(zip(*column)) for name, column in zip(sides.names, columns)}
 
 
+def measure_quality(sides, count):
+    """The least cosine and the share of neighbours kept, by the Reference, for each side in turn."""
+    names = sorted(sides.names, key=lambda name: name != REFERENCE)
+    reference, quality = None, {}
+    for name in names:
+        log(f"{name}: vectors of {count} texts")
+        with sides.running(name) as side:
+            vectors = vectors_of(side, count)
+        reference = reference or Reference(vectors)
+        quality[name] = reference.compare(vectors)
+    return {
+        "reference": names[0],
+        "texts": count,
+        "searched": min(count, SEARCHED),
+        "nearest": NEAREST,
+        "sides": {name: quality[name] for name in sides.names},
+    }
+
+
 def machine():
     lines = Path("/proc/cpuinfo").read_text(encoding="ascii").splitlines()
     models = [line.split(":")[1].strip() for line in lines if line.startswith("model name")]
@@ -203,7 +195,9 @@ def parse_arguments():
     parser.add_argument("--parts", type=some_of(PARTS), default=PARTS, metavar="PART,…")
     parser.add_argument("--sets", type=some_of(("query", "batch32", "mixed256", "long16")), metavar="SET,…")
     parser.add_argument("--without", type=some_of(PEERS), default=[], metavar="PEER,…")
-    parser.add_argument("--other", type=Path, metavar="LIBRARY", help="another build of our model library")
+    parser.add_argument(
+        "--other", type=Path, metavar="BUILD", help="another build of ours: its model library, or the folder of it all"
+    )
     return parser.parse_args()
 
 
@@ -212,7 +206,8 @@ def main():
     tokenizer = Tokenizer.from_file(str(options.model / "tokenizer.json"))
     tokenizer.no_padding()
     tokenizer.no_truncation()
-    sets = text_sets(read_texts(options.corpus), tokenizer)
+    corpus = read_texts(options.corpus)
+    sets = text_sets(corpus, tokenizer)
     slices, texts = {}, []
     for name, of_set in sets.items():
         slices[name] = (len(texts), len(of_set))
@@ -223,19 +218,18 @@ def main():
         "machine": machine(),
         "threads": THREADS,
         "rounds": options.rounds,
-        "versions": {name: importlib.metadata.version(package) for name, package in PEERS.items() if name != OUR_PACKAGE},
+        "versions": package_versions(),
         "sizes": {
             name: {"texts": len(of_set), "tokens": sum(len(item.ids) for item in tokenizer.encode_batch(of_set))}
             for name, of_set in sets.items()
         },
         "callers": CALLERS,
     }
-    with tempfile.NamedTemporaryFile("w", encoding="utf-8", suffix=".txt") as file:
-        file.write("".join(f"{text}\n" for text in texts))
-        file.flush()
-        sides = Sides(options, file.name)
+    with texts_file(texts) as path:
+        sides = Sides(options, path)
         with sides.all_running() as running:
-            check_agreement(running, len(texts))
+            check_agreement(sides, running, len(texts))
+            results["precisions"] = sides.precisions
             chosen = {name: slices[name] for name in options.sets or slices}
             measures = {
                 "sets": lambda: measure_sets(running, chosen, options.rounds),
@@ -249,6 +243,11 @@ def main():
         if "start" in options.parts:
             results["start"] = measure_start(sides, max(1, options.rounds // 2))
             print_part(results, "start")
+    if "quality" in options.parts:
+        texts = distinct_texts(corpus, tokenizer)
+        with texts_file(texts) as path:
+            results["quality"] = measure_quality(sides.reading(path), len(texts))
+        print_part(results, "quality")
     options.results.write_text(json.dumps(results, indent=1), encoding="utf-8")
 
 

@@ -4,9 +4,9 @@ time of a call), for the start and for the memory."""
 import statistics
 from html import escape
 
+from model_sides import FULL, OURS
 from model_texts import set_title
 
-OURS = "tovana"
 WIDTH, COLUMNS = 860, 2
 PANEL_HEAD, ROW, PANEL_GAP, LABELS, FIGURES = 34, 24, 18, 166, 76
 

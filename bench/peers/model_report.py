@@ -12,7 +12,8 @@ import statistics
 import sys
 from pathlib import Path
 
-from model_picture import OURS, picture, shown
+from model_picture import picture, shown
+from model_sides import FULL, OTHER, OURS
 from model_texts import set_title
 
 
@@ -21,20 +22,51 @@ def table(head, rows):
     return "\n".join(f"| {' | '.join(line)} |" for line in lines)
 
 
-def times_table(results):
-    """Milliseconds a call, minimum / median, and how many times ours a peer's minimum is."""
+def times_tables(results):
+    """A table for float32 and one for the reduced precisions: milliseconds a call, minimum / median, and how many
+    times that of the table's first side each minimum is. Behind them the quality, if it has been measured."""
     sides = list(next(iter(results["sets"].values())))
-    rows = []
-    for name, times in results["sets"].items():
-        figures = {side: (min(times[side]) * 1e3, statistics.median(times[side]) * 1e3) for side in sides}
-        row = [set_title(name, **results["sizes"][name])]
-        for side in sides:
-            cell = " / ".join(map(shown, figures[side]))
-            if side != OURS:
-                cell += f" ({figures[side][0] / figures[OURS][0]:.2f} x)"
-            row.append(cell)
-        rows.append(row)
-    return table(["ms a call", *sides], rows)
+    full = [side for side in sides if results["precisions"][side] == FULL]
+    kinds = {f"ms a call, {FULL}": full, "ms a call, reduced": [side for side in sides if side not in full]}
+    return "\n\n".join(times_table(results, kind, sides) for kind, sides in kinds.items() if sides)
+
+
+def times_table(results, kind, sides):
+    quality = results.get("quality")
+    heads = [kind, *(set_title(name, **results["sizes"][name]) for name in results["sets"])]
+    rows = [[side, *(times_cell(times, side, sides[0]) for times in results["sets"].values())] for side in sides]
+    if quality:
+        heads += quality_heads(quality)
+        for row in rows:
+            row += quality_cells(quality, row[0])
+    return table(heads, rows)
+
+
+def times_cell(times, side, first):
+    cell = f"{shown(min(times[side]) * 1e3)} / {shown(statistics.median(times[side]) * 1e3)}"
+    return cell if side == first else f"{cell} ({min(times[side]) / min(times[first]):.2f} x)"
+
+
+def quality_heads(quality):
+    return ["least cosine", f"{quality['nearest']} nearest kept"]
+
+
+def quality_cells(quality, side):
+    if side == quality["reference"]:
+        return ["reference", "reference"]
+    cosine, kept = quality["sides"][side]
+    return [f"{cosine:.6f}", f"{kept:.2%}"]
+
+
+def quality_table(results):
+    quality = results["quality"]
+    rows = [[side, *quality_cells(quality, side)] for side in quality["sides"]]
+    return table([quality_title(quality), *quality_heads(quality)], rows)
+
+
+def quality_title(quality):
+    texts, searched = quality["texts"], quality["searched"]
+    return f"cosine of {texts:,} texts to {quality['reference']}, nearest neighbours of {searched:,}"
 
 
 def busy_table(results):
@@ -59,7 +91,13 @@ def start_table(results):
     return table(["to the first vector", "s, minimum", "s, median", "peak memory, MB"], rows)
 
 
-TABLES = {"sets": times_table, "busy": busy_table, "together": together_table, "start": start_table}
+TABLES = {
+    "sets": times_tables,
+    "busy": busy_table,
+    "together": together_table,
+    "start": start_table,
+    "quality": quality_table,
+}
 
 
 def print_part(results, part):
@@ -72,7 +110,17 @@ def summary(results):
 
 
 def report(results):
-    return "\n\n".join([summary(results), *(make(results) for part, make in TABLES.items() if part in results)])
+    parts = [part for part in TABLES if part in results]
+    if "sets" in parts and "quality" in parts:
+        parts.remove("quality")  # beside the times
+    return "\n\n".join([summary(results), *(TABLES[part](results) for part in parts)])
+
+
+def without_other_build(results):
+    """What documents show: another build of ours is of use to who has it only."""
+    if isinstance(results, dict):
+        return {key: without_other_build(value) for key, value in results.items() if key != OTHER}
+    return results
 
 
 def put_into(document, text):
@@ -92,6 +140,7 @@ def main():
         print(report(results))
         return
     document, drawing = map(Path, sys.argv[2:])
+    results = without_other_build(results)
     document.write_text(put_into(document.read_text(encoding="utf-8"), report(results)), encoding="utf-8")
     drawing.write_text(picture(results), encoding="utf-8")
 
