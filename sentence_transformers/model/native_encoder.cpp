@@ -155,25 +155,26 @@ void NativeEncoder::_attend(std::size_t layer, const Shard& shard, const TokenBa
   }
 }
 
-void NativeEncoder::_begin_sum(std::size_t half, const TokenBatch& batch,
-                               const Workspace& workspace) const {
+void NativeEncoder::_begin_sum(std::size_t half, Range rows, const Workspace& workspace) const {
   const Layer& layer = _weights.layers()[half / 2];
   const Matrix& bias = half % 2 == 0 ? layer.attention_bias : layer.output_bias;
   const bool is_kept = _config.family->norms_first && half > 0;
+  const std::size_t stride = is_kept ? _padded : _hidden;
   const float* const before = is_kept ? workspace.sum : workspace.hidden;
-  _add(batch, before, is_kept ? _padded : _hidden, bias.data(), 0, workspace.sum);
+  _add(rows.count, before + rows.first * stride, stride, bias.data(), 0,
+       workspace.sum + rows.first * _padded);
 }
 
-void NativeEncoder::_normalize_sum(std::size_t half, const TokenBatch& batch,
-                                   const Workspace& workspace) const {
+void NativeEncoder::_normalize_sum(std::size_t half, Range rows, const Workspace& workspace) const {
   const Layer& layer = _weights.layers()[half / 2];
   const LayerNorm& norm = half % 2 == 0 ? layer.attention_norm : layer.output_norm;
-  norm(_kernels, rows_of(batch), workspace.sum, _padded, workspace.hidden, _hidden);
+  norm(_kernels, rows.count, workspace.sum + rows.first * _padded, _padded,
+       workspace.hidden + rows.first * _hidden, _hidden);
 }
 
-void NativeEncoder::_add(const TokenBatch& batch, const float* left, std::size_t left_stride,
+void NativeEncoder::_add(std::size_t rows, const float* left, std::size_t left_stride,
                          const float* right, std::size_t right_stride, float* out) const {
-  _kernels.add({.rows = rows_of(batch),
+  _kernels.add({.rows = rows,
                 .width = _hidden,
                 .left = left,
                 .left_stride = left_stride,
@@ -194,13 +195,14 @@ class NativeEncoder::BatchesApart final : public SteppedWork {
     const TokenBatch& batch = _batches[part];
     const Workspace workspace = _encoder._take_workspace(batch, 1);
     _encoder._begin(batch, workspace);
+    const Range rows = {.first = 0, .count = rows_of(batch)};
     for (std::size_t half = 0; half < _encoder._halves(); ++half) {
-      _encoder._begin_sum(half, batch, workspace);
+      _encoder._begin_sum(half, rows, workspace);
       for (std::size_t shard = 0; shard < _encoder._weights.shards(); ++shard) {
         _encoder._run_shard(half, shard, batch, workspace, workspace.benches.front(), workspace.sum,
                             true);
       }
-      _encoder._normalize_sum(half, batch, workspace);
+      _encoder._normalize_sum(half, rows, workspace);
     }
     _consume(part, workspace.hidden);
   }
@@ -213,33 +215,47 @@ class NativeEncoder::BatchesApart final : public SteppedWork {
   const Consumer& _consume;
 };
 
-/// Each half layer is a step, each of its shards a part.
+/// The first step is the way to the layers, which one thread goes while the others wake up. Then
+/// each half layer is two: in one the shards are the parts, in the other shares of the rows are
+/// what the shards' sums are taken of.
 class NativeEncoder::BatchTogether final : public SteppedWork {
  public:
   BatchTogether(const NativeEncoder& encoder, const TokenBatch& batch)
       : _encoder(encoder),
         _batch(batch),
-        _workspace(encoder._take_workspace(batch, encoder._weights.shards())) {
-    _encoder._begin(batch, _workspace);
-  }
+        _workspace(encoder._take_workspace(batch, encoder._weights.shards())) {}
 
+  std::size_t steps() const { return 1 + 2 * _encoder._halves(); }
+  std::size_t parts() const { return _encoder._weights.shards(); }
   const float* states() const { return _workspace.hidden; }
 
-  void run(std::size_t half, std::size_t shard) override {
-    _encoder._run_shard(half, shard, _batch, _workspace, _workspace.benches[shard],
-                        _workspace.parts[shard], false);
+  void run(std::size_t step, std::size_t part) override {
+    if (step == 0) {
+      if (part == 0) _encoder._begin(_batch, _workspace);
+      return;
+    }
+    const std::size_t half = (step - 1) / 2;
+    if (step % 2 == 1) {
+      _encoder._run_shard(half, part, _batch, _workspace, _workspace.benches[part],
+                          _workspace.parts[part], false);
+    } else {
+      _add_up(half, share(rows_of(_batch), parts(), part));
+    }
   }
 
-  void finish(std::size_t half) override {
-    _encoder._begin_sum(half, _batch, _workspace);
-    float* const sum = _workspace.sum;
-    for (const float* part : _workspace.parts) {
-      _encoder._add(_batch, sum, _encoder._padded, part, _encoder._padded, sum);
-    }
-    _encoder._normalize_sum(half, _batch, _workspace);
-  }
+  void finish(std::size_t) override {}
 
  private:
+  void _add_up(std::size_t half, Range rows) const {
+    _encoder._begin_sum(half, rows, _workspace);
+    const std::size_t first = rows.first * _encoder._padded;
+    float* const sum = _workspace.sum + first;
+    for (const float* part : _workspace.parts) {
+      _encoder._add(rows.count, sum, _encoder._padded, part + first, _encoder._padded, sum);
+    }
+    _encoder._normalize_sum(half, rows, _workspace);
+  }
+
   const NativeEncoder& _encoder;
   const TokenBatch& _batch;
   const Workspace _workspace;
@@ -256,7 +272,7 @@ void NativeEncoder::operator()(std::span<const TokenBatch> batches, const Consum
   run_steps(work, 1, apart.size(), threads);
   for (std::size_t index = apart.size(); index < batches.size(); ++index) {
     BatchTogether batch(*this, batches[index]);
-    run_steps(batch, _halves(), _weights.shards(), threads);
+    run_steps(batch, batch.steps(), batch.parts(), threads);
     consume(index, batch.states());
   }
 }

@@ -27,7 +27,8 @@ namespace tovana::sentence_transformers {
 /// something to be added to every token's vector: shards have nothing to say to one another in
 /// between. So threads can share the work in two ways. Many tokens: each thread takes a whole
 /// batch from the first layer to the last, and never waits for another. Few: they share each
-/// batch's shards, and meet twice a layer.
+/// batch's shards, then the rows that the shards' parts are summed in: what each has to fetch from
+/// the others' caches is halved, and they meet four times a layer.
 ///
 /// A token's vector is the sum of the shards' parts in their order in both cases. So the same text
 /// gives the same states to the bit, whatever it is encoded with and on however many threads.
@@ -74,9 +75,9 @@ class NativeEncoder final : public Encoder {
   void _attend(std::size_t layer, const Shard& shard, const TokenBatch& batch,
                const Workspace& workspace, const Bench& bench) const;
   /// Begins the sum that a half layer ends with: what there was before it, and the bias.
-  void _begin_sum(std::size_t half, const TokenBatch& batch, const Workspace& workspace) const;
-  void _normalize_sum(std::size_t half, const TokenBatch& batch, const Workspace& workspace) const;
-  void _add(const TokenBatch& batch, const float* left, std::size_t left_stride, const float* right,
+  void _begin_sum(std::size_t half, Range rows, const Workspace& workspace) const;
+  void _normalize_sum(std::size_t half, Range rows, const Workspace& workspace) const;
+  void _add(std::size_t rows, const float* left, std::size_t left_stride, const float* right,
             std::size_t right_stride, float* out) const;
 
   Workspace _take_workspace(const TokenBatch& batch, std::size_t benches) const;

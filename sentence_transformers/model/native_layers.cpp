@@ -12,13 +12,12 @@ namespace {
 /// Few enough that each still has whole heads and long rows, enough to keep four threads busy.
 constexpr std::size_t kMostShards = 4;
 
-/// The part of `index` when `count` things are divided into `parts`.
+}  // namespace
+
 Range share(std::size_t count, std::size_t parts, std::size_t index) {
   const std::size_t first = count * index / parts;
   return {.first = first, .count = count * (index + 1) / parts - first};
 }
-
-}  // namespace
 
 /// Each layer is a part of its own.
 class NativeLayers::Load final : public SteppedWork {

@@ -14,6 +14,9 @@
 
 namespace tovana::sentence_transformers {
 
+/// The part of `index` when `count` things are divided into `parts`.
+Range share(std::size_t count, std::size_t parts, std::size_t index);
+
 /// The weights of an encoder's layers, arranged for the native encoder (which says what shards are
 /// for). Immutable.
 class NativeLayers {
