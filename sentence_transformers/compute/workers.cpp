@@ -32,8 +32,9 @@ void pause() noexcept {
 
 using SteadyClock = std::chrono::steady_clock;
 
-/// Some 40 microseconds: longer than a thread is late at the end of a step, shorter than what
-/// sleeping and waking cost.
+/// Some 40 microseconds: longer than a thread is late at the end of a step, or than a caller takes
+/// from one short text to the next; about what sleeping and waking cost both sides, so that looking
+/// out in vain at most doubles that.
 constexpr int kSpins = 2000;
 
 /// A wait for others' parts that is longer than this, and than what two parts take, means that the
@@ -43,6 +44,8 @@ constexpr SteadyClock::duration kLongWait = std::chrono::microseconds(200);
 /// For so long after that, work with many steps is done by its caller alone, rather than have every
 /// step wait for the processors to be free at the same time.
 constexpr SteadyClock::duration kTimeAlone = std::chrono::milliseconds(50);
+
+constexpr std::size_t kCacheLine = 64;
 
 /// What threads share about one call of `run_steps`. The work itself may be gone when a helper
 /// still looks at this, which is why there is nothing to look at but numbers once it is done.
@@ -61,19 +64,19 @@ class Job {
   Outcome take_part(const Question& is_unwanted) {
     SteadyClock::duration part_time = {};
     SteadyClock::duration wait_time = {};
+    auto begin = SteadyClock::now();
     for (std::uint64_t ticket = _next.load(std::memory_order_acquire);;) {
       const std::size_t step = ticket >> 32U;
       const std::size_t part = ticket & kPartMask;
-      const auto begin = SteadyClock::now();
       if (step == _steps) {
         return {.is_done = true, .has_waited = wait_time > std::max(kLongWait, 2 * part_time)};
       }
       if (part == _parts) {
         ticket = _wait_for_change(ticket);
-        wait_time = std::max(wait_time, SteadyClock::now() - begin);
+        wait_time = std::max(wait_time, since(begin));
       } else if (_next.compare_exchange_weak(ticket, ticket + 1, std::memory_order_acquire)) {
         _run(step, part);
-        part_time = std::max(part_time, SteadyClock::now() - begin);
+        part_time = std::max(part_time, since(begin));
         if (is_unwanted()) return {.is_done = false, .has_waited = false};
         ticket = _next.load(std::memory_order_acquire);
       }
@@ -87,6 +90,12 @@ class Job {
 
  private:
   static constexpr std::uint64_t kPartMask = 0xFFFFFFFF;
+
+  /// Moves `begin` to now.
+  static SteadyClock::duration since(SteadyClock::time_point& begin) {
+    const auto now = SteadyClock::now();
+    return now - std::exchange(begin, now);
+  }
 
   void _run(std::size_t step, std::size_t part) {
     _guarded([&] { _work.run(step, part); });
@@ -123,9 +132,10 @@ class Job {
   SteppedWork& _work;
   const std::size_t _steps;
   const std::size_t _parts;
-  std::atomic<std::uint64_t> _next =
-      0;  ///< The step in the upper half, its next part in the lower.
-  std::atomic<std::size_t> _unfinished;  ///< Parts of the open step.
+  // On lines of their own: who waits reads the former all the time.
+  /// The step in the upper half, its next part in the lower.
+  alignas(kCacheLine) std::atomic<std::uint64_t> _next = 0;
+  alignas(kCacheLine) std::atomic<std::size_t> _unfinished;  ///< Parts of the open step.
   std::atomic<bool> _has_failed = false;
   std::exception_ptr _failure;  ///< Written by whoever set the former, read when all is done.
 };
@@ -165,7 +175,8 @@ class Workers {
     }
     const std::size_t wanted =
         _computing < _processors ? std::min(helpers, _processors - _computing) : 0;
-    for (std::size_t i = 0; i < wanted; ++i) _changed.native().notify_one();
+    _offered.fetch_add(1, std::memory_order_relaxed);
+    for (std::size_t i = _watching; i < wanted; ++i) _changed.native().notify_one();
     return std::prev(_offers.end());
   }
 
@@ -187,15 +198,22 @@ class Workers {
   }
 
   [[noreturn]] void _help() TOVANA_EXCLUDES(_lock) {
+    bool has_watched = true;
     _lock.lock();
     while (true) {
       const auto offer = _find_offer();
       if (offer == _offers.end()) {
         ++_idle;
-        _changed.wait(_lock);
+        if (has_watched) {
+          _changed.wait(_lock);
+        } else {
+          _watch();
+        }
         --_idle;
+        has_watched = true;
         continue;
       }
+      has_watched = false;
       --offer->helpers;
       ++_computing;
       const std::shared_ptr<Job> job = offer->job;
@@ -206,6 +224,20 @@ class Workers {
       --_computing;
       if (!outcome.is_done) _offer_again(job);
     }
+  }
+
+  /// Looks out for the next offer for a while, without the lock. Nobody wakes those who do.
+  void _watch() TOVANA_REQUIRES(_lock) {
+    const std::size_t seen = _offered.load(std::memory_order_relaxed);
+    ++_watching;
+    _lock.unlock();
+    for (int spin = 0; spin < kSpins && _computing.load(std::memory_order_relaxed) < _processors &&
+                       _offered.load(std::memory_order_relaxed) == seen;
+         ++spin) {
+      pause();
+    }
+    _lock.lock();
+    --_watching;
   }
 
   Offers::iterator _find_offer() TOVANA_REQUIRES(_lock) {
@@ -223,7 +255,9 @@ class Workers {
   ConditionVariable _changed;
   Offers _offers TOVANA_GUARDED_BY(_lock);  ///< One for each call under way.
   std::size_t _helpers TOVANA_GUARDED_BY(_lock) = 0;
-  std::size_t _idle TOVANA_GUARDED_BY(_lock) = 0;        ///< Helpers that sleep.
+  std::size_t _idle TOVANA_GUARDED_BY(_lock) = 0;        ///< Helpers with nothing to do.
+  std::size_t _watching TOVANA_GUARDED_BY(_lock) = 0;    ///< Those of them that do not sleep yet.
+  std::atomic<std::size_t> _offered = 0;                 ///< Offers so far; written under the lock.
   std::atomic<SteadyClock::duration> _alone_until = {};  ///< Since the clock's beginning.
   std::atomic<std::size_t> _computing = 0;  ///< Threads that do; written under the lock.
 };
