@@ -5,19 +5,17 @@
 
 namespace tovana::sentence_transformers {
 
-inline constexpr float kLargestBfloat16 = 0x1.FEp127F;
-
-/// The bfloat16 nearest to a number, the even one of two that are as near, as processors round it:
-/// its bits. Beyond the largest there is infinity.
+/// The bits of the bfloat16 nearest to a number, the even one of two that are as near. Beyond the
+/// largest there is infinity; NaN is not for this.
 constexpr std::uint32_t bfloat16_bits(float number) {
   const auto bits = std::bit_cast<std::uint32_t>(number);
-  if (number != number) return (bits >> 16U) | 0x40U;  // A NaN that rounding may not make infinite.
   return (bits + 0x7FFFU + ((bits >> 16U) & 1U)) >> 16U;
 }
 
-/// Two of them in a word, the first in its lower half.
-constexpr std::uint32_t bfloat16_pair(float first, float second) {
-  return bfloat16_bits(first) | bfloat16_bits(second) << 16U;
+/// The same, but for finite numbers the largest instead of infinity.
+constexpr std::uint32_t finite_bfloat16_bits(float number) {
+  const std::uint32_t rounded = bfloat16_bits(number);
+  return rounded - static_cast<std::uint32_t>((rounded & 0x7FFFU) == 0x7F80U);
 }
 
 }  // namespace tovana::sentence_transformers

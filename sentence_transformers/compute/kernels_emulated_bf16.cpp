@@ -11,6 +11,15 @@ namespace {
 inline Vector first_of(Integers words) { return __builtin_bit_cast(Vector, words << 16); }
 inline Vector second_of(Integers words) { return __builtin_bit_cast(Vector, words & -0x10000); }
 
+/// A word of two numbers, of which a NaN stays one.
+inline std::uint32_t word_of(float first, float second) {
+  const auto bits = [](float number) {
+    constexpr std::uint32_t kNan = 0x7FC0;
+    return number == number ? bfloat16_bits(number) : kNan;
+  };
+  return bits(first) | bits(second) << 16U;
+}
+
 struct Bfloat16 {
   static constexpr NumberFormat kFormat = NumberFormat::bfloat16;
   static constexpr std::size_t kDepths = 2;
@@ -28,13 +37,13 @@ struct Bfloat16 {
 
   static void round(const float* from, std::size_t count, Word* to) {
     for (std::size_t i = 0; i < count; i += 2) {
-      to[i / 2] = bfloat16_pair(from[i], i + 1 < count ? from[i + 1] : 0.0F);
+      to[i / 2] = word_of(from[i], i + 1 < count ? from[i + 1] : 0.0F);
     }
   }
 
   static Vector pair(Vector first, Vector second) {
     for (std::size_t lane = 0; lane < kLanes; ++lane) {
-      first[lane] = __builtin_bit_cast(float, bfloat16_pair(first[lane], second[lane]));
+      first[lane] = __builtin_bit_cast(float, word_of(first[lane], second[lane]));
     }
     return first;
   }

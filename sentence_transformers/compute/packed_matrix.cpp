@@ -12,11 +12,8 @@ namespace {
 /// Columns that are set side by side: what is written to a panel is then written in one go.
 constexpr std::size_t kSideBySide = 8;
 
-std::uint32_t saturated_pair(float first, float second) {
-  const auto saturated = [](float number) {
-    return std::clamp(number, -kLargestBfloat16, kLargestBfloat16);
-  };
-  return bfloat16_pair(saturated(first), saturated(second));
+std::uint32_t finite_pair(float first, float second) {
+  return finite_bfloat16_bits(first) | finite_bfloat16_bits(second) << 16U;
 }
 
 }  // namespace
@@ -62,10 +59,10 @@ void PackedMatrix::_set_columns(const float* rows, std::size_t stride, std::size
     return;
   }
   for (std::size_t i = 0; i + 1 < _depth; i += 2) {
-    write([i](const float* row) { return saturated_pair(row[i], row[i + 1]); });
+    write([i](const float* row) { return finite_pair(row[i], row[i + 1]); });
   }
   if (_depth % 2 == 1) {
-    write([this](const float* row) { return saturated_pair(row[_depth - 1], 0.0F); });
+    write([this](const float* row) { return finite_pair(row[_depth - 1], 0.0F); });
   }
 }
 

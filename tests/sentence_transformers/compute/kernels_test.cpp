@@ -88,7 +88,7 @@ TEST_P(KernelsTest, ProductsOfEveryHeight) {
 
 TEST_P(KernelsTest, FactorsAtTheEdges) {
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
-  const float largest = is_bfloat16() ? kLargestBfloat16 : std::numeric_limits<float>::max();
+  const float largest = is_bfloat16() ? 0x1.FEp127F : std::numeric_limits<float>::max();
   const auto product = [this](float in, float weight) {
     PackedMatrix matrix(_kernels, 1, 1);
     matrix.set_columns(0, 1, &weight, 1, nullptr);
