@@ -271,6 +271,10 @@ class WhileLoading final : public Runtime {
   std::function<void()> _event;
 };
 
+TEST(VariantsTest, WithoutKernelsForItThereIsNoBfloat16) {
+  EXPECT_FALSE(NativeRuntime(best_kernels()).supports(NumberFormat::bfloat16));
+}
+
 TEST(VariantsTest, AFileThatChangesWhileItIsReadIsNoModel) {
   const ModelCopy model;
   const WhileLoading runtime(
