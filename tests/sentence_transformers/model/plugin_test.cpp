@@ -83,6 +83,8 @@ TEST(Plugin, LetsFailuresThroughAsKindAndOneLine) {
   EXPECT_EQ(described(table().load_model(text_of(sound), text_of(sound), &unknown, &model)),
             "RuntimeError: the model library does not support the number format 99");
   EXPECT_EQ(model, nullptr);
+  EXPECT_EQ(table().supports(unknown.number_format), 0);
+  EXPECT_EQ(table().supports(abi::NumberFormat::float32), 1);
   table().free_error(nullptr);
   table().free_model(nullptr);
 }
