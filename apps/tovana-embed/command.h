@@ -18,6 +18,7 @@ struct Command {
 };
 
 Command add_embed_command(CLI::App& tool);
+Command add_index_command(CLI::App& tool);
 Command add_search_command(CLI::App& tool);
 Command add_pull_command(CLI::App& tool);
 Command add_status_command(CLI::App& tool);

@@ -36,14 +36,16 @@ _tovana_embed() {
 
   if [[ -z $ended ]]; then
     case $before in
-      --input | --output | --settings) ;;
+      --index | --input | --output | --queries | --settings) ;;
       --model) _tovana_embed_model "$current" ;;
       --backend) _tovana_embed_words "auto local api openai tfidf" "$current" ;;
       --prompt | --text-prompt) _tovana_embed_words "query document" "$current" ;;
       --precision) _tovana_embed_words "float32 bfloat16" "$current" ;;
       --format) _tovana_embed_words "jsonl npy" "$current" ;;
+      --dtype) _tovana_embed_words "float64 float32" "$current" ;;
       --log-level) _tovana_embed_words "debug info warning" "$current" ;;
-      --api-url | --base-url | --batch-size | --concurrency | --deadline | --dimension | --revision | --top | --wait-s)
+      --api-url | --base-url | --batch-size | --concurrency | --deadline | --dimension | --id-member | --min-score | --revision | \
+        --text-member | --top | --wait-s)
         _tovana_embed_words "" "$current"
         ;;
       *) before="" ;;
@@ -52,8 +54,15 @@ _tovana_embed() {
     if [[ $current == -* ]]; then
       case $command in
         "") _tovana_embed_words "--help --version" "$current" ;;
-        embed) _tovana_embed_words "--help --input --jsonl --output --format --batch-size --concurrency --keep-going --deadline --prompt $engine" "$current" ;;
-        search) _tovana_embed_words "--help --input --jsonl --top --json --prompt --text-prompt $engine" "$current" ;;
+        embed)
+          _tovana_embed_words "--help --input --jsonl --text-member --output --format --dtype --batch-size --concurrency --keep-going --deadline --prompt $engine" "$current"
+          ;;
+        index)
+          _tovana_embed_words "--help --input --jsonl --text-member --id-member --keep-gone --rebuild --batch-size --concurrency --prompt $engine" "$current"
+          ;;
+        search)
+          _tovana_embed_words "--help --queries --index --input --jsonl --text-member --top --min-score --json --prompt --text-prompt $engine" "$current"
+          ;;
         status) _tovana_embed_words "--help --wait --json $engine" "$current" ;;
         migrate-check) _tovana_embed_words "--help $engine" "$current" ;;
         pull) _tovana_embed_words "--help --revision --refresh --offline" "$current" ;;
@@ -62,8 +71,8 @@ _tovana_embed() {
     fi
   fi
   case $command in
-    "") _tovana_embed_words "embed search status migrate-check pull" "$current" ;;
-    migrate-check) ;;
+    "") _tovana_embed_words "embed index search status migrate-check pull" "$current" ;;
+    index | migrate-check) ;;
     pull) _tovana_embed_model "$current" ;;
     *) _tovana_embed_words "" "$current" ;;
   esac

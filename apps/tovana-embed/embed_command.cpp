@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "batching_arguments.h"
 #include "command.h"
 #include "embedding_call.h"
 #include "engine_arguments.h"
@@ -19,12 +20,10 @@
 #include "progress.h"
 #include "result_writer.h"
 #include "text_input.h"
+#include "unique_call.h"
 
 namespace tovana::tool {
 namespace {
-
-/// More would be a burden to most servers, and each may hold megabytes of vectors.
-constexpr std::int64_t kMostConcurrency = 64;
 
 struct EmbedArguments {
   EngineArguments engine;
@@ -32,8 +31,8 @@ struct EmbedArguments {
   CLI::Option* texts = nullptr;
   std::string output = "-";
   bool npy = false;
-  std::int64_t batch_size = kDefaultBatchSize;
-  std::int64_t concurrency = 1;
+  std::optional<NpyType> dtype;
+  BatchingArguments batching;
   bool keep_going = false;
   std::optional<double> deadline;
 };
@@ -74,25 +73,29 @@ ExitStatus embed(const EmbedArguments& arguments, const Interrupts& interrupts) 
                   "--keep-going cannot go with --format npy, whose rows are numbers only; see "
                   "tovana-embed embed --help");
   }
+  if (arguments.dtype && !arguments.npy) {
+    throw Failure(ExitStatus::usage, "--dtype is for --format npy; see tovana-embed embed --help");
+  }
+  const NpyType dtype = arguments.dtype.value_or(NpyType::float64);
   const RunLimits limits(interrupts, arguments.deadline.value_or(RunLimits::kNoDeadline));
   // First of all: a place that cannot be written to must not cost the work.
   Output output(arguments.output, limits);
   EngineSession session(arguments.engine, interrupts);
   const Input input = open_input(arguments, session, limits);
   if (arguments.npy && input.total == 0) {
-    write_npy_header(output, 0, static_cast<std::size_t>(session.wait_ready(limits)->dimension()));
+    write_npy_header(output, 0, static_cast<std::size_t>(session.wait_ready(limits)->dimension()),
+                     dtype);
   }
   auto progress = std::make_unique<Progress>(input.total, arguments.output == "-");
-  ResultWriter writer(output, {.npy = arguments.npy, .keeps_going = arguments.keep_going},
+  ResultWriter writer(output,
+                      {.npy = arguments.npy, .dtype = dtype, .keeps_going = arguments.keep_going},
                       input.total, session, limits, *progress);
-  const Batching batching = {.size = static_cast<std::size_t>(arguments.batch_size),
-                             .concurrency = static_cast<std::size_t>(arguments.concurrency),
-                             .prompt = arguments.engine.prompt};
+  const Batching batching = batching_of(arguments.batching, arguments.engine.prompt);
   if (input.reader) {
     embed_from([&](std::size_t most) { return input.reader->read(most); }, session, batching,
                limits, writer.sink());
   } else {
-    embed_in_batches(session, input.texts, batching, limits, writer.sink());
+    embed_each_once(session, input.texts, batching, limits, writer.sink());
   }
   progress.reset();  // its line would be in the way of others
   writer.check_complete();
@@ -111,9 +114,19 @@ void add_format_option(CLI::App& command, EmbedArguments& arguments) {
       .add_option_function<std::string>(
           "--format", set_format,
           "jsonl: an object a text, {\"text\":…,\"vector\":[…]} (the\n"
-          "default); npy: the vectors alone, a NumPy array of\n"
-          "float64 [texts x dimension]")
+          "default); npy: the vectors alone, a NumPy array\n"
+          "[texts x dimension]")
       ->type_name("FORMAT");
+  const auto set_dtype = [&arguments](const std::string& name) {
+    if (name != "float64" && name != "float32") {
+      throw CLI::ValidationError("--dtype", "takes float64 or float32, not \"" + name + "\"");
+    }
+    arguments.dtype = name == "float64" ? NpyType::float64 : NpyType::float32;
+  };
+  command
+      .add_option_function<std::string>("--dtype", set_dtype,
+                                        "The numbers of npy: float64 (the default) or float32")
+      ->type_name("TYPE");
 }
 
 }  // namespace
@@ -137,17 +150,7 @@ Command add_embed_command(CLI::App& tool) {
                   "nothing; - is standard output (the default)")
       ->option_text("FILE");
   add_format_option(command, *arguments);
-  add_count(command, "--batch-size", arguments->batch_size,
-            "Most texts in one call of the backend (" + std::to_string(kDefaultBatchSize) +
-                "); local takes\n"
-                "as many as it embeds in a fifth of a second. tfidf takes\n"
-                "the whole input as one batch, since its weights depend\n"
-                "on the other texts of the batch");
-  add_count(command, "--concurrency", arguments->concurrency,
-            "Endpoints: up to N requests at once, 64 at most (1), each\n"
-            "over a connection that is kept; the results keep their\n"
-            "order. Any other backend gets one batch at a time",
-            kMostConcurrency);
+  add_batching_options(command, arguments->batching);
   command.add_flag("--keep-going", arguments->keep_going,
                    "Write texts whose call failed with \"error\" in place of\n"
                    "\"vector\", go on with the others, and end with status 69.\n"
@@ -163,7 +166,8 @@ as it is needed. A text is a line without its line end (LF or CR LF). An empty
 line is a text, whose vector is zero with tfidf. With --jsonl an object keeps
 its other members as they are, "vector" comes last (in place of one that was
 there, with --keep-going of an "error", too), and blank lines are passed over.
-What is not UTF-8 becomes U+FFFD, with a warning.
+What is not UTF-8 becomes U+FFFD, with a warning. Equal texts are embedded once,
+by an endpoint those of a batch (by tfidf each time, since its weights count them).
 
 Examples:
   tovana-embed embed 'parse the config file' 'open a socket'

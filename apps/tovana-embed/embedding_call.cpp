@@ -19,6 +19,7 @@
 #include "tovana/engines/embedding/backends/local/local.h"
 #include "tovana/engines/embedding/backends/tfidf/tfidf.h"
 #include "tovana/exceptions/exceptions.h"
+#include "unique_texts.h"
 
 namespace tovana::tool {
 namespace {
@@ -76,6 +77,19 @@ struct BackendCall {
   }
 };
 
+/// The vectors of all texts from a call for the different ones.
+std::vector<Vector> call_with_each_once(const BackendCall& call,
+                                        const std::vector<std::string>& texts) {
+  const UniqueTexts unique(texts);
+  if (unique.places.size() == texts.size()) return call(texts);
+  std::vector<std::string> once;
+  for (const std::size_t place : unique.places) once.push_back(texts[place]);
+  const std::vector<Vector> found = call(once);
+  std::vector<Vector> vectors;
+  for (const std::size_t number : unique.number_of) vectors.push_back(found[number]);
+  return vectors;
+}
+
 /// Where `count` texts from number `first` on are: "line 5", "lines 5 to 6".
 std::string place(const InputTexts& texts, std::size_t first, std::size_t count = 1) {
   const std::string begin = std::to_string(texts.lines[first]);
@@ -123,6 +137,7 @@ TextSource parts_of(const InputTexts& input) {
     };
     InputTexts texts{.texts = part(input.texts),
                      .members = part(input.members),
+                     .ids = part(input.ids),
                      .lines = part(input.lines),
                      .unit = input.unit,
                      .is_whole = count == input.texts.size()};
@@ -135,6 +150,10 @@ TextSource parts_of(const InputTexts& input) {
 
 bool is_endpoint(const EmbeddingBackend& backend) {
   return dynamic_cast<const embedding::_HTTPEmbeddingBackend*>(&backend) != nullptr;
+}
+
+bool is_tfidf(const EmbeddingBackend& backend) {
+  return dynamic_cast<const TFIDFEmbeddingBackend*>(&backend) != nullptr;
 }
 
 void check_vector(const EngineSession& session, const InputTexts& texts, std::size_t index,
@@ -166,7 +185,7 @@ void embed_in_batches(EngineSession& session, const InputTexts& input, const Bat
            " gets one batch at a time; --concurrency is for endpoints");
   }
   std::optional<embedding::CallPace> pace;
-  if (dynamic_cast<TFIDFEmbeddingBackend*>(backend.get()) == nullptr) pace.emplace();
+  if (!is_tfidf(*backend)) pace.emplace();
   const BackendCall call{session.shared_engine(), backend, limits, batching.prompt};
   for (std::size_t first = 0; first < texts.size();) {
     limits.check();
@@ -183,9 +202,11 @@ void embed_in_batches(EngineSession& session, const InputTexts& input, const Bat
 void embed_from(const TextSource& source, EngineSession& session, const Batching& batching,
                 const RunLimits& limits, const ResultSink& sink) {
   using enum EmbeddingWindow::AfterFailure;
-  EmbeddingWindow window(batching.concurrency,
-                         BackendCall{session.shared_engine(), session.wait_ready(limits), limits},
-                         sink.failed ? go_on : stop);
+  const BackendCall call{session.shared_engine(), session.wait_ready(limits), limits};
+  EmbeddingWindow window(
+      batching.concurrency,
+      [call](const std::vector<std::string>& texts) { return call_with_each_once(call, texts); },
+      sink.failed ? go_on : stop);
   std::exception_ptr unreadable;
   for (bool has_more = true;;) {
     while (has_more && window.has_room()) {

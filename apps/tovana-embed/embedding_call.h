@@ -41,6 +41,8 @@ using TextSource = std::function<InputTexts(std::size_t most)>;
 
 /// Whether the backend is an endpoint, whose calls may run side by side and be ended.
 bool is_endpoint(const embedding::EmbeddingBackend& backend);
+/// Whether its vectors compare only with those of the same call.
+bool is_tfidf(const embedding::EmbeddingBackend& backend);
 
 /// Waits for the engine, unless there are no texts, and embeds them batch by batch, in their order.
 ///
@@ -60,7 +62,7 @@ void embed_in_batches(EngineSession& session, const InputTexts& input, const Bat
 /// twice as many batches as calls run at once, and two more. What comes before texts that cannot be
 /// had, or whose call failed, has reached `sink` before their Failure is thrown; calls for texts
 /// behind them may then be under way, and end with the process. An endpoint's call observes the
-/// limits throughout.
+/// limits throughout, and holds of equal texts only one.
 void embed_from(const TextSource& source, EngineSession& session, const Batching& batching,
                 const RunLimits& limits, const ResultSink& sink);
 

@@ -69,14 +69,6 @@ void log_what_is_not_reported(const LogRecord& record) {
   throw Failure(ExitStatus::usage, problem + "; see tovana-embed --help");
 }
 
-/// The file that the settings are in, if there is one.
-std::optional<std::filesystem::path> settings_file(const EngineArguments& arguments) {
-  if (arguments.settings) return arguments.settings;
-  const std::optional<std::filesystem::path> file = user_config_file();
-  std::error_code error;
-  return file && std::filesystem::exists(*file, error) ? file : std::nullopt;
-}
-
 Config read_settings(const std::filesystem::path& file) {
   try {
     return load_config(file);
@@ -198,6 +190,13 @@ void add_prompt_option(CLI::App& command, EngineArguments& arguments,
       ->option_text("NAME");
 }
 
+std::optional<std::filesystem::path> settings_file(const EngineArguments& arguments) {
+  if (arguments.settings) return arguments.settings;
+  const std::optional<std::filesystem::path> file = user_config_file();
+  std::error_code error;
+  return file && std::filesystem::exists(*file, error) ? file : std::nullopt;
+}
+
 EngineConfiguration engine_configuration(const EngineArguments& arguments) {
   const std::optional<std::filesystem::path> file = settings_file(arguments);
   Config settings = file ? read_settings(*file) : Config();
@@ -213,7 +212,8 @@ EngineConfiguration engine_configuration(const EngineArguments& arguments) {
   if (arguments.base_url) config["base_url"] = *arguments.base_url;
   if (arguments.api_url) config["api_url"] = *arguments.api_url;
   if (arguments.model) config["model_name"] = *arguments.model;
-  if (arguments.dimension) config["dimension"] = *arguments.dimension;
+  const auto dimension = arguments.dimension ? arguments.dimension : arguments.usual_dimension;
+  if (dimension) config["dimension"] = *dimension;
   if (config.contains("api_url")) {
     if (const auto key = embedding::endpoint_key()) config["api_key"] = *key;
   }

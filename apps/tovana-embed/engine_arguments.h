@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -17,6 +18,8 @@ struct EngineArguments {
   std::optional<std::string> model;
   std::optional<std::int64_t> dimension;
   std::optional<embedding::Precision> precision;  ///< Null: what the environment says.
+  std::optional<std::int64_t>
+      usual_dimension;  ///< The command's own, for tfidf without --dimension.
   std::optional<std::string> base_url;
   std::optional<std::string> api_url;
   std::optional<std::string> settings;  ///< Null: the user's file, if there is one.
@@ -33,6 +36,9 @@ void add_engine_options(CLI::App& command, EngineArguments& arguments);
 /// Adds --prompt, which `stands_before`: "each text".
 void add_prompt_option(CLI::App& command, EngineArguments& arguments,
                        const std::string& stands_before);
+
+/// The file that the settings are read from; null where there is none.
+std::optional<std::filesystem::path> settings_file(const EngineArguments& arguments);
 
 /// What the options and the settings ask for. An endpoint's key comes from the environment. Throws
 /// Failure: usage for options that do not go together and for a URL that is not complete, no_input

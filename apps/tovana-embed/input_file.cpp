@@ -19,7 +19,7 @@ constexpr std::size_t kChunk = std::size_t{256} * 1024;
 [[noreturn]] void throw_unreadable(const std::string& path, const std::string& reason) {
   throw Failure(ExitStatus::no_input,
                 "cannot read " + input_name(path) + ": " + reason +
-                    "; give --input a file that can be read, or - for standard input");
+                    "; give a file that can be read, or - for standard input");
 }
 
 /// Opened without waiting for a pipe's other end: `open` could not be interrupted, the wait for the

@@ -2,8 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <optional>
-#include <vector>
+#include <map>
 
 #include <nlohmann/json.hpp>
 
@@ -18,27 +17,54 @@ using nlohmann::json;
 /// The library quotes what it has read so far, which may be megabytes.
 constexpr std::size_t kLongestReason = 160;
 
-/// Checks the whole line and keeps of it what is needed: the names of the object's own members and
-/// the text. Each handler returns whether to go on.
+bool contains(const std::vector<std::string>& names, const std::string& name) {
+  return std::ranges::find(names, name) != names.end();
+}
+
+/// `"a"`, or `"a", "b"`.
+std::string quoted(const std::vector<std::string>& names) {
+  std::string list;
+  for (const std::string& name : names) list += (list.empty() ? "\"" : ", \"") + name + "\"";
+  return list;
+}
+
+/// Checks the whole line and keeps of it what is needed: of the object's own members the names and
+/// the values that are asked for. Each handler returns whether to go on.
 class RecordHandler {
  public:
-  explicit RecordHandler(const std::vector<std::string>& replaced) : _replaced(replaced) {}
+  RecordHandler(const RecordMembers& members, const std::vector<std::string>& replaced)
+      : _members(members), _replaced(replaced) {}
 
   const std::vector<bool>& is_replaced() const noexcept { return _is_replaced; }
-  const std::optional<std::string>& text() const noexcept { return _text; }
   const std::string& problem() const noexcept { return _problem; }
+  bool is_note() const noexcept { return _is_note; }
 
-  bool null() { return _other_value("null"); }
+  /// Of those of the members that are there.
+  std::vector<std::string> values(const std::vector<std::string>& names) const {
+    std::vector<std::string> values;
+    for (const std::string& name : names) {
+      const auto value = _values.find(name);
+      if (value != _values.end()) values.push_back(value->second);
+    }
+    return values;
+  }
+
+  bool null() {
+    if (_depth == 1 && _in_text && !_in_id) return _values.erase(_name), true;
+    return _other_value("null");
+  }
   bool boolean(bool /*value*/) { return _other_value("true or false"); }
-  bool number_integer(json::number_integer_t /*value*/) { return _other_value("a number"); }
-  bool number_unsigned(json::number_unsigned_t /*value*/) { return _other_value("a number"); }
-  bool number_float(json::number_float_t /*value*/, const std::string& /*digits*/) {
-    return _other_value("a number");
+  bool number_integer(json::number_integer_t value) { return _number(std::to_string(value)); }
+  bool number_unsigned(json::number_unsigned_t value) { return _number(std::to_string(value)); }
+  bool number_float(json::number_float_t /*value*/, const std::string& digits) {
+    return _number(digits);
   }
   bool binary(json::binary_t& /*value*/) { return _other_value("binary data"); }
   bool string(std::string& value) {
     if (_depth == 0) return _fail_as_root("a string");
-    if (_depth == 1 && _in_text) _text = std::move(value);
+    if (_depth > 1) return true;
+    if (_name == "_type") _is_note = value == "ptag";
+    if (_in_text || _in_id) _values[_name] = std::move(value);
     return true;
   }
   bool start_object(std::size_t /*size*/) {
@@ -55,8 +81,10 @@ class RecordHandler {
   bool end_array() { return _leave(); }
   bool key(const std::string& name) {
     if (_depth == 1) {
-      _in_text = name == "text";
-      _is_replaced.push_back(std::ranges::find(_replaced, name) != _replaced.end());
+      _name = name;
+      _in_text = contains(_members.text, name);
+      _in_id = contains(_members.id, name);
+      _is_replaced.push_back(contains(_replaced, name));
     }
     return true;
   }
@@ -79,21 +107,32 @@ class RecordHandler {
     return true;
   }
   bool _fail_as_root(const std::string& kind) {
-    _problem = "it is " + kind + " where an object with a member \"text\" belongs";
+    _problem =
+        "it is " + kind + " where an object with a member " + quoted(_members.text) + " belongs";
     return false;
+  }
+  bool _number(const std::string& digits) {
+    if (_depth != 1 || _in_text || !_in_id) return _other_value("a number");
+    _values[_name] = digits;
+    return true;
   }
   bool _other_value(const std::string& kind) {
     if (_depth == 0) return _fail_as_root(kind);
-    if (_depth > 1 || !_in_text) return true;
-    _problem = "the member \"text\" is " + kind + " where a string belongs";
+    if (_depth > 1 || (!_in_text && !_in_id)) return true;
+    _problem = "the member \"" + _name + "\" is " + kind + " where a string " +
+               (_in_text ? "" : "or a number ") + "belongs";
     return false;
   }
 
+  const RecordMembers& _members;
   const std::vector<std::string>& _replaced;
   std::size_t _depth = 0;
+  std::string _name;  ///< Of the member that is read, which may be a part of these:
   bool _in_text = false;
+  bool _in_id = false;
+  bool _is_note = false;
   std::vector<bool> _is_replaced;  ///< For each member of the object.
-  std::optional<std::string> _text;
+  std::map<std::string, std::string> _values;
   std::string _problem;
 };
 
@@ -131,24 +170,55 @@ std::vector<std::string_view> split_members(std::string_view object) {
   return members;
 }
 
+/// Those of a valid object that are not replaced.
+std::string remaining_members(std::string_view object, const RecordHandler& handler) {
+  std::string result;
+  const std::vector<std::string_view> members = split_members(object);
+  for (std::size_t i = 0; i < handler.is_replaced().size(); ++i) {
+    if (handler.is_replaced()[i]) continue;
+    if (!result.empty()) result += ',';
+    result += members[i];
+  }
+  return result;
+}
+
+std::string joined(const std::vector<std::string>& values, char separator) {
+  std::string result;
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    if (i > 0) result += separator;
+    result += values[i];
+  }
+  return result;
+}
+
 }  // namespace
 
-JsonRecord parse_json_record(std::string_view line, const std::vector<std::string>& replaced) {
-  RecordHandler handler(replaced);
+std::optional<JsonRecord> parse_json_record(std::string_view line, const RecordMembers& members,
+                                            const std::vector<std::string>& replaced) {
+  RecordHandler handler(members, replaced);
   const bool valid = json::sax_parse(line.begin(), line.end(), &handler);
+  if (valid && handler.is_note()) return std::nullopt;
   if (!valid) throw ValueError(handler.problem());
-  const std::optional<std::string>& text = handler.text();
-  if (!text) throw ValueError("the object has no member \"text\"");
+  const std::vector<std::string> texts = handler.values(members.text);
+  const std::vector<std::string> ids = handler.values(members.id);
+  if (texts.empty()) throw ValueError("the object has no member " + quoted(members.text));
+  if (ids.size() < members.id.size()) {
+    throw ValueError("the object lacks a member of its id: " + quoted(members.id));
+  }
 
   JsonRecord record;
-  record.text = *text;
-  const std::vector<std::string_view> members = split_members(line);
-  for (std::size_t i = 0; i < members.size(); ++i) {
-    if (handler.is_replaced()[i]) continue;
-    if (!record.members.empty()) record.members += ',';
-    record.members += members[i];
-  }
+  record.text = joined(texts, ' ');
+  record.id = joined(ids, '\t');
+  record.members = remaining_members(line, handler);
   return record;
+}
+
+std::string without_members(std::string_view members, const std::vector<std::string>& replaced) {
+  const std::string object = "{" + std::string(members) + "}";
+  const RecordMembers none = {.text = {}, .id = {}};
+  RecordHandler handler(none, replaced);
+  json::sax_parse(object.begin(), object.end(), &handler);
+  return remaining_members(object, handler);
 }
 
 }  // namespace tovana::tool

@@ -94,9 +94,9 @@ void describe(CLI::App& tool) {
 ExitStatus run(std::vector<std::string> arguments, const Interrupts& interrupts) {
   CLI::App tool("Turns texts into vectors, and finds texts by them.", "tovana-embed");
   describe(tool);
-  const std::vector<Command> commands = {add_embed_command(tool), add_search_command(tool),
-                                         add_status_command(tool), add_migrate_check_command(tool),
-                                         add_pull_command(tool)};
+  const std::vector<Command> commands = {add_embed_command(tool),         add_index_command(tool),
+                                         add_search_command(tool),        add_status_command(tool),
+                                         add_migrate_check_command(tool), add_pull_command(tool)};
   for (const Command& command : commands) command.arguments->group("Commands");
   try {
     check_no_terminator(arguments);

@@ -9,10 +9,13 @@
 /// https://numpy.org/doc/stable/reference/generated/numpy.lib.format.html
 namespace tovana::tool {
 
-/// The header of a `[rows x columns]` array of little-endian 64-bit floats in C order.
-void write_npy_header(Output& output, std::size_t rows, std::size_t columns);
+enum class NpyType { float64, float32 };
 
-/// One row; the header comes first, and all rows have its number of columns.
-void write_npy_row(Output& output, std::span<const double> row);
+/// The header of a `[rows x columns]` array of little-endian floats in C order.
+void write_npy_header(Output& output, std::size_t rows, std::size_t columns, NpyType type);
+
+/// One row; the header comes first, and all rows have its number of columns and its type, to which
+/// numbers are rounded.
+void write_npy_row(Output& output, std::span<const double> row, NpyType type);
 
 }  // namespace tovana::tool

@@ -37,6 +37,21 @@ void add_count_option(CLI::App& command, const std::string& name, Value& value,
   command.add_option(name, CLI::callback_t(read), description)->type_name("N");
 }
 
+/// `kind` says what it takes, finite and not below `lowest`.
+void add_real_option(CLI::App& command, const std::string& name, std::optional<double>& value,
+                     double lowest, const std::string& kind, const std::string& description) {
+  const auto read = [name, lowest, kind, &value](const CLI::results_t& given) {
+    const std::string& text = given.front();
+    const auto number = number_of<double>(text);
+    if (!number || !std::isfinite(*number) || *number < lowest) {
+      throw CLI::ValidationError(name, "takes " + kind + ", not \"" + text + "\"");
+    }
+    value = number;
+    return true;
+  };
+  command.add_option(name, CLI::callback_t(read), description)->type_name("S");
+}
+
 }  // namespace
 
 void add_count(CLI::App& command, const std::string& name, std::int64_t& value,
@@ -51,17 +66,26 @@ void add_count(CLI::App& command, const std::string& name, std::optional<std::in
 
 void add_seconds(CLI::App& command, const std::string& name, std::optional<double>& value,
                  const std::string& description) {
-  const auto read = [name, &value](const CLI::results_t& given) {
-    const std::string& text = given.front();
-    const auto number = number_of<double>(text);
-    if (!number || !std::isfinite(*number) || *number < 0) {
-      throw CLI::ValidationError(name,
-                                 "takes a number of seconds, 0 or more, not \"" + text + "\"");
-    }
-    value = number;
+  add_real_option(command, name, value, 0, "a number of seconds, 0 or more", description);
+}
+
+void add_number(CLI::App& command, const std::string& name, std::optional<double>& value,
+                const std::string& description) {
+  add_real_option(command, name, value, -std::numeric_limits<double>::max(), "a number",
+                  description);
+}
+
+CLI::Option* add_names(CLI::App& command, const std::string& name, std::vector<std::string>& names,
+                       const std::string& description) {
+  // Taken as they are: the parser would make two of "[a,b]".
+  const auto take = [&names](const CLI::results_t& given) {
+    names = given;
     return true;
   };
-  command.add_option(name, CLI::callback_t(read), description)->type_name("S");
+  return command.add_option(name, CLI::callback_t(take), description)
+      ->option_text("NAME")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->allow_extra_args(false);
 }
 
 }  // namespace tovana::tool

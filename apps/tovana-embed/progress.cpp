@@ -8,6 +8,17 @@
 #include "tovana/base/clock.h"
 
 namespace tovana::tool {
+namespace {
+
+/// "59 s", "2 min", "3 h".
+std::string duration(double seconds) {
+  if (seconds < 60) return std::to_string(std::llround(seconds)) + " s";
+  const double minutes = seconds / 60;
+  if (minutes < 120) return std::to_string(std::llround(minutes)) + " min";
+  return std::to_string(std::llround(minutes / 60)) + " h";
+}
+
+}  // namespace
 
 Progress::Progress(std::optional<std::size_t> total, bool writes_to_stdout)
     : _total(total),
@@ -24,9 +35,11 @@ void Progress::advance(std::size_t texts) {
   const double now = system_clock().now();
   if (!_line.comes_due(now)) return;
   const double rate = static_cast<double>(_done) / (now - _start);
-  const std::string of_all = _total ? " of " + std::to_string(*_total) : "";
-  _line.show(std::to_string(_done) + of_all + " texts, " + std::to_string(std::llround(rate)) +
-             " a second");
+  std::string done = std::to_string(_done);
+  if (_total) done += " of " + std::to_string(*_total);
+  done += " texts, " + std::to_string(std::llround(rate)) + " a second";
+  if (_total) done += ", " + duration(static_cast<double>(*_total - _done) / rate) + " left";
+  _line.show(done);
 }
 
 }  // namespace tovana::tool

@@ -7,7 +7,8 @@
 
 namespace tovana::tool {
 
-/// Says on the user's terminal how many of the texts are done, and at which rate. One thread uses
+/// Says on the user's terminal how many of the texts are done, at which rate, and how much
+/// time the others will take. One thread uses
 /// it.
 class Progress {
  public:

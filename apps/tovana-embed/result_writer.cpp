@@ -1,7 +1,6 @@
 #include "result_writer.h"
 
 #include "json_writer.h"
-#include "npy_writer.h"
 
 namespace tovana::tool {
 
@@ -54,8 +53,8 @@ void ResultWriter::_write(const InputTexts& texts, std::size_t index, const Vect
     return _write_error(texts, index, failure.what());
   }
   if (_format.npy) {
-    if (is_first) write_npy_header(_output, _total.value(), _dimension);
-    write_npy_row(_output, vector);
+    if (is_first) write_npy_header(_output, _total.value(), _dimension, _format.dtype);
+    write_npy_row(_output, vector, _format.dtype);
   } else {
     _begin_json_line(texts, index);
     _output.write(",\"vector\":");

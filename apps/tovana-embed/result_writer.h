@@ -8,6 +8,7 @@
 #include "embedding_call.h"
 #include "engine_session.h"
 #include "failure.h"
+#include "npy_writer.h"
 #include "output.h"
 #include "progress.h"
 #include "run_limits.h"
@@ -19,6 +20,7 @@ namespace tovana::tool {
 /// How the results of `embed` are written.
 struct ResultFormat {
   bool npy = false;
+  NpyType dtype = NpyType::float64;  ///< The numbers of npy.
   /// Writes an object with "error" for a text that has no vector, which NumPy's format cannot say;
   /// else such a text ends the run.
   bool keeps_going = false;

@@ -1,5 +1,7 @@
+#include <exception>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <variant>
 
 #include <CLI/CLI.hpp>
@@ -9,8 +11,13 @@
 #include "engine_arguments.h"
 #include "engine_session.h"
 #include "output.h"
+#include "tovana/engines/embedding/backends/local/model_library.h"
 #include "tovana/engines/embedding/backends/local/model_runtime.h"
 #include "tovana/engines/embedding/backends/local/precision.h"
+#include "tovana/engines/hub/cached_model.h"
+#include "tovana/engines/hub/hub_settings.h"
+#include "tovana/engines/hub/model_name.h"
+#include "tovana/exceptions/exceptions.h"
 
 namespace tovana::tool {
 namespace {
@@ -27,23 +34,45 @@ struct StatusArguments {
   bool json = false;
 };
 
-/// The fields of the status, and what the model library and its models compute with, each null while
-/// none is loaded.
-std::string json_line(const EmbeddingStatus& status) {
+/// The path that `find` finds, or null where it finds none.
+template <class Find>
+nlohmann::ordered_json path_or_null(const Find& find) {
+  try {
+    return find().string();
+  } catch (const std::exception&) {  // the status itself says what is wrong
+    return nullptr;
+  }
+}
+
+/// The fields of the status, and what is used. What the model library and its models compute with
+/// is null while none is loaded.
+std::string json_line(const EmbeddingStatus& status, const EngineArguments& arguments) {
   nlohmann::ordered_json object;
   for (const auto& [name, value] : status.to_dict()) {
     std::visit([&object, &name](const auto& field) { object[name] = field; }, value);
   }
+  const auto library = embedding::model_runtime().loaded_library();
   object["runtime"] = nullptr;
   object["kernels"] = nullptr;
-  if (const auto library = embedding::model_runtime().loaded_library()) {
+  object["library"] = nullptr;
+  if (library) {
     object["runtime"] = library->runtime;
     object["kernels"] = library->kernels;
+    object["library"] = path_or_null([] { return embedding::model_library_path(); });
   }
   object["precision"] = nullptr;
   if (const auto precision = EMBED_PRECISION.used()) {
     object["precision"] = embedding::precision_name(*precision);
   }
+  constexpr std::string_view kLocal = "local:";
+  const std::string backend = status.backend.value_or("");
+  object["model_folder"] = path_or_null([&] {
+    if (!backend.starts_with(kLocal)) throw ValueError("no local model");
+    const hub::ModelName name = hub::parse_model_name(backend.substr(kLocal.size()));
+    return hub::find_cached_model(name, hub::cache_settings()).directory;
+  });
+  object["cache"] = path_or_null([] { return hub::cache_settings().root; });
+  object["settings"] = path_or_null([&] { return settings_file(arguments).value(); });
   return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
@@ -82,7 +111,7 @@ ExitStatus status(const StatusArguments& arguments, const Interrupts& interrupts
     result = failure.status();
   }
   const EmbeddingStatus now = session.engine().status();
-  output.write(arguments.json ? json_line(now) : sentence(now));
+  output.write(arguments.json ? json_line(now, engine_arguments) : sentence(now));
   output.finish();
   return now.ready() ? ExitStatus::success : result;
 }
@@ -101,8 +130,10 @@ Command add_status_command(CLI::App& tool) {
       R"(Begins to load the model as every command does, and says how far that has come:
 after a tenth of a second, unless --wait, --wait-s or --no-wait says otherwise.
 Of a local model that is ready it says what that is computed with; with --json as
-"runtime" and "kernels" of the model library and "precision" of its models, null
-while none is loaded.
+"runtime", "kernels" and file ("library") of the model library and "precision" of
+its models, null while none is loaded. With --json it also says which folder of a
+local model, which model cache and which file of settings are used, null where
+there is none.
 The exit status is 0 when the model is ready, 75 when it is not or may be later,
 and otherwise what a command that embeds would end with.
 

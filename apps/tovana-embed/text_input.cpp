@@ -1,24 +1,26 @@
 #include "text_input.h"
 
+#include <optional>
 #include <string_view>
 #include <utility>
 
 #include "failure.h"
 #include "json_record.h"
+#include "option_values.h"
 #include "tovana/base/text.h"
 #include "tovana/exceptions/exceptions.h"
 
 namespace tovana::tool {
 namespace {
 
-JsonRecord record_of(const std::string& line, const std::vector<std::string>& replaced,
-                     std::size_t number, const std::string& file) {
+std::optional<JsonRecord> record_of(const std::string& line, const InputArguments& arguments,
+                                    const std::vector<std::string>& replaced, std::size_t number) {
   try {
-    return parse_json_record(line, replaced);
+    return parse_json_record(line, arguments.members, replaced);
   } catch (const ValueError& error) {
     throw Failure(ExitStatus::bad_data,
-                  input_name(file) + ", line " + std::to_string(number) + ": " + error.what() +
-                      "; --jsonl takes one object a line, such as {\"text\":\"…\"}");
+                  input_name(arguments.file) + ", line " + std::to_string(number) + ": " +
+                      error.what() + "; --jsonl takes one object a line, such as {\"text\":\"…\"}");
   }
 }
 
@@ -50,6 +52,11 @@ void add_input_options(CLI::App& command, InputArguments& arguments) {
                 "Each line of the input is a JSON object, and its member\n"
                 "\"text\" is the text")
       ->option_text(" ");
+  add_names(command, "--text-member", arguments.members.text,
+            "With --jsonl: NAME in place of \"text\". Given again, the\n"
+            "texts of all of them that an object has, with a space\n"
+            "between two")
+      ->needs("--jsonl");
 }
 
 TextReader::TextReader(const InputArguments& arguments, std::vector<std::string> replaced,
@@ -122,10 +129,12 @@ void TextReader::_append(std::string_view line, InputTexts& texts) {
   } else if (line.find_first_not_of(" \t\r") == std::string_view::npos) {
     return;
   } else {
-    JsonRecord record =
-        record_of(_repair.repaired(line, _number), _replaced, _number, _arguments.file);
-    texts.texts.push_back(std::move(record.text));
-    texts.members.push_back(std::move(record.members));
+    std::optional<JsonRecord> record =
+        record_of(_repair.repaired(line, _number), _arguments, _replaced, _number);
+    if (!record) return;
+    texts.texts.push_back(std::move(record->text));
+    texts.members.push_back(std::move(record->members));
+    if (!_arguments.members.id.empty()) texts.ids.push_back(std::move(record->id));
   }
   texts.lines.push_back(_number);
 }

@@ -5,12 +5,12 @@
 #include <limits>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
 #include "input_file.h"
+#include "json_record.h"
 #include "run_limits.h"
 
 namespace tovana::tool {
@@ -19,6 +19,7 @@ namespace tovana::tool {
 struct InputArguments {
   std::string file = "-";
   bool jsonl = false;
+  RecordMembers members;  ///< What is read of an object.
 };
 
 /// The texts of a run, or the next ones of them, in the order of the input.
@@ -26,6 +27,7 @@ struct InputTexts {
   std::vector<std::string> texts;  ///< Well-formed UTF-8.
   std::vector<std::string>
       members;  ///< With --jsonl: what JsonRecord keeps of each object; else empty.
+  std::vector<std::string> ids;    ///< With --jsonl and where there is one: the id of each.
   std::vector<std::size_t> lines;  ///< The line of each text, from 1; for arguments, their number.
   std::string unit = "line";       ///< What `lines` counts: "line", or "text" for arguments.
   bool is_whole = true;            ///< Whether the input has no other texts.
@@ -51,8 +53,9 @@ class Utf8Repair {
 ///
 /// A text is a line without its line end: LF, or CR LF. An empty line is an empty text; behind the
 /// last line end there is no further line. With --jsonl each line is an object, and lines of white
-/// space are passed over. A byte order mark at the start is dropped. Ill-formed UTF-8 becomes
-/// U+FFFD, and one warning on stderr, when the end is reached first, says how many lines had it.
+/// space are passed over, as are the notes of universal-ctags. A byte order mark at the start is
+/// dropped. Ill-formed UTF-8 becomes U+FFFD, and one warning on stderr, when the end is reached
+/// first, says how many lines had it.
 class TextReader {
  public:
   /// `replaced` are the members of such an object that the command writes anew. Throws as InputFile

@@ -99,15 +99,16 @@ def test_ill_formed_utf8_is_repaired_with_one_warning():
     assert result.out.splitlines()[1].decode().startswith('{"text":"b \ufffd\ufffd c",')
 
 
+@pytest.mark.parametrize("kind, options", [("d", []), ("f", ["--dtype", "float32"])])
 @pytest.mark.parametrize("texts", [[], ["one text", "", "another text"]])
-def test_npy_holds_the_array_in_numpys_layout(texts):
-    array = tfidf("embed", "--format", "npy", "--dimension", "5", given="".join(t + "\n" for t in texts)).out
+def test_npy_holds_the_array_in_numpys_layout(texts, kind, options):
+    array = tfidf("embed", "--format", "npy", "--dimension", "5", *options, given="".join(t + "\n" for t in texts)).out
     assert array[:8] == b"\x93NUMPY\x01\0"
     start_of_rows = 10 + int.from_bytes(array[8:10], "little")
     header = array[10:start_of_rows].decode()
     assert start_of_rows % 64 == 0 and header.endswith(" \n")
-    assert ast.literal_eval(header) == {"descr": "<f8", "fortran_order": False, "shape": (len(texts), 5)}
-    assert array[start_of_rows:] == b"".join(struct.pack("<5d", *vector) for vector in embed(texts, 5))
+    assert ast.literal_eval(header) == {"descr": f"<f{struct.calcsize(kind)}", "fortran_order": False, "shape": (len(texts), 5)}
+    assert array[start_of_rows:] == b"".join(struct.pack(f"<5{kind}", *vector) for vector in embed(texts, 5))
 
 
 def test_output_file_is_replaced_whole_or_not_at_all(tmp_path):
@@ -192,12 +193,15 @@ def test_ignored_interrupt_stays_ignored():
     ("embed a --concurrency 65", 64, "a whole number from 1 to 64"),
     ("embed a --format npy --keep-going", 64, "--help"),
     ("embed a --format csv", 64, "--help"),
+    ("embed a --dtype float32", 64, "--dtype is for --format npy"),
     ("embed a --deadline -1", 64, "--help"),
     ("embed a --deadline nan", 64, "--help"),
     ("embed a --log-level loud", 64, "--help"),
     ("embed a --backend none", 64, "takes auto, local, api, openai or tfidf"),
     ("embed a ++ b", 64, "embed -- ++"),
     ("search a --top 0", 64, "--help"),
+    ("search --backend tfidf", 64, "takes a QUERY or --queries"),
+    ("search a --index b --jsonl", 64, "--help"),
     ("embed --backend tfidf --input /no/such/file", 66, "/no/such/file"),
     ("search a --backend tfidf --input /usr", 66, "directory"),
     ("embed --backend tfidf --input a\nb", 66, "a\\nb"),

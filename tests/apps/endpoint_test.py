@@ -22,12 +22,13 @@ def texts_of(request):
     return json.loads(request.body)["input"]
 
 
+# Equal texts once, wherever they stand: five would be three batches.
 def test_embeds_batch_by_batch_in_order():
     with Server(answer_openai) as server:
         result = run("embed", "--backend", "openai", "--model", "m", "--batch-size", "2", "--base-url",
-                     server.url + "/v1/", given="a\nbcd\nef\n", env=KEY)
+                     server.url + "/v1/", given="a\nbcd\na\nef\nbcd\n", env=KEY)
     assert [(r["text"], r["vector"]) for r in result.records()] == [
-        ("a", [1, 0.5]), ("bcd", [3, 0.5]), ("ef", [2, 0.5])]
+        ("a", [1, 0.5]), ("bcd", [3, 0.5]), ("a", [1, 0.5]), ("ef", [2, 0.5]), ("bcd", [3, 0.5])]
     assert (len(server.requests), server.connections) == (2, 1)
     assert server.requests[1].startswith("POST /v1/embeddings HTTP/1.1")
     assert "Bearer sk-secret" in server.requests[1]

@@ -51,9 +51,13 @@ def test_says_what_it_is_doing(machine):
         result = machine.run(library, "status", *options.split())
         line = re.sub(r"\d+ s so far", "S s so far", result.out.decode())
         assert (result.status, line, result.err) == (status, f"The embedding model {said}\n", "")
-    assert machine.run("none", "status", "--wait", "--json").out == (
-        b'{"state":"ready","backend":"tfidf","detail":"sentence-transformers is not installed",'
-        b'"runtime":null,"kernels":null,"precision":null}\n')
+    settings = machine.write("configuration/tovana/settings.toml", "")
+    machine_options = machine.options("none")
+    machine_options["env"]["HF_HUB_CACHE"] = str(machine.folder / "cache")
+    assert run("status", "--wait", "--json", **machine_options).records() == [
+        {"state": "ready", "backend": "tfidf", "detail": "sentence-transformers is not installed", "runtime": None,
+         "kernels": None, "library": None, "precision": None, "model_folder": None,
+         "cache": str(machine.folder / "cache"), "settings": settings}]
     expect_error(machine.run("none", "status", "--wait", "--no-wait"), 64, "--no-wait")
 
 

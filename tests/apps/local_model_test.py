@@ -44,6 +44,13 @@ def test_puts_the_prompt_that_is_named_before_the_texts():
         expect_error(run("embed", "a", option, "--backend", "tfidf"), 64, f"tfidf has no {said}")
 
 
+def test_status_says_what_is_used():
+    result = run("status", "--wait", "--json", "--backend", "local", "--model", str(TINY_MODEL), env={"HOME": "/nobody"})
+    status, = result.records()
+    assert (status["library"], status["model_folder"]) == (str(LIBRARY), str(TINY_MODEL))
+    assert (status["cache"], status["settings"]) == ("/nobody/.cache/huggingface/hub", None)
+
+
 @pytest.mark.parametrize("model, settings, status, said", [
     ("a/b/c", {}, 64, "neither a repository"),
     ("./nowhere", {}, 65, "'./nowhere': no such folder"),

@@ -45,6 +45,6 @@ def test_manual_and_completion_name_what_there_is():
 
 
 def test_completion_offers_the_words_that_an_option_takes():
-    for option in ("--backend", "--precision", "--format", "--log-level"):
+    for option in ("--backend", "--precision", "--dtype", "--format", "--log-level"):
         words = re.search(r": takes (.*), not", run("embed", option, "x").err)[1]
         assert completions("embed", option, "=", "") == set(re.split(", | or ", words)), option

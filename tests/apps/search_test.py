@@ -8,7 +8,7 @@ INPUT = "".join(text + "\n" for text in TEXTS)
 
 
 def test_prints_the_texts_like_the_query_best_first():
-    (query,), vectors = embed(["readFile"]), embed(TEXTS)
+    (query,), vectors = embed(["readFile"], 4096), embed(TEXTS, 4096)
     expected = ""
     for index in (5, 3, 0):
         score = sum(a * b for a, b in zip(query, vectors[index]))
