@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <CLI/CLI.hpp>
+#include <unistd.h>
 
 #include "batching_arguments.h"
 #include "command.h"
@@ -14,6 +15,7 @@
 #include "engine_arguments.h"
 #include "engine_session.h"
 #include "failure.h"
+#include "input_file.h"
 #include "npy_writer.h"
 #include "option_values.h"
 #include "output.h"
@@ -75,6 +77,10 @@ ExitStatus embed(const EmbedArguments& arguments, const Interrupts& interrupts) 
   }
   if (arguments.dtype && !arguments.npy) {
     throw Failure(ExitStatus::usage, "--dtype is for --format npy; see tovana-embed embed --help");
+  }
+  if (arguments.npy && arguments.output == kStandardStream && isatty(STDOUT_FILENO) != 0) {
+    throw Failure(ExitStatus::usage,
+                  "npy is not for a terminal; give --output a file, or redirect it");
   }
   const NpyType dtype = arguments.dtype.value_or(NpyType::float64);
   const RunLimits limits(interrupts, arguments.deadline.value_or(RunLimits::kNoDeadline));

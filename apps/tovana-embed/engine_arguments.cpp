@@ -88,6 +88,9 @@ void check_options(const EngineArguments& arguments, const BackendKind& kind) {
     throw_usage(subject + " has no prompts; only local models have");
   if (arguments.api_url && !kind.takes_api_url) throw_usage(subject + " has no --api-url");
   if (arguments.base_url && !kind.takes_base_url) throw_usage(subject + " has no --base-url");
+  if (arguments.dimension && kind.name == "local") {
+    throw_usage(subject + " has no --dimension: its models have their own");
+  }
   if (arguments.no_wait && arguments.wait_s)
     throw_usage("--no-wait and --wait-s contradict each other");
 }
@@ -202,6 +205,10 @@ EngineConfiguration engine_configuration(const EngineArguments& arguments) {
   Config settings = file ? read_settings(*file) : Config();
   if (arguments.backend) settings.daemon.embedding_backend = *arguments.backend;
   const BackendKind& kind = kind_of(settings.daemon.embedding_backend);
+  if (kind.name != settings.daemon.embedding_backend) {
+    report("warning: " + file->string() + ": no embedding_backend is called \"" +
+           settings.daemon.embedding_backend + "\", so it counts as auto");
+  }
   check_options(arguments, kind);
   EngineConfiguration config = embedding::engine_config(settings);
   if (file && !arguments.base_url) {

@@ -98,6 +98,9 @@ ExitStatus run(std::vector<std::string> arguments, const Interrupts& interrupts)
                                          add_search_command(tool),        add_status_command(tool),
                                          add_migrate_check_command(tool), add_pull_command(tool)};
   for (const Command& command : commands) command.arguments->group("Commands");
+  const auto first =
+      std::ranges::find_if_not(arguments, [](const auto& word) { return word.starts_with("-"); });
+  const std::string word = first == arguments.end() ? "" : *first;
   try {
     check_no_terminator(arguments);
     std::ranges::reverse(arguments);  // the parser takes them from the back
@@ -111,9 +114,9 @@ ExitStatus run(std::vector<std::string> arguments, const Interrupts& interrupts)
   } catch (const CLI::ParseError& error) {
     const auto chosen = tool.get_subcommands();
     if (chosen.empty()) {
-      throw Failure(ExitStatus::usage,
-                    "there is no command in these arguments; give one, as embed, "
-                    "see tovana-embed --help");
+      const std::string problem =
+          word.empty() ? "there is no command in these arguments" : "no command is called " + word;
+      throw Failure(ExitStatus::usage, problem + "; give one, as embed, see tovana-embed --help");
     }
     throw Failure(ExitStatus::usage, std::string(error.what()) + "; see tovana-embed " +
                                          chosen.front()->get_name() + " --help");

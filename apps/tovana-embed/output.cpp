@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <utility>
 
@@ -69,6 +70,12 @@ Output::Output(std::string path, const RunLimits& limits)
 }
 
 Output::~Output() {
+  if (_descriptor == STDOUT_FILENO && _line_end > 0 && !_limits.should_stop()) {
+    try {
+      _flush(_line_end);
+    } catch (const std::exception&) {  // the command fails already
+    }
+  }
   if (_descriptor > STDERR_FILENO) ::close(_descriptor);
   if (!_target.empty()) remove_unfinished(false);
 }
@@ -119,17 +126,19 @@ void Output::write(std::string_view bytes) {
 
 char* Output::room(std::size_t size) {
   if (_capacity - _used < size) {
-    _flush();
-    if (_capacity < size) {
-      _buffer = std::make_unique<char[]>(size);
-      _capacity = size;
+    _flush(_line_end > 0 ? _line_end : _used);
+    if (_capacity - _used < size) {
+      auto larger = std::make_unique<char[]>(_used + size);
+      std::memcpy(larger.get(), _buffer.get(), _used);
+      _buffer = std::move(larger);
+      _capacity = _used + size;
     }
   }
   return _buffer.get() + _used;
 }
 
-void Output::_flush() {
-  std::string_view left(_buffer.get(), _used);
+void Output::_flush(std::size_t size) {
+  std::string_view left(_buffer.get(), size);
   while (!left.empty()) {
     _limits.check_interrupted();
     const ssize_t written = ::write(_descriptor, left.data(), left.size());
@@ -143,11 +152,13 @@ void Output::_flush() {
       throw_unwritable(errno);
     }
   }
-  _used = 0;
+  std::memmove(_buffer.get(), _buffer.get() + size, _used - size);
+  _used -= size;
+  _line_end = 0;
 }
 
 void Output::finish() {
-  _flush();
+  _flush(_used);
   if (!_target.empty() && ::fsync(_descriptor) != 0) throw_unwritable(errno);
   // Some file systems report only now that there was no space.
   if (::close(std::exchange(_descriptor, -1)) != 0) throw_unwritable(errno);

@@ -34,13 +34,18 @@ class Output {
   char* room(std::size_t size);
   void advance(const char* end) noexcept { _used = static_cast<std::size_t>(end - _buffer.get()); }
 
+  /// What was written so far is of use by itself: on standard output it appears even when the
+  /// command fails later, and what comes after it only with the next such end.
+  void end_line() noexcept { _line_end = _used; }
+
   /// Writes what is left and gives the file its name. Nothing is written afterwards.
   void finish();
 
  private:
   void _open_file();
   void _open_unfinished(const std::string& target);
-  void _flush();
+  /// Writes the first `size` bytes of the buffer.
+  void _flush(std::size_t size);
   [[noreturn]] void throw_unwritable(int error_number) const;
   [[noreturn]] void throw_unwritable(const std::string& reason, bool is_full = false) const;
 
@@ -51,6 +56,7 @@ class Output {
   std::unique_ptr<char[]> _buffer;
   std::size_t _capacity;
   std::size_t _used = 0;
+  std::size_t _line_end = 0;  ///< In the buffer; 0: no line has ended in it.
 };
 
 /// Removes the unfinished file of whichever Output is open, and keeps it and later ones from

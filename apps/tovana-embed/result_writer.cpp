@@ -60,6 +60,7 @@ void ResultWriter::_write(const InputTexts& texts, std::size_t index, const Vect
     _output.write(",\"vector\":");
     write_json_vector(_output, vector);
     _output.write("}\n");
+    _output.end_line();
   }
   ++_written;
   _progress.advance(1);
@@ -79,6 +80,7 @@ void ResultWriter::_write_error(const InputTexts& texts, std::size_t index,
   _output.write(",\"error\":");
   write_json_string(_output, reason);
   _output.write("}\n");
+  _output.end_line();
   if (_failed++ == 0) {
     _first_failure = texts.unit + " " + std::to_string(texts.lines[index]) + ": " + reason;
   }

@@ -114,8 +114,12 @@ std::optional<std::string_view> TextReader::_next_line() {
   std::string_view line = std::string_view(_content).substr(_begin);
   if (end != std::string::npos) line = line.substr(0, end - _begin);
   _begin += line.size() + (end != std::string::npos ? 1 : 0);
-  if (_number == 0 && line.starts_with(utf8::kByteOrderMark)) {
-    line.remove_prefix(utf8::kByteOrderMark.size());
+  if (_number == 0) {
+    if (line.starts_with("\xFF\xFE") || line.starts_with("\xFE\xFF")) {
+      throw Failure(ExitStatus::bad_data, input_name(_arguments.file) +
+                                              ": is UTF-16; convert it, as with iconv -f utf-16");
+    }
+    if (line.starts_with(utf8::kByteOrderMark)) line.remove_prefix(utf8::kByteOrderMark.size());
   }
   if (end == std::string::npos && line.empty()) return std::nullopt;
   ++_number;

@@ -66,8 +66,8 @@ class TextReader {
   static constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
 
   /// The next texts: `most` of them, or those up to the end. Blocks and throws as InputFile::read;
-  /// throws Failure (bad_data) for a line that is not such an object, when those before it have been
-  /// given, unless all were asked for.
+  /// throws Failure (bad_data) for UTF-16, and for a line that is not such an object, when those
+  /// before it have been given, unless all were asked for.
   InputTexts read(std::size_t most = kAll);
 
   /// Reads and checks all of a regular file, so that an error in its last line costs no work on the

@@ -92,6 +92,10 @@ def test_broken_json_lines_are_named(line):
     assert len(result.err) < 500, "quotes the line at length"
 
 
+def test_utf16_is_no_text():
+    expect_error(tfidf("embed", given="text".encode("utf-16")), 65, "is UTF-16")
+
+
 def test_ill_formed_utf8_is_repaired_with_one_warning():
     result = tfidf("embed", "--dimension", "1", given=b"a\nb \xff\xc3 c\n\xed\xa0\x80\nd")
     assert result.status == 0
@@ -182,6 +186,8 @@ def test_ignored_interrupt_stays_ignored():
 
 @pytest.mark.parametrize("command, status, said", [
     ("", 64, "--help"),
+    ("embd x", 64, "no command is called embd"),
+    ("embed a --backend local --dimension 3", 64, "its models have their own"),
     ("embed --no-such-option", 64, "--help"),
     ("embed a --input file", 64, "--help"),
     ("embed a --jsonl", 64, "--help"),

@@ -34,6 +34,13 @@ def test_embeds_batch_by_batch_in_order():
     assert "Bearer sk-secret" in server.requests[1]
 
 
+def test_a_failure_leaves_whole_lines():
+    calls = []
+    with Server(lambda request: (calls.append(0), request.reply(401) if len(calls) > 2 else answer_openai(request))) as server:
+        result = run("embed", "--backend", "openai", "--base-url", server.url, "--batch-size", "2", given="a\nb\nc\nd\ne\n")
+    assert [json.loads(line)["text"] for line in result.out.splitlines()] == ["a", "b", "c", "d"] and result.status == 69
+
+
 # A call that failed lets no other begin; those that run beside it have begun.
 @in_flight
 def test_says_in_one_line_why_a_call_failed(in_flight):

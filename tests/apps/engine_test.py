@@ -97,6 +97,8 @@ def test_follows_the_settings(machine):
     result = machine.run("gone.so", "status", "--settings", other)
     assert result.status == 0 and "no base_url configured, so the vectors are those of tfidf; " in result.err
     assert result.out == tfidf.replace(b"\n", b"; OpenAI backend requested but no base_url configured\n")
+    misspelt = machine.write("other.toml", "[daemon]\nembedding_backend = 'tfdif'\n")
+    assert f'{misspelt}: no embedding_backend is called "tfdif"' in machine.run("none", "status", "--settings", misspelt).err
     for line, said in [("embedding_backend = 1", ":2: daemon.embedding_backend must be a text"),
                        ("embedding_backend = 'openai'\n[generation]\nbase_url = 'http://'",
                         ": generation.base_url is no complete URL")]:
