@@ -98,6 +98,21 @@ def test_finds_what_a_search_of_the_texts_finds(tmp_path):
             assert len(hits) > 30
 
 
+# The place of a vector that is gone is nearest to nothing, and the next vector's; others stay where they are. The file may
+# be one that its writer could not take out of WAL mode.
+def test_gives_each_text_its_own_place(endpoint, tmp_path):
+    path = str(tmp_path / "index")
+    for texts, sought in [(["aaa", "bbb", "ccc"], "aaa"), (["bbb", "ccc"], "aaa"), (["bbb", "ccc", "ddddd", "eeeeeee"], None)]:
+        assert run(*endpoint.command("index", path), given="\n".join(texts)).status == 0
+        for text in [sought] if sought else texts:
+            best = run(*endpoint.command("search", text, "--index", path, "--top", "1")).out.decode()
+            assert best.startswith("1.0000\t" + text) if text in texts else best.count("\n") == 1
+    connection = sqlite3.connect(path)
+    assert connection.execute("PRAGMA journal_mode = WAL").fetchone() == ("wal",)
+    connection.close()
+    assert start_unprivileged(tmp_path, *endpoint.command("search", "bbb", "--index", path)).out.count(b"\n") == 4
+
+
 def test_keeps_the_records_that_are_gone_of_what_is_weighed_by_batch(tmp_path):
     path = str(tmp_path / "index")
     assert tfidf("index", path, given="read file\nopen file\n").status == 0
@@ -136,6 +151,19 @@ def test_a_run_that_ends_early_keeps_what_is_done(endpoint, tmp_path, ending):
     assert endpoint.asked == texts[600:]
     reader = start_unprivileged(tmp_path, *endpoint.command("search", "text", "--index", path, "--top", "1001"))
     assert reader.out.count(b"\n") == 1000, reader.err
+
+
+def test_a_run_does_not_go_on_with_what_another_has_changed(endpoint, tmp_path):
+    index = endpoint.command("index", str(tmp_path / "index"), "--batch-size", "1")
+
+    def answer_after_another_run(request):
+        endpoint.calls = None
+        assert run(*index, given="c\n").status == 0
+        endpoint._answer(request)
+
+    endpoint.calls, endpoint.ending = 1, answer_after_another_run
+    expect_error(run(*index, given="a\nb\n"), 75, "another process has changed it meanwhile; run it again")
+    assert run(*index, given="a\nb\n").out == b"2 records: 2 new, 0 changed, 1 gone; 2 texts embedded\n"
 
 
 def start_unprivileged(folder, *command):
