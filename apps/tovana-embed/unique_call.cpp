@@ -23,16 +23,15 @@ class EachOnce {
 
   ResultSink sink() {
     ResultSink sink;
-    sink.vectors = [this](const InputTexts&, std::size_t first,
-                          const std::vector<Vector>& vectors) {
-      for (std::size_t i = 0; i < vectors.size(); ++i) _results[first + i].vector = vectors[i];
+    sink.vectors = [this](const InputTexts&, std::size_t, const std::vector<Vector>& vectors) {
+      for (const Vector& vector : vectors) _results[_done++].vector = vector;
       _give();
     };
     if (!_sink.failed) return sink;
-    sink.failed = [this](const InputTexts&, std::size_t first, std::size_t count,
+    sink.failed = [this](const InputTexts&, std::size_t, std::size_t count,
                          const Failure& failure) {
       const auto shared = std::make_shared<const Failure>(failure);
-      for (std::size_t i = 0; i < count; ++i) _results[first + i].failure = shared;
+      for (std::size_t i = 0; i < count; ++i) _results[_done++].failure = shared;
       _give();
     };
     return sink;
@@ -72,7 +71,8 @@ class EachOnce {
   const ResultSink& _sink;
   std::vector<std::size_t> _uses;                    ///< Of each, how often it is still to come.
   std::unordered_map<std::size_t, Result> _results;  ///< Of those that are still to come.
-  std::size_t _next = 0;
+  std::size_t _done = 0;                             ///< Different ones that have had their result.
+  std::size_t _next = 0;  ///< Of all texts, the first one that has not been given.
 };
 
 }  // namespace

@@ -208,6 +208,7 @@ def test_ignored_interrupt_stays_ignored():
     ("search a --top 0", 64, "--help"),
     ("search --backend tfidf", 64, "takes a QUERY or --queries"),
     ("search a --index b --jsonl", 64, "--help"),
+    ("search a --index b --text-prompt c", 64, "--help"),
     ("embed --backend tfidf --input /no/such/file", 66, "/no/such/file"),
     ("search a --backend tfidf --input /usr", 66, "directory"),
     ("embed --backend tfidf --input a\nb", 66, "a\\nb"),

@@ -22,14 +22,17 @@ def texts_of(request):
     return json.loads(request.body)["input"]
 
 
-# Equal texts once, wherever they stand: five would be three batches.
-def test_embeds_batch_by_batch_in_order():
-    with Server(answer_openai) as server:
-        result = run("embed", "--backend", "openai", "--model", "m", "--batch-size", "2", "--base-url",
-                     server.url + "/v1/", given="a\nbcd\na\nef\nbcd\n", env=KEY)
+# Equal texts once: of arguments wherever they stand, of what is read as it is needed those of a batch.
+@pytest.mark.parametrize("arguments, expected", [
+    (["a", "bcd", "a", "ef", "ef", "g"], [["a", "bcd", "ef"], ["g"]]), ([], [["a", "bcd"], ["ef", "g"]])])
+def test_embeds_batch_by_batch_in_order(arguments, expected):
+    asked = []
+    with Server(lambda request: (asked.append(texts_of(request)), answer_openai(request))) as server:
+        result = run("embed", *arguments, "--backend", "openai", "--model", "m", "--batch-size", "3", "--base-url",
+                     server.url + "/v1/", given="a\nbcd\na\nef\nef\ng\n", env=KEY)
     assert [(r["text"], r["vector"]) for r in result.records()] == [
-        ("a", [1, 0.5]), ("bcd", [3, 0.5]), ("a", [1, 0.5]), ("ef", [2, 0.5]), ("bcd", [3, 0.5])]
-    assert (len(server.requests), server.connections) == (2, 1)
+        ("a", [1, 0.5]), ("bcd", [3, 0.5]), ("a", [1, 0.5]), ("ef", [2, 0.5]), ("ef", [2, 0.5]), ("g", [1, 0.5])]
+    assert (asked, server.connections) == (expected, 1)
     assert server.requests[1].startswith("POST /v1/embeddings HTTP/1.1")
     assert "Bearer sk-secret" in server.requests[1]
 
@@ -166,6 +169,8 @@ def test_keeps_going_past_failed_calls_and_tells_them(tmp_path, in_flight):
     with Server(answer) as server:
         command = openai(server, in_flight, "--jsonl", "--keep-going", "--batch-size=2")
         result = run(*command, "--output", str(tmp_path / "out"), given="\n".join(map(json.dumps, records)))
+        repeated = run(*openai(server, in_flight, *"a bad c a bad c".split(), "--keep-going", "--batch-size=2"))
+    assert ["error" in json.loads(line) for line in repeated.out.splitlines()] == [True, True, False] * 2
     expect_error(result, 69, '3 of 6 texts have no vector but an "error", the first is line 1: ')
     written = [json.loads(line) for line in (tmp_path / "out").read_text().splitlines()]
     assert [(record["id"], record["text"], record.get("vector")) for record in written] == [
@@ -187,7 +192,7 @@ def test_outlives_neither_its_deadline_nor_ctrl_c(in_flight, option):
         request.stall() if texts_of(request)[0] == "first" else answer_openai(request)
 
     with Server(answer_all_but_the_first) as server:
-        command = openai(server, in_flight, "--batch-size=1", option, "first", *["other"] * 60)
+        command = openai(server, in_flight, "--batch-size=1", option, "first", *map(str, range(60)))
         expect_error(run(*command, "--deadline", "0.5"), 69, "deadline")
         assert len(server.requests) <= 2 * in_flight
         asked.clear()

@@ -19,7 +19,7 @@ def test_prints_pythons_vectors():
         assert record["vector"] == expected, reference["text"]
 
 
-def test_puts_the_prompt_that_is_named_before_the_texts():
+def test_puts_the_prompt_that_is_named_before_the_texts(tmp_path):
     """A model with the prompts "ask", its default, which pooling leaves out, and two that are empty."""
     model = ("--backend", "local", "--model", str(TINY_MODEL.with_name("tiny_mpnet_odd_dense")))
 
@@ -37,6 +37,13 @@ def test_puts_the_prompt_that_is_named_before_the_texts():
     assert score() == cosine(query, text)
     assert score("--prompt", "query") == cosine(bare_query, text)
     assert score("--text-prompt", "query") == cosine(query, bare_text)
+
+    path = str(tmp_path / "index")
+    assert run("index", path, "--prompt", "query", *model, given="read it\n").status == 0
+    assert score("--index", path) == cosine(query, bare_text)
+    assert score("--index", path, "--prompt", "query") == cosine(bare_query, bare_text)
+    assert run("index", path, "--prompt", "document", *model, given="read it\n").out.endswith(b" 0 texts embedded\n")
+    expect_error(run("index", path, *model, given="read it\n"), 65, "of texts without a prompt, not with the prompt \"")
     for option in ("--prompt", "--text-prompt"):
         expect_error(run("search", "a", option, "x", *model, given="a\n"), 64,
                      'the model has no prompt "x"; it has "ask", "document", "query"')
