@@ -15,6 +15,7 @@
 #include "failure.h"
 #include "input_file.h"
 #include "tovana/base/mutex.h"
+#include "tovana/base/platform.h"
 
 namespace tovana::tool {
 namespace {
@@ -42,6 +43,11 @@ void remove_unfinished(bool for_good) {
   if (!unfinished.path.empty()) ::unlink(unfinished.path.c_str());
   unfinished.path.clear();
   unfinished.discarded = unfinished.discarded || for_good;
+}
+
+std::filesystem::path directory_of(const std::string& file) {
+  const std::filesystem::path directory = std::filesystem::path(file).parent_path();
+  return directory.empty() ? "." : directory;
 }
 
 /// The file itself, where the path is a symbolic link to one.
@@ -89,8 +95,8 @@ void Output::_open_file() {
   // Renaming needs no permission to write the file that it replaces; a user expects that it does.
   if (exists && ::access(_path.c_str(), W_OK) != 0) throw_unwritable(errno);
   if (!exists || S_ISREG(status.st_mode)) {
-    _open_unfinished(without_links(_path));
-    return;
+    _target = without_links(_path);
+    return _open_unfinished();
   }
   // `open` would wait for a pipe's reader past every limit.
   const int waiting = S_ISFIFO(status.st_mode) ? O_NONBLOCK : 0;
@@ -100,21 +106,26 @@ void Output::_open_file() {
   }
 }
 
-void Output::_open_unfinished(const std::string& target) {
-  const std::filesystem::path directory = std::filesystem::path(target).parent_path();
-  const std::string stem =
-      (directory / ".tovana-embed-").string() + std::to_string(::getpid()) + "-";
+void Output::_open_unfinished() {
   UnfinishedFile& unfinished = unfinished_file();
   const LockGuard lock(unfinished.mutex);
   if (unfinished.discarded) throw Interrupted();
+  _descriptor = open_nameless_file(directory_of(_target).c_str(), kNewFileMode);
+  if (_descriptor >= 0) return;
+  unfinished.path = _make_unfinished([this](const char* path) {
+    _descriptor = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
+    return _descriptor >= 0;
+  });
+}
+
+std::string Output::_make_unfinished(const std::function<bool(const char* path)>& make) const {
+  const std::string stem =
+      (directory_of(_target) / ".tovana-embed-").string() + std::to_string(::getpid()) + "-";
   for (int attempt = 0;; ++attempt) {
-    const std::string path = stem + std::to_string(attempt) + ".tmp";
-    _descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
-    if (_descriptor < 0 && errno == EEXIST) continue;  // left by a process killed long ago
-    if (_descriptor < 0) throw_unwritable(errno);
-    unfinished.path = path;
-    _target = target;
-    return;
+    std::string path = stem + std::to_string(attempt) + ".tmp";
+    if (make(path.c_str())) return path;
+    // That name may be left from a process that was killed long ago.
+    if (errno != EEXIST) throw_unwritable(errno);
   }
 }
 
@@ -159,14 +170,23 @@ void Output::_flush(std::size_t size) {
 
 void Output::finish() {
   _flush(_used);
-  if (!_target.empty() && ::fsync(_descriptor) != 0) throw_unwritable(errno);
+  if (!_target.empty()) return _finish_file();
   // Some file systems report only now that there was no space.
   if (::close(std::exchange(_descriptor, -1)) != 0) throw_unwritable(errno);
-  if (_target.empty()) return;
+}
 
+void Output::_finish_file() {
+  if (::fsync(_descriptor) != 0) throw_unwritable(errno);
   UnfinishedFile& unfinished = unfinished_file();
   const LockGuard lock(unfinished.mutex);
   if (unfinished.discarded) throw Interrupted();
+  // A file that is to take another one's place needs a name first.
+  if (unfinished.path.empty()) {
+    unfinished.path =
+        _make_unfinished([this](const char* path) { return name_file(_descriptor, path) == 0; });
+  }
+  // Some file systems report only now that there was no space.
+  if (::close(std::exchange(_descriptor, -1)) != 0) throw_unwritable(errno);
   if (std::rename(unfinished.path.c_str(), _target.c_str()) != 0) {
     throw_unwritable(errno);
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,8 +13,8 @@ namespace tovana::tool {
 /// The results of a command, buffered, on their way to standard output or a file.
 ///
 /// A file appears whole or not at all: what is written goes to another one in the same directory,
-/// which takes the name in `finish`. Without `finish` it is removed and an earlier file of that
-/// name stays. A symbolic link is followed; what is no regular file (a device, a pipe) is written
+/// which takes the name in `finish`, and has none before that where the file system has such files.
+/// Without `finish` it is removed and an earlier file of that name stays. A symbolic link is followed; what is no regular file (a device, a pipe) is written
 /// to as it is.
 ///
 /// Operations throw Failure (cannot_write), ClosedPipe when the reader has gone, and Interrupted.
@@ -43,7 +44,11 @@ class Output {
 
  private:
   void _open_file();
-  void _open_unfinished(const std::string& target);
+  void _open_unfinished();
+  void _finish_file();
+  /// Has `make` make a file in the target's directory, by names until nothing else has it. Returns
+  /// its path.
+  std::string _make_unfinished(const std::function<bool(const char* path)>& make) const;
   /// Writes the first `size` bytes of the buffer.
   void _flush(std::size_t size);
   [[noreturn]] void throw_unwritable(int error_number) const;

@@ -68,6 +68,10 @@ std::string_view dynamic_text(const link_map& object, ElfW(Sxword) kind, ElfW(Sx
 
 #endif
 
+std::string path_of_descriptor(int descriptor) {
+  return "/proc/self/fd/" + std::to_string(descriptor);
+}
+
 #if !defined(__linux__)
 
 bool any_pending(const sigset_t& signals) noexcept {
@@ -179,6 +183,24 @@ void advise_small_pages(void* begin, std::size_t size) noexcept {
   static_cast<void>(begin);
   static_cast<void>(size);
 #endif
+}
+
+int open_nameless_file(const char* directory, unsigned mode) {
+#if defined(O_TMPFILE)
+  const int opened = ::open(directory, O_WRONLY | O_TMPFILE | O_CLOEXEC, mode);
+  // Where it would be named by, which nobody has to have mounted.
+  if (opened >= 0 && ::access(path_of_descriptor(opened).c_str(), F_OK) == 0) return opened;
+  if (opened >= 0) ::close(opened);
+#else
+  static_cast<void>(directory);
+  static_cast<void>(mode);
+#endif
+  return -1;
+}
+
+int name_file(int descriptor, const char* path) {
+  return ::linkat(AT_FDCWD, path_of_descriptor(descriptor).c_str(), AT_FDCWD, path,
+                  AT_SYMLINK_FOLLOW);
 }
 
 void start_writing_back(int descriptor, std::uint64_t begin, std::uint64_t size) noexcept {

@@ -39,6 +39,13 @@ void name_this_thread(const char* name) noexcept;
 void advise_huge_pages(void* begin, std::size_t size) noexcept;
 void advise_small_pages(void* begin, std::size_t size) noexcept;
 
+/// Opens a new file to write in a directory that has no name, and goes with its last descriptor
+/// unless `name_file` has named it. -1 where the file system or the system has no such files, or
+/// they could not be named.
+int open_nameless_file(const char* directory, unsigned mode);
+/// 0, or -1 and `errno`; EEXIST where something has that name.
+int name_file(int descriptor, const char* path);
+
 /// Has the system begin to write a part of a file to the disk, without waiting for it. A hint, and
 /// nothing where the system has no such call.
 void start_writing_back(int descriptor, std::uint64_t begin, std::uint64_t size) noexcept;
