@@ -110,6 +110,17 @@ std::optional<std::string> problem_of_url(const EngineConfiguration& config, con
   return name + " is no complete URL, as http://host:8080/v1 is: '" + http::masked_url(url) + "'";
 }
 
+/// A name is never a folder's, whatever lies in the working directory; whoever typed one may think
+/// otherwise.
+void hint_at_folder(const std::string& model) {
+  std::error_code error;
+  const std::filesystem::path path(model);
+  if (path.is_absolute() || model.starts_with("./") || model.starts_with("../")) return;
+  if (!std::filesystem::is_directory(path, error)) return;
+  report("warning: --model " + model + " is a name on the hub; the folder here is --model ./" +
+         model);
+}
+
 }  // namespace
 
 void add_engine_options(CLI::App& command, EngineArguments& arguments) {
@@ -218,7 +229,10 @@ EngineConfiguration engine_configuration(const EngineArguments& arguments) {
   }
   if (arguments.base_url) config["base_url"] = *arguments.base_url;
   if (arguments.api_url) config["api_url"] = *arguments.api_url;
-  if (arguments.model) config["model_name"] = *arguments.model;
+  if (arguments.model) {
+    config["model_name"] = *arguments.model;
+    if (kind.takes_prompt) hint_at_folder(*arguments.model);
+  }
   const auto dimension = arguments.dimension ? arguments.dimension : arguments.usual_dimension;
   if (dimension) config["dimension"] = *dimension;
   if (config.contains("api_url")) {

@@ -13,6 +13,7 @@
 
 #include "cosine.h"
 #include "failure.h"
+#include "tovana/base/platform.h"
 
 namespace tovana::tool {
 namespace {
@@ -56,8 +57,9 @@ std::vector<float> direction_of(std::span<const double> vector) {
 std::string mark_of(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return "gone";
+  const std::timespec modified = modification_time(status);
   return std::to_string(status.st_ino) + " " + std::to_string(status.st_size) + " " +
-         std::to_string(status.st_mtim.tv_sec) + " " + std::to_string(status.st_mtim.tv_nsec);
+         std::to_string(modified.tv_sec) + " " + std::to_string(modified.tv_nsec);
 }
 
 /// Offers the vectors of blocks `first` to `end` to each query's ranking.

@@ -68,12 +68,15 @@ def test_status_says_what_is_used():
     ("tiny", {"HF_ENDPOINT": "foo"}, 65, "HF_ENDPOINT is 'foo'"),
     ("busy", {}, 75, "HTTP 429"),
 ])
-def test_says_why_a_model_does_not_load_and_whether_trying_again_helps(tmp_path, model, settings, status, said):
+def test_says_why_a_model_does_not_load_and_whether_trying_again_helps(tmp_path, monkeypatch, model, settings, status, said):
+    (tmp_path / "nobody").mkdir()
+    monkeypatch.chdir(tmp_path)
     with Hub("sentence-transformers/tiny", {**tiny_model(), "model.safetensors": b""}) as hub:
         env = {"HF_ENDPOINT": hub.url, "HF_HUB_CACHE": str(tmp_path), **settings}
         result = run("embed", "a", "--backend", "local", "--model", model, env=env)
     error = result._replace(err=result.err.splitlines(keepends=True)[-1])  # what is fetched is told before
     expect_error(error, status, said)
+    assert ("the folder here is --model ./nobody\n" in result.err) == (model == "nobody")
     for wrong in ("next attempt", "pull", "tiny fetches"):
         assert wrong not in error.err
 
