@@ -7,6 +7,9 @@ namespace {
 
 constexpr std::int64_t kApplicationId = 0x746F7665;  // "tove"
 
+/// Of a vector, as many of which as a row holds fit into SQLite's largest BLOB.
+constexpr std::int64_t kMostNumbers = 1'000'000'000 / (kBlockVectors * sizeof(float));
+
 std::int64_t number(const SqliteConnection& connection, const char* sql) {
   SqliteStatement statement(connection, sql);
   return statement.step() ? statement.integer(0) : 0;
@@ -33,6 +36,12 @@ std::optional<IndexHead> read_index_head(const SqliteConnection& connection) {
   }
   SqliteStatement about(connection, "SELECT backend, prompt, dimension, changes FROM about");
   if (!about.step()) return std::nullopt;
+  if (about.integer(2) < 0 || about.integer(2) > kMostNumbers) {
+    throw Failure(
+        ExitStatus::bad_data,
+        connection.path() + ": it says that vectors have " + std::to_string(about.integer(2)) +
+            " numbers; it is damaged, remove it and make it again with tovana-embed index");
+  }
   return IndexHead{.origin = {.backend = std::string(about.text(0)),
                               .prompt = std::string(about.text(1)),
                               .dimension = static_cast<std::size_t>(about.integer(2))},

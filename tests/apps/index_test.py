@@ -7,7 +7,7 @@ import sqlite3
 import threading
 
 import pytest
-from rig import Server, expect_error, finish, run, start, tfidf
+from rig import Server, answer_openai, expect_error, finish, run, start, tfidf
 
 
 class Endpoint(Server):
@@ -166,6 +166,25 @@ def test_a_run_does_not_go_on_with_what_another_has_changed(endpoint, tmp_path):
     assert run(*index, given="a\nb\n").out == b"2 records: 2 new, 0 changed, 1 gone; 2 texts embedded\n"
 
 
+# The first call comes back when the second has begun; what came before one that fails stays, in whichever order they end.
+def test_has_as_many_requests_in_flight_as_it_is_told(tmp_path):
+    second_has_begun = threading.Event()
+
+    def answer(request):
+        text, = json.loads(request.body)["input"]
+        if text == "second":
+            second_has_begun.set()
+        is_good = second_has_begun.wait(5) if text == "first" else text != "third"
+        answer_openai(request) if is_good else request.reply(401)
+
+    with Server(answer) as server:
+        of_server = [str(tmp_path / "index"), "--backend", "openai", "--base-url", server.url]
+        result = run("index", *of_server, "--concurrency=2", "--batch-size=1", given="first\nsecond\nthird\n")
+        expect_error(result, 69, "; the call was for line 3\n")
+        found = run("search", "a", "--index", *of_server)
+    assert sorted(line.split(b"\t")[1] for line in found.out.splitlines()) == [b"first", b"second"]
+
+
 def start_unprivileged(folder, *command):
     """The tool where it may make nothing in the folder, which root's rights do not help against."""
     folder.chmod(0o555)
@@ -186,6 +205,9 @@ def make_other(path, content):
         sqlite3.connect(path).execute("PRAGMA user_version = 2")
     elif content == "an index":
         tfidf("index", path, given="a file\n")
+    elif content == "a damaged index":
+        tfidf("index", path, given="a file\n")
+        sqlite3.connect(path, isolation_level=None).execute("UPDATE about SET dimension = -1")
     elif content is not None:
         with open(path, "w") as file:
             file.write(content * 10000)
@@ -195,6 +217,7 @@ def make_other(path, content):
     ("no database", "", "", 65, "not a database; give a file that tovana-embed index has made"),
     ("a database", "--rebuild", "", 65, "the database of something else"),
     ("a newer index", "--rebuild", "", 65, "an index of format 2, where this version knows 1"),
+    ("a damaged index", "--rebuild", "", 65, "it says that vectors have -1 numbers; it is damaged, remove it"),
     ("an index", "--dimension 3", "", 65, "holds vectors of 256 numbers, not of 3; --rebuild makes"),
     ("an index", "--backend openai --base-url http://127.0.0.1:9", "", 65, "of tfidf, not of openai:text-embedding-3-small; --reb"),
     ("an index", "--rebuild --keep-gone", "", 64, "--help"),
