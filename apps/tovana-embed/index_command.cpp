@@ -154,6 +154,10 @@ otherwise it is a line, known by its text. Tags of universal-ctags may be given
 as they come. Ended before it is done, by whatever, it keeps what is done, and
 the next run goes on. It can be searched meanwhile.
 
+Vectors compare only with those of the same backend, and are to have had the
+same --prompt before their texts: with another one a run is refused, unless it
+is to --rebuild the index.
+
 tfidf weighs words by how rare they are in the whole, so it embeds all texts
 again when there is any change.
 

@@ -340,16 +340,17 @@ Command add_search_command(CLI::App& tool) {
       command
           .add_option("--text-prompt", arguments->engine.text_prompt,
                       "local: the same before each text of the input:\n"
-                      "\"document\". An index has been told by --prompt")
+                      "\"document\". An index has its own")
           ->option_text("NAME");
   index->excludes(text_prompt);
   add_engine_options(command, arguments->engine);
   command.footer(
       R"(Prints the cosine similarity, a tab and the text, best first. Texts with a
 similarity of 0 or below have nothing in common with the query and are left out.
-Every text is looked at: nothing that is nearer is missed. An index is searched by
-the backend that made it. tfidf takes vectors of up to 4,096 numbers for texts that
-are embedded now, unless --dimension says otherwise.
+Every text is looked at: nothing that is nearer is missed. An index is searched
+by the backend that made it, whatever --prompt put before its texts: here that
+is for the query alone. tfidf takes vectors of up to 4,096 numbers for texts
+that are embedded now, unless --dimension says otherwise.
 Control characters of a text are printed as escapes. That nothing was found is
 said on stderr; the exit status is 0 all the same.
 
