@@ -43,7 +43,7 @@ def test_readme_shows_what_works_and_what_it_prints(tmp_path):
     (tmp_path / "scripts/run").symlink_to(tmp_path / "bin/tovana-embed")
     (tmp_path / "bin").mkdir()
     (tmp_path / "bin/tovana-embed").write_text(f'#!/bin/sh\nexec "{TOOL}" "$@"\n')
-    (tmp_path / "bin/ctags").write_text('#!/bin/sh\ncp "$0.jsonl" tags.jsonl\n')
+    (tmp_path / "bin/ctags").write_text('#!/bin/sh\ncat "$0.jsonl"\n')
     for program in ("tovana-embed", "ctags"):
         (tmp_path / "bin" / program).chmod(0o755)
     shown = shown_commands()
