@@ -73,10 +73,10 @@ class Job {
       }
       if (part == _parts) {
         ticket = _wait_for_change(ticket);
-        wait_time = std::max(wait_time, since(begin));
+        wait_time = std::max(wait_time, _since(begin));
       } else if (_next.compare_exchange_weak(ticket, ticket + 1, std::memory_order_acquire)) {
         _run(step, part);
-        part_time = std::max(part_time, since(begin));
+        part_time = std::max(part_time, _since(begin));
         if (is_unwanted()) return {.is_done = false, .has_waited = false};
         ticket = _next.load(std::memory_order_acquire);
       }
@@ -92,7 +92,7 @@ class Job {
   static constexpr std::uint64_t kPartMask = 0xFFFFFFFF;
 
   /// Moves `begin` to now.
-  static SteadyClock::duration since(SteadyClock::time_point& begin) {
+  static SteadyClock::duration _since(SteadyClock::time_point& begin) {
     const auto now = SteadyClock::now();
     return now - std::exchange(begin, now);
   }

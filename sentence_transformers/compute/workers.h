@@ -29,8 +29,9 @@ class SteppedWork {
 /// if it is stopped in the middle of one.
 ///
 /// Helpers are the process's: threads that sleep when there has been nothing to do for some 40
-/// microseconds, and are never more than the processors but one that the process may use. They help as long as no more threads compute, those that call this
-/// included, than there are processors; with more callers than that, each works by itself.
+/// microseconds, and are never more than the processors but one that the process may use. They help
+/// as long as no more threads compute, those that call this included, than there are processors;
+/// with more callers than that, each works by itself.
 ///
 /// Threads: any number may call this at once. Safe while the process exits: that waits for nobody
 /// here, and takes nothing away. Safe in a child, whenever it was forked: it has helpers of its own.
