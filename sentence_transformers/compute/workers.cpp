@@ -101,7 +101,6 @@ class Job {
     _guarded([&] { _work.run(step, part); });
     if (_unfinished.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     // The last one of this step: nobody else does anything before the next one is opened.
-    _guarded([&] { _work.finish(step); });
     _unfinished.store(_parts, std::memory_order_relaxed);
     const bool is_over = _has_failed.load(std::memory_order_relaxed);
     _next.store(static_cast<std::uint64_t>(is_over ? _steps : step + 1) << 32U,

@@ -13,16 +13,12 @@ class SteppedWork {
   SteppedWork& operator=(const SteppedWork&) = delete;
   virtual ~SteppedWork() = default;
 
-  /// Runs a part of a step, on any thread. Every part of the step before has been run, and
-  /// `finish` has for that step.
+  /// Runs a part of a step, on any thread. Every part of the step before has been run.
   virtual void run(std::size_t step, std::size_t part) = 0;
-
-  /// Called once for each step, when all its parts have been run.
-  virtual void finish(std::size_t step) = 0;
 };
 
 /// Does the work on this thread and at most `threads - 1` helpers; returns when it is done. Throws
-/// the first exception that a part or a `finish` threw; what had not begun by then is not run.
+/// the first exception that a part threw; what had not begun by then is not run.
 ///
 /// Nobody waits for a thread that has yet to begin: a part belongs to whoever takes it first, so
 /// that a helper which the system does not let run costs nothing. It costs as much as a part takes

@@ -59,7 +59,6 @@ class TableCopy final : public SteppedWork {
     _tensor.file->read_float32(*_tensor.entry, first, read);
     if (!sentence_transformers::is_finite(read)) _is_finite = false;
   }
-  void finish(std::size_t) override {}
 
   bool is_finite() const noexcept { return _is_finite; }
 

@@ -207,8 +207,6 @@ class NativeEncoder::BatchesApart final : public SteppedWork {
     _consume(part, workspace.hidden);
   }
 
-  void finish(std::size_t) override {}
-
  private:
   const NativeEncoder& _encoder;
   const std::span<const TokenBatch> _batches;
@@ -242,8 +240,6 @@ class NativeEncoder::BatchTogether final : public SteppedWork {
       _add_up(half, share(rows_of(_batch), parts(), part));
     }
   }
-
-  void finish(std::size_t) override {}
 
  private:
   void _add_up(std::size_t half, Range rows) const {

@@ -69,8 +69,6 @@ class NativeLayers::Load final : public SteppedWork {
     layer.output_norm = load_norm(_checkpoint, tensors.output_norm, _config);
   }
 
-  void finish(std::size_t) override {}
-
  private:
   void _make_shards(Layer& layer, float* memory) const {
     FloatSlices slices(memory);

@@ -1,5 +1,6 @@
 #include "sentence_transformers/compute/workers.h"
 
+#include <array>
 #include <atomic>
 #include <barrier>
 #include <cstddef>
@@ -18,38 +19,33 @@
 namespace tovana::sentence_transformers {
 namespace {
 
+constexpr std::size_t kSteps = 40;
+constexpr std::size_t kParts = 5;
+constexpr std::size_t kNever = kSteps;
+
 /// Adds up numbers in a way that only the right order of steps gets right, without a lock: what a
 /// part writes is its own, and what it reads was written in the step before.
 class Recurrence final : public SteppedWork {
  public:
-  Recurrence(std::size_t parts, std::size_t failing_step) : _now(parts, 1), _failing(failing_step) {
-    _before = _now;
-  }
+  Recurrence(std::size_t parts, std::size_t failing_step)
+      : _numbers{std::vector<std::size_t>(parts, 1), std::vector<std::size_t>(parts, 1)},
+        _failing(failing_step) {}
 
   void run(std::size_t step, std::size_t part) override {
     if (step == _failing && part == 1) throw std::runtime_error("part 1 fails");
     std::size_t sum = step;
-    for (const std::size_t number : _before) sum = (sum * 31 + number) % 1'000'003;
-    _now[part] = sum + part;
+    for (const std::size_t number : _numbers[step % 2]) sum = (sum * 31 + number) % 1'000'003;
+    _numbers[1 - step % 2][part] = sum + part;
     ++runs;
   }
-  void finish(std::size_t step) override {
-    EXPECT_LE(step, _failing);
-    _before = _now;
-  }
 
-  const std::vector<std::size_t>& result() const { return _before; }
+  const std::vector<std::size_t>& result() const { return _numbers[kSteps % 2]; }
   std::atomic<std::size_t> runs = 0;
 
  private:
-  std::vector<std::size_t> _before;
-  std::vector<std::size_t> _now;
+  std::array<std::vector<std::size_t>, 2> _numbers;  ///< Those of a step, and of the next.
   const std::size_t _failing;
 };
-
-constexpr std::size_t kSteps = 40;
-constexpr std::size_t kParts = 5;
-constexpr std::size_t kNever = kSteps;
 
 std::vector<std::size_t> result_on(std::size_t threads) {
   Recurrence work(kParts, kNever);
@@ -92,7 +88,6 @@ class Meeting final : public SteppedWork {
     _begun.arrive_and_wait();
     if (std::this_thread::get_id() == _caller) _then();
   }
-  void finish(std::size_t) override {}
 
  private:
   std::barrier<> _begun{2};
