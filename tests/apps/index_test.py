@@ -174,7 +174,7 @@ def test_has_as_many_requests_in_flight_as_it_is_told(tmp_path):
         text, = json.loads(request.body)["input"]
         if text == "second":
             second_has_begun.set()
-        is_good = second_has_begun.wait(5) if text == "first" else text != "third"
+        is_good = second_has_begun.wait(60) if text == "first" else text != "third"
         answer_openai(request) if is_good else request.reply(401)
 
     with Server(answer) as server:
